@@ -1,0 +1,26 @@
+// CurlHttpTransport: the HttpTransport of real hosts, a blocking libcurl send.
+//
+// TLS certificate and host verification are on; redirects are not followed (a
+// redirect is a non-200 status for the reply judge); the time-out is the
+// request's own (60 seconds unless set). A transport failure becomes an Error in
+// the domain kCurlErrorDomain carrying libcurl's own code and message.
+//
+// Thread-safety: concurrent sends from several threads are safe; each send uses
+// its own libcurl handle.
+#pragma once
+
+#include <string_view>
+
+#include "zolvani/subscription/platform/HttpTransport.h"
+
+namespace zolvani {
+
+inline constexpr std::string_view kCurlErrorDomain = "ZolvaniTransport.curl";
+
+class CurlHttpTransport final : public HttpTransport {
+ public:
+  CurlHttpTransport();
+  HttpReply send(const HttpRequest& request) override;
+};
+
+}  // namespace zolvani

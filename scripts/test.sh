@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Sets a machine up, configures, builds and runs every test.
+#   scripts/test.sh                 the normal build in build/
+#   ZSM_SANITIZE=address,undefined scripts/test.sh   a sanitizer build in build-asan/
+#   ZSM_SANITIZE=thread ZSM_TEST_LABELS=store scripts/test.sh   thread sanitizer, store tests only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/setup.sh
+
+sanitize="${ZSM_SANITIZE:-}"
+case "$sanitize" in
+  "") build_dir="${ZSM_BUILD_DIR:-build}" ;;
+  thread) build_dir="${ZSM_BUILD_DIR:-build-tsan}" ;;
+  *) build_dir="${ZSM_BUILD_DIR:-build-asan}" ;;
+esac
+
+cmake -S . -B "$build_dir" -G Ninja \
+  -DCMAKE_BUILD_TYPE="${ZSM_BUILD_TYPE:-RelWithDebInfo}" \
+  -DZSM_WERROR="${ZSM_WERROR:-ON}" \
+  -DZSM_SANITIZE="$sanitize" \
+  -DZSM_BUILD_TESTS=ON >/dev/null
+cmake --build "$build_dir" -j2
+
+label_args=()
+if [ -n "${ZSM_TEST_LABELS:-}" ]; then label_args=(-L "$ZSM_TEST_LABELS"); fi
+export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1 second_deadlock_stack=1}"
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1 halt_on_error=1}"
+ctest --test-dir "$build_dir" --output-on-failure -j2 --timeout 300 "${label_args[@]}"
