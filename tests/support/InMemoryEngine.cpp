@@ -1,0 +1,706 @@
+#include "support/InMemoryEngine.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+namespace zolvani::testing {
+namespace {
+
+thread_local const InMemoryStoreContext* blockContext = nullptr;
+thread_local int blockDepth = 0;
+
+class InMemorySubscriptionData final : public SubscriptionData {
+ public:
+  std::string uuid() const override { return uuid_; }
+  void setUuid(std::string uuid) override { uuid_ = std::move(uuid); }
+  std::int16_t maxItemsValue() const override { return maxItems_; }
+  void setMaxItemsValue(std::int16_t value) override { maxItems_ = value; }
+  bool autodeleteValue() const override { return autodelete_; }
+  void setAutodeleteValue(bool value) override { autodelete_ = value; }
+  std::int64_t maxBitrateValue() const override { return maxBitrate_; }
+  void setMaxBitrateValue(std::int64_t value) override { maxBitrate_ = value; }
+  AssetDataOrderedSet& feedItemsSet() override { return feedItems_; }
+  AssetDataOrderedSet& deferredFeedItemsSet() override { return deferred_; }
+
+ private:
+  std::string uuid_;
+  std::int16_t maxItems_ = 0;
+  bool autodelete_ = false;
+  std::int64_t maxBitrate_ = 0;
+  AssetDataOrderedSet feedItems_, deferred_;
+};
+
+}  // namespace
+
+// The persistent record of one asset; the same object for the asset's life.
+class InMemoryAssetData final : public ZolvaniAssetData {
+ public:
+  InMemoryAssetData(std::weak_ptr<InMemoryAsset> asset, std::string uuid,
+                    std::weak_ptr<ZolvaniManagedObjectContext> context)
+      : asset_(std::move(asset)), uuid_(std::move(uuid)), context_(std::move(context)) {}
+
+  std::string uuid() const override { return uuid_; }
+  std::optional<Date> downloadCompleteDateTime() const override {
+    auto a = asset_.lock();
+    return a ? a->downloadCompleteDateTime() : std::nullopt;
+  }
+  std::shared_ptr<ZolvaniManagedObjectContext> managedObjectContext() const override {
+    return context_.lock();
+  }
+  Value valueForKey(std::string_view attribute) const override {
+    auto a = asset_.lock();
+    if (!a) return Value();
+    if (attribute == ZolvaniAssetDataAttributes[9]) return Value(a->creationDate());
+    if (attribute == "uuid") return Value(uuid_);
+    if (attribute == "assetID") return Value(a->assetID());
+    if (attribute == "downloadCompleteDateTime") {
+      auto d = a->downloadCompleteDateTime();
+      return d ? Value(*d) : Value();
+    }
+    return Value();
+  }
+
+ private:
+  std::weak_ptr<InMemoryAsset> asset_;
+  std::string uuid_;
+  std::weak_ptr<ZolvaniManagedObjectContext> context_;
+};
+
+// ---------------------------------------------------------------------------
+// Assets
+
+InMemoryAsset::InMemoryAsset(std::weak_ptr<InMemoryEngine> engine, std::string uuid,
+                             AssetCreation creation, Date creationDate)
+    : engine_(std::move(engine)), uuid_(std::move(uuid)), creation_(std::move(creation)),
+      creationDate_(creationDate) {}
+
+void InMemoryAsset::_setCreationDate(Date date) {
+  std::lock_guard lock(mutex_);
+  creationDate_ = date;
+  explicitCreationDate_ = date;
+}
+
+Date InMemoryAsset::creationDate() const {
+  std::lock_guard lock(mutex_);
+  return creationDate_;
+}
+
+std::optional<Date> InMemoryAsset::explicitCreationDate() const {
+  std::lock_guard lock(mutex_);
+  return explicitCreationDate_;
+}
+
+std::optional<Date> InMemoryAsset::downloadCompleteDateTime() const {
+  std::lock_guard lock(mutex_);
+  return downloadComplete_;
+}
+
+double InMemoryAsset::fractionComplete() const {
+  std::lock_guard lock(mutex_);
+  return fraction_;
+}
+
+void InMemoryAsset::setDownloadComplete(std::optional<Date> when) {
+  std::lock_guard lock(mutex_);
+  downloadComplete_ = when;
+  if (when) fraction_ = 1.0;
+}
+
+void InMemoryAsset::setFractionComplete(double fraction) {
+  std::lock_guard lock(mutex_);
+  fraction_ = fraction;
+}
+
+std::shared_ptr<ZolvaniAssetData> InMemoryAsset::assetDataFromAsset() {
+  std::lock_guard lock(mutex_);
+  if (!data_) {
+    auto engine = engine_.lock();
+    std::weak_ptr<ZolvaniManagedObjectContext> ctx;
+    if (engine) ctx = engine->context();
+    data_ = std::make_shared<InMemoryAssetData>(weak_from_this(), uuid_, ctx);
+  }
+  return data_;
+}
+
+void InMemoryAsset::deleteAssetWithReason(std::int64_t reason,
+                                          std::function<void(bool, std::optional<Error>)> onComplete) {
+  if (auto engine = engine_.lock()) engine->removeAsset(uuid_, reason);
+  if (onComplete) onComplete(true, std::nullopt);
+}
+
+// ---------------------------------------------------------------------------
+// Store context
+
+void InMemoryStoreContext::performBlockAndWait(const std::function<void()>& block) {
+  std::lock_guard lock(mutex_);
+  const InMemoryStoreContext* outer = blockContext;
+  blockContext = this;
+  ++blockDepth;
+  block();
+  --blockDepth;
+  blockContext = outer;
+}
+
+bool InMemoryStoreContext::insideBlock() const { return blockContext == this && blockDepth > 0; }
+
+std::vector<std::shared_ptr<SubscriptionData>> InMemoryStoreContext::executeFetchRequest(
+    const SubscriptionDataFetchRequest& request, std::optional<Error>* error) {
+  std::lock_guard lock(mutex_);
+  if (failFetches) {
+    if (error) *error = Error::make("InMemoryStore", 1, "fetch failed");
+    return {};
+  }
+  std::vector<std::shared_ptr<SubscriptionData>> out;
+  for (const auto& r : live_) {
+    if (request.key) {
+      if (*request.key != SubscriptionDataAttributes[3]) continue;  // only the key attribute is indexed
+      if (r->uuid() != request.value) continue;
+    }
+    out.push_back(r);
+  }
+  return out;
+}
+
+std::shared_ptr<SubscriptionData> InMemoryStoreContext::insertSubscriptionData() {
+  std::lock_guard lock(mutex_);
+  auto r = std::make_shared<InMemorySubscriptionData>();
+  live_.push_back(r);
+  return r;
+}
+
+void InMemoryStoreContext::deleteObject(const std::shared_ptr<SubscriptionData>& record) {
+  std::lock_guard lock(mutex_);
+  std::erase(live_, record);
+}
+
+void InMemoryStoreContext::refreshObject(const std::shared_ptr<ZolvaniAssetData>&, bool) {
+  std::lock_guard lock(mutex_);
+  ++refreshes_;
+}
+
+bool InMemoryStoreContext::save() {
+  std::lock_guard lock(mutex_);
+  ++saves_;
+  saved_.clear();
+  for (const auto& r : live_) {
+    SavedRecord s{r->uuid(), r->maxItemsValue(), r->autodeleteValue(), r->maxBitrateValue(), {}, {}};
+    for (const auto& i : r->feedItemsSet()) s.feedItems.push_back(i->uuid());
+    for (const auto& i : r->deferredFeedItemsSet()) s.deferredFeedItems.push_back(i->uuid());
+    saved_.push_back(std::move(s));
+  }
+  return true;
+}
+
+void InMemoryStoreContext::rollback() {
+  std::lock_guard lock(mutex_);
+  live_.clear();
+  for (const auto& s : saved_) {
+    auto r = std::make_shared<InMemorySubscriptionData>();
+    r->setUuid(s.uuid);
+    r->setMaxItemsValue(s.maxItems);
+    r->setAutodeleteValue(s.autodelete);
+    r->setMaxBitrateValue(s.maxBitrate);
+    for (const auto& u : s.feedItems)
+      if (auto d = resolveAssetData ? resolveAssetData(u) : nullptr) r->feedItemsSet().add(d);
+    for (const auto& u : s.deferredFeedItems)
+      if (auto d = resolveAssetData ? resolveAssetData(u) : nullptr) r->deferredFeedItemsSet().add(d);
+    live_.push_back(r);
+  }
+}
+
+int InMemoryStoreContext::saves() const {
+  std::lock_guard lock(mutex_);
+  return saves_;
+}
+
+int InMemoryStoreContext::refreshes() const {
+  std::lock_guard lock(mutex_);
+  return refreshes_;
+}
+
+std::vector<InMemoryStoreContext::SavedRecord> InMemoryStoreContext::savedRecords() const {
+  std::lock_guard lock(mutex_);
+  return saved_;
+}
+
+void InMemoryStoreContext::forgetAssetData(const std::shared_ptr<ZolvaniAssetData>& item) {
+  std::lock_guard lock(mutex_);
+  for (auto& r : live_) {
+    r->feedItemsSet().remove(item);
+    r->deferredFeedItemsSet().remove(item);
+  }
+  const std::string uuid = item->uuid();
+  for (auto& s : saved_) {
+    std::erase(s.feedItems, uuid);
+    std::erase(s.deferredFeedItems, uuid);
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Roles
+
+namespace {
+
+using EnginePtr = std::shared_ptr<InMemoryEngine>;
+
+}  // namespace
+
+class EngineRoleSet {
+ public:
+  class Download final : public ZolvaniDownloadEngine {
+   public:
+    explicit Download(EnginePtr e) : e_(std::move(e)) {}
+    bool started() override { return e_->started; }
+    std::string user() override {
+      std::lock_guard l(e_->mutex_);
+      return e_->user_;
+    }
+    std::string keelhallURL() override {
+      std::lock_guard l(e_->mutex_);
+      return e_->url_;
+    }
+    std::string secret() override {
+      std::lock_guard l(e_->mutex_);
+      return e_->secret_;
+    }
+    std::string key() override {
+      std::lock_guard l(e_->mutex_);
+      return e_->key_;
+    }
+    void startupWithKeelhall(std::string url, std::string user, std::string device, std::string priv,
+                             std::string pub, bool internalOverride,
+                             std::function<void(bool, std::optional<Error>)> onComplete) override {
+      {
+        std::lock_guard l(e_->mutex_);
+        e_->startups_.push_back({url, user, device, priv, pub, internalOverride});
+        if (e_->startupStartsEngine) {
+          e_->url_ = url;
+          e_->user_ = user;
+          e_->secret_ = priv;
+          e_->key_ = pub;
+        }
+      }
+      if (e_->startupStartsEngine) e_->started = true;
+      if (onComplete) onComplete(e_->startupStartsEngine.load(), std::nullopt);
+    }
+    std::vector<std::string> assetsInQueue() override {
+      std::lock_guard l(e_->mutex_);
+      std::vector<std::string> out = e_->extraQueue_;
+      for (const auto& u : e_->queued_)
+        if (e_->live_.count(u) && std::find(out.begin(), out.end(), u) == out.end()) out.push_back(u);
+      return out;
+    }
+    void addToQueue(std::shared_ptr<ZolvaniAsset> asset, std::uint64_t,
+                    std::function<void(bool, std::optional<Error>)> onComplete) override {
+      std::optional<Error> error;
+      {
+        std::lock_guard l(e_->mutex_);
+        error = e_->queueingError_;
+        if (!error && asset) e_->queued_.push_back(asset->uuid());
+      }
+      if (onComplete) onComplete(!error, error);
+    }
+
+   private:
+    EnginePtr e_;
+  };
+
+  class Keelhall final : public ZolvaniKeelhall {
+   public:
+    explicit Keelhall(EnginePtr e) : e_(std::move(e)) {}
+    bool keelhallEnabled() override { return e_->keelhallEnabled; }
+    std::string keelhallURL() override { return get(&InMemoryEngine::keelhallURL_); }
+    std::string user() override { return get(&InMemoryEngine::keelhallUser_); }
+    std::string externalDeviceID() override { return get(&InMemoryEngine::keelhallDevice_); }
+    std::string secret() override { return get(&InMemoryEngine::keelhallSecret_); }
+    std::string key() override { return get(&InMemoryEngine::keelhallKey_); }
+
+   private:
+    std::string get(std::string InMemoryEngine::*field) {
+      std::lock_guard l(e_->mutex_);
+      return (*e_).*field;
+    }
+    EnginePtr e_;
+  };
+
+  class Events final : public ZolvaniEventHandler {
+   public:
+    explicit Events(EnginePtr e) : e_(std::move(e)) {}
+    void registerHandler(std::shared_ptr<ZolvaniEventHandlerDelegate> handler) override {
+      std::lock_guard l(e_->mutex_);
+      e_->handlers_.push_back(handler);  // held weakly: the engine never owns its handlers
+    }
+
+   private:
+    EnginePtr e_;
+  };
+
+  class Logger final : public ZolvaniLogger {
+   public:
+    explicit Logger(EnginePtr e) : e_(std::move(e)) {}
+    void addDebugEvent(const std::string& message, std::int64_t level) override {
+      std::lock_guard l(e_->mutex_);
+      e_->log_.push_back({message, level});
+    }
+    void logEvent(std::int64_t event, const std::string& file, const Value& data) override {
+      std::lock_guard l(e_->mutex_);
+      e_->events_.push_back({event, file, data});
+    }
+
+   private:
+    EnginePtr e_;
+  };
+
+  class Clock final : public ZolvaniSecureClock {
+   public:
+    explicit Clock(EnginePtr e) : e_(std::move(e)) {}
+    Date date() override { return e_->date(); }
+
+   private:
+    EnginePtr e_;
+  };
+
+  class Persistence final : public ZolvaniAppPersistence {
+   public:
+    explicit Persistence(EnginePtr e) : e_(std::move(e)) {}
+    void startBackgroundKeepaliveForTask(const std::string& task) override { add("start:" + task); }
+    void stopBackgroundKeepaliveForTask(const std::string& task) override { add("stop:" + task); }
+    void startBackgroundIfPersistenceNeeded() override { add("persist"); }
+
+   private:
+    void add(std::string s) {
+      std::lock_guard l(e_->mutex_);
+      e_->keepAlive_.push_back(std::move(s));
+    }
+    EnginePtr e_;
+  };
+
+  class Reachability final : public ZFM_Reachability,
+                             public std::enable_shared_from_this<Reachability> {
+   public:
+    explicit Reachability(EnginePtr e) : e_(std::move(e)) {}
+    std::shared_ptr<ZFM_Reachability> reachabilityForInternetConnection() override {
+      return shared_from_this();
+    }
+    std::int64_t currentReachabilityStatus() override { return e_->reachabilityStatus; }
+
+   private:
+    EnginePtr e_;
+  };
+
+  class Uuid final : public ZFM_UUID {
+   public:
+    explicit Uuid(EnginePtr e) : e_(std::move(e)) {}
+    std::string UUID() override {
+      std::lock_guard l(e_->mutex_);
+      return e_->deviceUUID_;
+    }
+
+   private:
+    EnginePtr e_;
+  };
+
+  class Utilities final : public ZFM_Utilities {
+   public:
+    explicit Utilities(EnginePtr e) : e_(std::move(e)) {}
+    std::int64_t applicationState() override { return e_->applicationState; }
+    std::shared_ptr<ZolvaniManagedObjectContext> managedObjectContext() override { return e_->context_; }
+    void saveContext() override { e_->context_->save(); }
+
+   private:
+    EnginePtr e_;
+  };
+
+  class Session final : public NSURLSessionHelper {
+   public:
+    explicit Session(EnginePtr e) : e_(std::move(e)) {}
+    std::vector<std::shared_ptr<ZolvaniAsset>> zfm_processingAssets() override {
+      std::lock_guard l(e_->mutex_);
+      return e_->processing_;
+    }
+
+   private:
+    EnginePtr e_;
+  };
+
+  class Factory final : public ZolvaniAssetFactory {
+   public:
+    explicit Factory(EnginePtr e) : e_(std::move(e)) {}
+    std::shared_ptr<ZolvaniAsset> assetWithUUID(std::string_view uuid, std::int64_t) override {
+      std::lock_guard l(e_->mutex_);
+      auto it = e_->live_.find(std::string(uuid));
+      return it == e_->live_.end() ? nullptr : it->second;
+    }
+    std::shared_ptr<ZolvaniAsset> assetWithAssetID(std::string_view assetID, std::int64_t) override {
+      std::lock_guard l(e_->mutex_);
+      for (const auto& [u, a] : e_->live_)
+        if (a->assetID() == assetID) return a;
+      return nullptr;
+    }
+    std::shared_ptr<ZolvaniAsset> assetWithAssetID(
+        std::string assetID, std::string description, std::string manifestUrl, std::int32_t protectionType,
+        bool includeEncryptionKeys, std::int64_t maximumBitrate, std::optional<Date> publishDate,
+        std::optional<Date> expiryDate, double expiryAfterDownload, double expiryAfterPlay,
+        std::int32_t assetDownloadLimit, bool enableFastPlay, std::optional<Value::Map> userInfo,
+        AssetReadyCallback onReady, AssetParseCallback onParse) override {
+      AssetCreation c{true, std::move(assetID), std::move(description), std::move(manifestUrl),
+                      protectionType, includeEncryptionKeys, maximumBitrate, publishDate, expiryDate,
+                      expiryAfterDownload, expiryAfterPlay, assetDownloadLimit, enableFastPlay,
+                      std::move(userInfo)};
+      return e_->makeAsset(std::move(c), std::move(onReady), std::move(onParse));
+    }
+    std::shared_ptr<ZolvaniAsset> assetWithRemoteURL(
+        std::string remoteURL, std::string assetID, std::string description,
+        std::optional<Date> publishDate, std::optional<Date> expiryDate, double expiryAfterDownload,
+        double expiryAfterPlay, std::int32_t assetDownloadLimit, bool enableFastPlay,
+        std::optional<Value::Map> userInfo, AssetReadyCallback onReady,
+        AssetParseCallback onParse) override {
+      AssetCreation c{false, std::move(assetID), std::move(description), std::move(remoteURL), 0, false,
+                      0, publishDate, expiryDate, expiryAfterDownload, expiryAfterPlay,
+                      assetDownloadLimit, enableFastPlay, std::move(userInfo)};
+      return e_->makeAsset(std::move(c), std::move(onReady), std::move(onParse));
+    }
+
+   private:
+    EnginePtr e_;
+  };
+};
+
+// ---------------------------------------------------------------------------
+// Engine
+
+std::shared_ptr<InMemoryEngine> InMemoryEngine::create() {
+  auto e = std::shared_ptr<InMemoryEngine>(new InMemoryEngine());
+  e->context_ = std::make_shared<InMemoryStoreContext>();
+  std::weak_ptr<InMemoryEngine> weak = e;
+  e->context_->resolveAssetData = [weak](const std::string& uuid) -> std::shared_ptr<ZolvaniAssetData> {
+    auto engine = weak.lock();
+    if (!engine) return nullptr;
+    auto a = engine->asset(uuid);
+    return a ? a->assetDataFromAsset() : nullptr;
+  };
+  e->setCredentials("http://127.0.0.1:1", "user", "secret", "public-key");
+  e->setKeelhall("http://127.0.0.1:1", "user", "external-device", "secret", "public-key");
+  return e;
+}
+
+ZolvaniEngine InMemoryEngine::roles() {
+  auto self = shared_from_this();
+  ZolvaniEngine r;
+  r.downloadEngine = std::make_shared<EngineRoleSet::Download>(self);
+  r.keelhall = std::make_shared<EngineRoleSet::Keelhall>(self);
+  r.eventHandler = std::make_shared<EngineRoleSet::Events>(self);
+  r.logger = std::make_shared<EngineRoleSet::Logger>(self);
+  r.secureClock = std::make_shared<EngineRoleSet::Clock>(self);
+  r.appPersistence = std::make_shared<EngineRoleSet::Persistence>(self);
+  r.reachability = std::make_shared<EngineRoleSet::Reachability>(self);
+  r.uuid = std::make_shared<EngineRoleSet::Uuid>(self);
+  r.utilities = std::make_shared<EngineRoleSet::Utilities>(self);
+  r.sessionHelper = std::make_shared<EngineRoleSet::Session>(self);
+  r.assets = std::make_shared<EngineRoleSet::Factory>(self);
+  return r;
+}
+
+void InMemoryEngine::setCredentials(std::string url, std::string user, std::string secret, std::string key) {
+  std::lock_guard l(mutex_);
+  url_ = std::move(url);
+  user_ = std::move(user);
+  secret_ = std::move(secret);
+  key_ = std::move(key);
+}
+
+void InMemoryEngine::setKeelhall(std::string url, std::string user, std::string device, std::string secret,
+                                 std::string key) {
+  std::lock_guard l(mutex_);
+  keelhallURL_ = std::move(url);
+  keelhallUser_ = std::move(user);
+  keelhallDevice_ = std::move(device);
+  keelhallSecret_ = std::move(secret);
+  keelhallKey_ = std::move(key);
+}
+
+void InMemoryEngine::setDeviceUUID(std::string uuid) {
+  std::lock_guard l(mutex_);
+  deviceUUID_ = std::move(uuid);
+}
+
+void InMemoryEngine::setDate(Date date) {
+  std::lock_guard l(mutex_);
+  date_ = date;
+}
+
+Date InMemoryEngine::date() const {
+  std::lock_guard l(mutex_);
+  return date_;
+}
+
+void InMemoryEngine::setQueueingError(std::optional<Error> error) {
+  std::lock_guard l(mutex_);
+  queueingError_ = std::move(error);
+}
+
+void InMemoryEngine::setQueue(std::vector<std::string> uuids) {
+  std::lock_guard l(mutex_);
+  extraQueue_ = std::move(uuids);
+}
+
+void InMemoryEngine::setProcessingAssets(std::vector<std::shared_ptr<ZolvaniAsset>> assets) {
+  std::lock_guard l(mutex_);
+  processing_ = std::move(assets);
+}
+
+std::shared_ptr<InMemoryAsset> InMemoryEngine::makeAsset(AssetCreation creation, AssetReadyCallback ready,
+                                                         AssetParseCallback parse) {
+  if (refuseAssetCreation) return nullptr;
+  std::shared_ptr<InMemoryAsset> a;
+  {
+    std::lock_guard l(mutex_);
+    std::string uuid = fmt::format("ASSET-{:04}", nextAsset_++);
+    a = std::make_shared<InMemoryAsset>(weak_from_this(), uuid, std::move(creation), date_);
+    a->readyCallback = std::move(ready);
+    a->parseCallback = std::move(parse);
+    live_[uuid] = a;
+    created_.push_back(a);
+    if (!readyInline) pendingReady_.push_back(a);
+  }
+  if (readyInline && a->readyCallback) a->readyCallback(a);
+  return a;
+}
+
+std::shared_ptr<InMemoryAsset> InMemoryEngine::addAsset(std::string assetID, Date creationDate,
+                                                        std::optional<Date> downloadComplete) {
+  std::lock_guard l(mutex_);
+  std::string uuid = fmt::format("ASSET-{:04}", nextAsset_++);
+  AssetCreation c;
+  c.assetID = std::move(assetID);
+  c.description = "Title of " + c.assetID;
+  auto a = std::make_shared<InMemoryAsset>(weak_from_this(), uuid, std::move(c), creationDate);
+  a->_setCreationDate(creationDate);
+  a->setDownloadComplete(downloadComplete);
+  live_[uuid] = a;
+  created_.push_back(a);
+  return a;
+}
+
+std::shared_ptr<InMemoryAsset> InMemoryEngine::asset(const std::string& uuid) const {
+  std::lock_guard l(mutex_);
+  auto it = live_.find(uuid);
+  return it == live_.end() ? nullptr : it->second;
+}
+
+std::vector<std::shared_ptr<InMemoryAsset>> InMemoryEngine::liveAssets() const {
+  std::lock_guard l(mutex_);
+  std::vector<std::shared_ptr<InMemoryAsset>> out;
+  for (const auto& [u, a] : live_) out.push_back(a);
+  return out;
+}
+
+std::vector<std::shared_ptr<InMemoryAsset>> InMemoryEngine::createdAssets() const {
+  std::lock_guard l(mutex_);
+  return created_;
+}
+
+std::size_t InMemoryEngine::fireReadyCallbacks() {
+  std::vector<std::shared_ptr<InMemoryAsset>> ready;
+  {
+    std::lock_guard l(mutex_);
+    ready.swap(pendingReady_);
+  }
+  for (const auto& a : ready)
+    if (a->readyCallback) a->readyCallback(a);
+  return ready.size();
+}
+
+void InMemoryEngine::deleteExternally(const std::string& uuid) { removeAsset(uuid, std::nullopt); }
+
+void InMemoryEngine::removeAsset(const std::string& uuid, std::optional<std::int64_t> reason) {
+  std::shared_ptr<InMemoryAsset> gone;
+  {
+    std::lock_guard l(mutex_);
+    auto it = live_.find(uuid);
+    if (it == live_.end()) return;
+    gone = it->second;
+    live_.erase(it);
+    std::erase(queued_, uuid);
+    std::erase(extraQueue_, uuid);
+    if (reason) deletions_.push_back({uuid, *reason});
+  }
+  // Deleting an asset removes its record from every feed, as a store cascade
+  // would.
+  context_->forgetAssetData(gone->assetDataFromAsset());
+}
+
+std::vector<LogLine> InMemoryEngine::logLines() const {
+  std::lock_guard l(mutex_);
+  return log_;
+}
+
+std::vector<std::string> InMemoryEngine::messages(std::optional<std::int64_t> level) const {
+  std::lock_guard l(mutex_);
+  std::vector<std::string> out;
+  for (const auto& line : log_)
+    if (!level || line.level == *level) out.push_back(line.message);
+  return out;
+}
+
+bool InMemoryEngine::logged(const std::string& message, std::optional<std::int64_t> level) const {
+  std::lock_guard l(mutex_);
+  return std::any_of(log_.begin(), log_.end(), [&](const LogLine& line) {
+    return line.message == message && (!level || line.level == *level);
+  });
+}
+
+std::size_t InMemoryEngine::countLogged(const std::string& needle) const {
+  std::lock_guard l(mutex_);
+  return static_cast<std::size_t>(std::count_if(log_.begin(), log_.end(), [&](const LogLine& line) {
+    return line.message.find(needle) != std::string::npos;
+  }));
+}
+
+void InMemoryEngine::clearLog() {
+  std::lock_guard l(mutex_);
+  log_.clear();
+}
+
+std::vector<InMemoryEngine::AnalyticsEvent> InMemoryEngine::analyticsEvents() const {
+  std::lock_guard l(mutex_);
+  return events_;
+}
+
+std::vector<InMemoryEngine::Deletion> InMemoryEngine::deletions() const {
+  std::lock_guard l(mutex_);
+  return deletions_;
+}
+
+std::vector<std::string> InMemoryEngine::queuedUUIDs() const {
+  std::lock_guard l(mutex_);
+  return queued_;
+}
+
+std::vector<InMemoryEngine::Startup> InMemoryEngine::startups() const {
+  std::lock_guard l(mutex_);
+  return startups_;
+}
+
+std::vector<std::string> InMemoryEngine::keepAliveCalls() const {
+  std::lock_guard l(mutex_);
+  return keepAlive_;
+}
+
+std::vector<std::shared_ptr<ZolvaniEventHandlerDelegate>> InMemoryEngine::handlers() const {
+  std::lock_guard l(mutex_);
+  std::vector<std::shared_ptr<ZolvaniEventHandlerDelegate>> out;
+  for (const auto& w : handlers_)
+    if (auto h = w.lock()) out.push_back(h);
+  return out;
+}
+
+int InMemoryEngine::saveCount() const { return context_->saves(); }
+
+void InMemoryEngine::record(std::function<void()> change) {
+  std::lock_guard l(mutex_);
+  change();
+}
+
+}  // namespace zolvani::testing
