@@ -1,0 +1,189 @@
+#include "text/Utf16.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace zolvani::text {
+namespace {
+
+constexpr std::uint64_t kHighBits = 0x8080808080808080ull;
+
+bool isSurrogate(char32_t c) { return c >= 0xD800 && c <= 0xDFFF; }
+bool isHighSurrogate(char16_t c) { return c >= 0xD800 && c <= 0xDBFF; }
+bool isLowSurrogate(char16_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
+
+// Reads one UTF-8 sequence at `p` (p < end). Returns the code point, or U+FFFD for an
+// ill-formed subsequence, and advances `p` past what was read: past the whole sequence
+// when it is valid, otherwise past the maximal prefix that could still have been valid
+// (at least one byte), so that the byte which broke the sequence is read again.
+char32_t decodeOne(const unsigned char*& p, const unsigned char* end) {
+  const unsigned char lead = *p++;
+  if (lead < 0x80) return lead;
+  int trailing;
+  unsigned char low = 0x80, high = 0xBF;  // allowed range of the first trailing byte
+  char32_t value;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    trailing = 1;
+    value = lead & 0x1F;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    trailing = 2;
+    value = lead & 0x0F;
+    if (lead == 0xE0) low = 0xA0;   // overlong
+    if (lead == 0xED) high = 0x9F;  // surrogates
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    trailing = 3;
+    value = lead & 0x07;
+    if (lead == 0xF0) low = 0x90;   // overlong
+    if (lead == 0xF4) high = 0x8F;  // above U+10FFFF
+  } else {
+    return kReplacementCharacter;
+  }
+  for (int i = 0; i < trailing; ++i) {
+    if (p == end || *p < low || *p > high) return kReplacementCharacter;
+    value = (value << 6) | (*p++ & 0x3F);
+    low = 0x80;
+    high = 0xBF;
+  }
+  return value;
+}
+
+void appendCodePoint(char32_t c, std::string& out) {
+  if (c < 0x80) {
+    out.push_back(static_cast<char>(c));
+  } else if (c < 0x800) {
+    out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  } else if (c < 0x10000) {
+    if (isSurrogate(c)) c = kReplacementCharacter;
+    out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  } else {
+    out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  }
+}
+
+}  // namespace
+
+void appendUtf16(std::string_view utf8, std::u16string& out) {
+  const auto* p = reinterpret_cast<const unsigned char*>(utf8.data());
+  const auto* end = p + utf8.size();
+  const std::size_t start = out.size();
+  // Never longer in units than in bytes; writing through a pointer keeps the ASCII
+  // path free of per-unit capacity checks.
+  out.resize(start + utf8.size());
+  char16_t* dst = out.data() + start;
+  while (p < end) {
+    // Copy ASCII eight bytes at a time.
+    while (end - p >= 8) {
+      std::uint64_t word;
+      std::memcpy(&word, p, 8);
+      if (word & kHighBits) break;
+      for (int i = 0; i < 8; ++i) dst[i] = p[i];
+      p += 8;
+      dst += 8;
+    }
+    if (p == end) break;
+    if (*p < 0x80) {
+      *dst++ = *p++;
+      continue;
+    }
+    char32_t c = decodeOne(p, end);
+    if (c >= 0x10000) {
+      c -= 0x10000;
+      *dst++ = static_cast<char16_t>(0xD800 + (c >> 10));
+      *dst++ = static_cast<char16_t>(0xDC00 + (c & 0x3FF));
+    } else {
+      *dst++ = static_cast<char16_t>(c);
+    }
+  }
+  out.resize(static_cast<std::size_t>(dst - out.data()));
+}
+
+std::u16string toUtf16(std::string_view utf8) {
+  std::u16string out;
+  appendUtf16(utf8, out);
+  return out;
+}
+
+void appendUtf8(std::u16string_view utf16, std::string& out) {
+  out.reserve(out.size() + utf16.size());
+  const std::size_t n = utf16.size();
+  std::size_t i = 0;
+  while (i < n) {
+    // ASCII runs are the common case in feed text.
+    std::size_t run = i;
+    while (run < n && utf16[run] < 0x80) ++run;
+    if (run > i) {
+      const std::size_t at = out.size();
+      out.resize(at + (run - i));
+      char* dst = out.data() + at;
+      for (std::size_t k = i; k < run; ++k) *dst++ = static_cast<char>(utf16[k]);
+      i = run;
+      if (i == n) break;
+    }
+    const char16_t unit = utf16[i];
+    if (isHighSurrogate(unit) && i + 1 < n && isLowSurrogate(utf16[i + 1])) {
+      appendCodePoint(0x10000 + ((char32_t{unit} - 0xD800) << 10) + (utf16[i + 1] - 0xDC00), out);
+      i += 2;
+    } else {
+      appendCodePoint(unit, out);  // a lone surrogate becomes U+FFFD there
+      ++i;
+    }
+  }
+}
+
+std::string toUtf8(std::u16string_view utf16) {
+  std::string out;
+  appendUtf8(utf16, out);
+  return out;
+}
+
+bool isValidUtf8(std::string_view utf8) {
+  const auto* p = reinterpret_cast<const unsigned char*>(utf8.data());
+  const auto* end = p + utf8.size();
+  while (p < end) {
+    while (end - p >= 8) {
+      std::uint64_t word;
+      std::memcpy(&word, p, 8);
+      if (word & kHighBits) break;
+      p += 8;
+    }
+    if (p == end) break;
+    if (*p < 0x80) {
+      ++p;
+      continue;
+    }
+    const unsigned char* start = p;
+    if (decodeOne(p, end) == kReplacementCharacter) {
+      // A genuine U+FFFD is three bytes long; an ill-formed read is shorter.
+      if (p - start != 3 || start[0] != 0xEF || start[1] != 0xBF || start[2] != 0xBD) return false;
+    }
+  }
+  return true;
+}
+
+char32_t codePointAt(std::u16string_view text, std::size_t index, std::size_t* units) {
+  const char16_t unit = text[index];
+  if (isHighSurrogate(unit) && index + 1 < text.size() && isLowSurrogate(text[index + 1])) {
+    *units = 2;
+    return 0x10000 + ((char32_t{unit} - 0xD800) << 10) + (text[index + 1] - 0xDC00);
+  }
+  *units = 1;
+  return unit;
+}
+
+char32_t codePointBefore(std::u16string_view text, std::size_t index, std::size_t* units) {
+  const char16_t unit = text[index - 1];
+  if (isLowSurrogate(unit) && index >= 2 && isHighSurrogate(text[index - 2])) {
+    *units = 2;
+    return 0x10000 + ((char32_t{text[index - 2]} - 0xD800) << 10) + (unit - 0xDC00);
+  }
+  *units = 1;
+  return unit;
+}
+
+}  // namespace zolvani::text
