@@ -55,7 +55,7 @@ void ZolvaniSubscriptionManager::internalStartup() {
     reportStatus(kZSM_Offline);
     return;
   }
-  if (env_.platform.application->applicationState() != 0) {
+  if (env_.engine.utilities->applicationState() != 0) {
     logString("Deferring subscription authentication/startup due to background startup.", 4);
   } else {
     std::weak_ptr<ZolvaniSubscriptionManager> weak = weak_from_this();
