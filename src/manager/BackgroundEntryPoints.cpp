@@ -42,7 +42,8 @@ void ZolvaniSubscriptionManager::processRemotePushNotice(
     const Value::Map& payload, std::function<void(BackgroundFetchResult)> completionHandler) {
   if (!credentialsConfigured(*env_.engine.downloadEngine)) {
     env_.engine.logger->addDebugEvent(
-        locatedLine("-[ZolvaniSubscriptionManager processRemotePushNotice:withCompletionHandler:]", 308,
+        locatedLine("-[ZolvaniSubscriptionManager processRemotePushNotice:withCompletionHandler:]",
+                    308,
                     "Processing push in SubscriptionManager when keelhall credentials are not "
                     "configured.  Doing nothing."),
         1);
@@ -70,7 +71,8 @@ void ZolvaniSubscriptionManager::processRemotePushNotice(
   }
 }
 
-bool ZolvaniSubscriptionManager::processBackgroundSessionWake(const std::string&, std::function<void()>) {
+bool ZolvaniSubscriptionManager::processBackgroundSessionWake(const std::string&,
+                                                              std::function<void()>) {
   return false;
 }
 
@@ -83,7 +85,8 @@ void ZolvaniSubscriptionManager::processFetchWithCompletionHandler(
                     "configured.  Doing nothing."),
         1);
     if (completionHandler)
-      env_.platform.mainQueue->async([completionHandler] { completionHandler(kBackgroundFetchResultNoData); });
+      env_.platform.mainQueue->async(
+          [completionHandler] { completionHandler(kBackgroundFetchResultNoData); });
     return;
   }
   env_.engine.appPersistence->startBackgroundKeepaliveForTask(kKeepAliveTask);
@@ -101,7 +104,8 @@ void ZolvaniSubscriptionManager::processFetchWithCompletionHandler(
                                          : (subscriptions && !subscriptions->empty())
                                              ? kBackgroundFetchResultNewData
                                              : kBackgroundFetchResultNoData;
-          self->env_.platform.mainQueue->async([completionHandler, result] { completionHandler(result); });
+          self->env_.platform.mainQueue->async(
+              [completionHandler, result] { completionHandler(result); });
         });
   };
   if (!env_.engine.downloadEngine->started()) {

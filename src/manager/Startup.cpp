@@ -60,7 +60,8 @@ void ZolvaniSubscriptionManager::internalStartup() {
   } else {
     std::weak_ptr<ZolvaniSubscriptionManager> weak = weak_from_this();
     authenticateServerConfigurationOnComplete([weak](bool, std::optional<Error>) {
-      if (auto self = weak.lock()) self->syncSubscriptionsWithKeelhallNowOnComplete([](bool, auto, auto) {});
+      if (auto self = weak.lock())
+        self->syncSubscriptionsWithKeelhallNowOnComplete([](bool, auto, auto) {});
     });
   }
   reportStatus(kZSM_Started);

@@ -88,7 +88,8 @@ void ZolvaniSubscriptionManager::initInternal() {
   makeServerClient();
   makeCatalogSync();
 
-  processingQueue_ = std::make_shared<ConcurrentQueue>("subscription_processing_queue", kProcessingThreads);
+  processingQueue_ =
+      std::make_shared<ConcurrentQueue>("subscription_processing_queue", kProcessingThreads);
   status_.store(-1);
   setInSync(false);
   env_.engine.eventHandler->registerHandler(shared_from_this());
@@ -161,7 +162,8 @@ void ZolvaniSubscriptionManager::reportStatus(std::int64_t status) {
   if (status == status_.load()) return;
   static constexpr const char* kNames[] = {"kZSM_Offline", "kZSM_Started", "kZSM_Receiving",
                                            "kZSM_Errors"};
-  if (status >= 0 && status <= 3) logString(fmt::format("Updated Manager status to {}", kNames[status]), 4);
+  if (status >= 0 && status <= 3)
+    logString(fmt::format("Updated Manager status to {}", kNames[status]), 4);
   status_.store(status);
   // The notification carries the status at delivery time, not the reported one:
   // observers read it as "the latest status".

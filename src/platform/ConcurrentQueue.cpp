@@ -9,7 +9,8 @@ ConcurrentQueue::ConcurrentQueue(std::string label, std::size_t threads)
     : label_(std::move(label)), state_(std::make_shared<State>()) {
   if (threads == 0) threads = 1;
   workers_.reserve(threads);
-  for (std::size_t i = 0; i < threads; ++i) workers_.emplace_back(&ConcurrentQueue::workerLoop, state_, this);
+  for (std::size_t i = 0; i < threads; ++i)
+    workers_.emplace_back(&ConcurrentQueue::workerLoop, state_, this);
 }
 
 ConcurrentQueue::~ConcurrentQueue() {

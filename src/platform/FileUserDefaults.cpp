@@ -55,8 +55,10 @@ bool isTag(const std::string& k) { return k == kDateTag || k == kBytesTag || k =
 
 json encodeValue(const Value& v) {
   switch (v.type()) {
-    case Value::Type::kDate: return json{{kDateTag, v.asDate()->secondsSince1970}};
-    case Value::Type::kBytes: return json{{kBytesTag, toHex(v.asBytes()->data)}};
+    case Value::Type::kDate:
+      return json{{kDateTag, v.asDate()->secondsSince1970}};
+    case Value::Type::kBytes:
+      return json{{kBytesTag, toHex(v.asBytes()->data)}};
     case Value::Type::kArray: {
       json a = json::array();
       for (const auto& e : *v.asArray()) a.push_back(encodeValue(e));
@@ -69,7 +71,8 @@ json encodeValue(const Value& v) {
       if (o.size() == 1 && isTag(o.begin().key())) return json{{kMapTag, o}};
       return o;
     }
-    default: return v.toJson();
+    default:
+      return v.toJson();
   }
 }
 
@@ -219,8 +222,8 @@ void FileUserDefaults::load() {
   std::filesystem::rename(*path_, aside, ec);
   if (sink_) {
     sink_(fmt::format("User defaults file {} could not be read; moved it to {} and started empty.",
-                      path_->string(), ec ? std::string("(could not move: ") + ec.message() + ")"
-                                          : aside.string()),
+                      path_->string(),
+                      ec ? std::string("(could not move: ") + ec.message() + ")" : aside.string()),
           0);
   }
 }
@@ -252,7 +255,8 @@ bool FileUserDefaults::synchronize() {
   // Writes are serialised by the lock so two threads never interleave renames.
   bool ok = writeAtomically(*path_, text, &why);
   lock.unlock();
-  if (!ok && sink_) sink_(fmt::format("Could not write user defaults to {}: {}", path_->string(), why), 0);
+  if (!ok && sink_)
+    sink_(fmt::format("Could not write user defaults to {}: {}", path_->string(), why), 0);
   return ok;
 }
 

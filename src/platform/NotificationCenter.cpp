@@ -9,8 +9,8 @@ NotificationCenter::Token NotificationCenter::addObserver(std::string name,
                                                           Block block) {
   std::lock_guard lock(mutex_);
   Token token = nextToken_++;
-  observers_.push_back(
-      Observer{token, std::move(name), std::move(queue), std::make_shared<Block>(std::move(block))});
+  observers_.push_back(Observer{token, std::move(name), std::move(queue),
+                                std::make_shared<Block>(std::move(block))});
   return token;
 }
 
@@ -27,7 +27,8 @@ void NotificationCenter::post(std::string name, Value::Map userInfo) {
       if (o.name == name) matching.push_back(o);
   }
   if (matching.empty()) return;
-  auto note = std::make_shared<const Notification>(Notification{std::move(name), std::move(userInfo)});
+  auto note =
+      std::make_shared<const Notification>(Notification{std::move(name), std::move(userInfo)});
   // Observers run outside the lock so that they may post or register in turn.
   for (const auto& o : matching) {
     if (o.queue) {
@@ -40,8 +41,8 @@ void NotificationCenter::post(std::string name, Value::Map userInfo) {
 
 std::size_t NotificationCenter::observerCount(std::string_view name) const {
   std::lock_guard lock(mutex_);
-  return static_cast<std::size_t>(
-      std::count_if(observers_.begin(), observers_.end(), [&](const Observer& o) { return o.name == name; }));
+  return static_cast<std::size_t>(std::count_if(observers_.begin(), observers_.end(),
+                                                [&](const Observer& o) { return o.name == name; }));
 }
 
 }  // namespace zolvani

@@ -22,7 +22,8 @@ std::string newUUIDString() {
 std::optional<std::string> HttpRequest::header(std::string_view name) const {
   auto equalsIgnoringCase = [](std::string_view a, std::string_view b) {
     return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-             return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+             return std::tolower(static_cast<unsigned char>(x)) ==
+                    std::tolower(static_cast<unsigned char>(y));
            });
   };
   std::optional<std::string> out;
@@ -38,7 +39,8 @@ std::int64_t ForegroundApplication::applicationState() {
   return state_;
 }
 
-BackgroundTaskIdentifier ForegroundApplication::beginBackgroundTask(std::string, std::function<void()>) {
+BackgroundTaskIdentifier ForegroundApplication::beginBackgroundTask(std::string,
+                                                                    std::function<void()>) {
   std::lock_guard lock(mutex_);
   ++open_;
   return next_++;

@@ -35,9 +35,12 @@ double parseDouble(const std::string& s) {
 
 bool Value::boolValue() const {
   switch (type()) {
-    case Type::kBool: return std::get<bool>(v_);
-    case Type::kInteger: return std::get<std::int64_t>(v_) != 0;
-    case Type::kDouble: return std::get<double>(v_) != 0.0;
+    case Type::kBool:
+      return std::get<bool>(v_);
+    case Type::kInteger:
+      return std::get<std::int64_t>(v_) != 0;
+    case Type::kDouble:
+      return std::get<double>(v_) != 0.0;
     case Type::kString: {
       // Leading white space is skipped; "Y", "y", "T", "t" or a non-zero digit
       // reads as true, as the platform's string boolean does.
@@ -50,15 +53,19 @@ bool Value::boolValue() const {
       char c = s[i];
       return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
     }
-    default: return false;
+    default:
+      return false;
   }
 }
 
 std::int64_t Value::int64Value() const {
   switch (type()) {
-    case Type::kBool: return std::get<bool>(v_) ? 1 : 0;
-    case Type::kInteger: return std::get<std::int64_t>(v_);
-    case Type::kDouble: return saturatingFromDouble(std::get<double>(v_));
+    case Type::kBool:
+      return std::get<bool>(v_) ? 1 : 0;
+    case Type::kInteger:
+      return std::get<std::int64_t>(v_);
+    case Type::kDouble:
+      return saturatingFromDouble(std::get<double>(v_));
     case Type::kString: {
       const std::string& s = std::get<std::string>(v_);
       const char* begin = s.c_str();
@@ -68,19 +75,27 @@ std::int64_t Value::int64Value() const {
       if (end == begin) return 0;
       return static_cast<std::int64_t>(v);
     }
-    case Type::kDate: return saturatingFromDouble(std::get<Date>(v_).secondsSince1970);
-    default: return 0;
+    case Type::kDate:
+      return saturatingFromDouble(std::get<Date>(v_).secondsSince1970);
+    default:
+      return 0;
   }
 }
 
 double Value::doubleValue() const {
   switch (type()) {
-    case Type::kBool: return std::get<bool>(v_) ? 1.0 : 0.0;
-    case Type::kInteger: return static_cast<double>(std::get<std::int64_t>(v_));
-    case Type::kDouble: return std::get<double>(v_);
-    case Type::kString: return parseDouble(std::get<std::string>(v_));
-    case Type::kDate: return std::get<Date>(v_).secondsSince1970;
-    default: return 0.0;
+    case Type::kBool:
+      return std::get<bool>(v_) ? 1.0 : 0.0;
+    case Type::kInteger:
+      return static_cast<double>(std::get<std::int64_t>(v_));
+    case Type::kDouble:
+      return std::get<double>(v_);
+    case Type::kString:
+      return parseDouble(std::get<std::string>(v_));
+    case Type::kDate:
+      return std::get<Date>(v_).secondsSince1970;
+    default:
+      return 0.0;
   }
 }
 
@@ -100,17 +115,22 @@ Value Value::fromJson(const nlohmann::json& j) {
   using json = nlohmann::json;
   switch (j.type()) {
     case json::value_t::null:
-    case json::value_t::discarded: return Value();
-    case json::value_t::boolean: return Value(j.get<bool>());
-    case json::value_t::number_integer: return Value(j.get<std::int64_t>());
+    case json::value_t::discarded:
+      return Value();
+    case json::value_t::boolean:
+      return Value(j.get<bool>());
+    case json::value_t::number_integer:
+      return Value(j.get<std::int64_t>());
     case json::value_t::number_unsigned: {
       auto u = j.get<std::uint64_t>();
       if (u > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
         return Value(static_cast<double>(u));
       return Value(static_cast<std::int64_t>(u));
     }
-    case json::value_t::number_float: return Value(j.get<double>());
-    case json::value_t::string: return Value(j.get_ref<const std::string&>());
+    case json::value_t::number_float:
+      return Value(j.get<double>());
+    case json::value_t::string:
+      return Value(j.get_ref<const std::string&>());
     case json::value_t::binary: {
       const auto& b = j.get_binary();
       return Value(Bytes{std::string(b.begin(), b.end())});
@@ -132,13 +152,20 @@ Value Value::fromJson(const nlohmann::json& j) {
 
 nlohmann::json Value::toJson() const {
   switch (type()) {
-    case Type::kNull: return nullptr;
-    case Type::kBool: return std::get<bool>(v_);
-    case Type::kInteger: return std::get<std::int64_t>(v_);
-    case Type::kDouble: return std::get<double>(v_);
-    case Type::kString: return std::get<std::string>(v_);
-    case Type::kDate: return std::get<Date>(v_).secondsSince1970;
-    case Type::kBytes: return std::get<Bytes>(v_).data;
+    case Type::kNull:
+      return nullptr;
+    case Type::kBool:
+      return std::get<bool>(v_);
+    case Type::kInteger:
+      return std::get<std::int64_t>(v_);
+    case Type::kDouble:
+      return std::get<double>(v_);
+    case Type::kString:
+      return std::get<std::string>(v_);
+    case Type::kDate:
+      return std::get<Date>(v_).secondsSince1970;
+    case Type::kBytes:
+      return std::get<Bytes>(v_).data;
     case Type::kArray: {
       nlohmann::json a = nlohmann::json::array();
       for (const auto& e : std::get<Array>(v_)) a.push_back(e.toJson());
@@ -149,15 +176,18 @@ nlohmann::json Value::toJson() const {
       for (const auto& [k, v] : std::get<Map>(v_)) o[k] = v.toJson();
       return o;
     }
-    case Type::kAsset: return nullptr;
+    case Type::kAsset:
+      return nullptr;
   }
   return nullptr;
 }
 
 std::string Value::describe() const {
   switch (type()) {
-    case Type::kNull: return "(null)";
-    case Type::kDate: return fmt::format("{:.3f}", std::get<Date>(v_).secondsSince1970);
+    case Type::kNull:
+      return "(null)";
+    case Type::kDate:
+      return fmt::format("{:.3f}", std::get<Date>(v_).secondsSince1970);
     case Type::kAsset: {
       const auto& a = std::get<AssetRef>(v_);
       return a ? fmt::format("<ZolvaniAsset {} {}>", a->uuid(), a->assetID()) : "(null)";
@@ -182,8 +212,10 @@ std::string Value::describe() const {
       }
       return out + "}";
     }
-    case Type::kString: return std::get<std::string>(v_);
-    default: return toJson().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    case Type::kString:
+      return std::get<std::string>(v_);
+    default:
+      return toJson().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
   }
 }
 

@@ -10,8 +10,10 @@ namespace {
 const std::string kKey(SubscriptionDataAttributes[3]);
 const std::string kOrder(ZolvaniAssetDataAttributes[9]);
 
-std::shared_ptr<SubscriptionData> fetchOne(ZolvaniManagedObjectContext& ctx, const std::string& feed) {
-  auto found = ctx.executeFetchRequest(SubscriptionDataFetchRequest::whereEquals(kKey, feed), nullptr);
+std::shared_ptr<SubscriptionData> fetchOne(ZolvaniManagedObjectContext& ctx,
+                                           const std::string& feed) {
+  auto found =
+      ctx.executeFetchRequest(SubscriptionDataFetchRequest::whereEquals(kKey, feed), nullptr);
   return found.empty() ? nullptr : found.front();
 }
 
@@ -59,11 +61,13 @@ TEST_P(EngineContractTest, FetchByFeedFindsOnlyThatFeedAndFetchAllKeepsInsertion
     EXPECT_EQ(all[0]->uuid(), "b");
     EXPECT_EQ(all[1]->uuid(), "a");
     EXPECT_EQ(all[2]->uuid(), "c");
-    auto one = ctx->executeFetchRequest(SubscriptionDataFetchRequest::whereEquals(kKey, "a"), nullptr);
+    auto one =
+        ctx->executeFetchRequest(SubscriptionDataFetchRequest::whereEquals(kKey, "a"), nullptr);
     ASSERT_EQ(one.size(), 1u);
     EXPECT_EQ(one[0]->uuid(), "a");
-    EXPECT_TRUE(ctx->executeFetchRequest(SubscriptionDataFetchRequest::whereEquals(kKey, "zzz"), nullptr)
-                    .empty());
+    EXPECT_TRUE(
+        ctx->executeFetchRequest(SubscriptionDataFetchRequest::whereEquals(kKey, "zzz"), nullptr)
+            .empty());
   });
 }
 
@@ -110,7 +114,8 @@ TEST_P(EngineContractTest, TheOrderingAttributeIsTheCreationDate) {
     AssetDataOrderedSet set;
     for (auto& asset : {newest, oldest, middle}) set.add(asset->assetDataFromAsset());
     set.sortByAttribute(kOrder);
-    EXPECT_EQ(uuids(set), (std::vector<std::string>{middle->uuid(), oldest->uuid(), newest->uuid()}));
+    EXPECT_EQ(uuids(set),
+              (std::vector<std::string>{middle->uuid(), oldest->uuid(), newest->uuid()}));
   });
 }
 
@@ -124,9 +129,8 @@ TEST_P(EngineContractTest, LookupsFindLiveAssetsAndDeletionRemovesThemEverywhere
   EXPECT_EQ(roles.assets->assetWithAssetID("no-such-id", 0), nullptr);
 
   bool queued = false;
-  roles.downloadEngine->addToQueue(gone, kQueueIndexAppend, [&](bool, std::optional<Error> e) {
-    queued = !e.has_value();
-  });
+  roles.downloadEngine->addToQueue(gone, kQueueIndexAppend,
+                                   [&](bool, std::optional<Error> e) { queued = !e.has_value(); });
   EXPECT_TRUE(queued);
   auto queue = roles.downloadEngine->assetsInQueue();
   EXPECT_NE(std::find(queue.begin(), queue.end(), gone->uuid()), queue.end());

@@ -25,7 +25,8 @@ class EngineHarness {
   // The engine's roles; fresh objects after restart().
   virtual ZolvaniEngine roles() = 0;
   // A single-file asset made through the factory and ready for download.
-  virtual std::shared_ptr<ZolvaniAsset> makeAsset(const std::string& assetID, Date creationDate) = 0;
+  virtual std::shared_ptr<ZolvaniAsset> makeAsset(const std::string& assetID,
+                                                  Date creationDate) = 0;
   // Marks an asset's download complete at `when`.
   virtual void markDownloaded(const std::string& uuid, Date when) = 0;
   // Ends the engine as a killed process would (unsaved store changes are lost)

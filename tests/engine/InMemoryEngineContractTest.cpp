@@ -10,9 +10,9 @@ class InMemoryHarness final : public EngineHarness {
   ZolvaniEngine roles() override { return engine_->roles(); }
   std::shared_ptr<ZolvaniAsset> makeAsset(const std::string& assetID, Date creationDate) override {
     auto roles = engine_->roles();
-    auto asset = roles.assets->assetWithRemoteURL("http://127.0.0.1/" + assetID, assetID, "Title " + assetID,
-                                                  std::nullopt, std::nullopt, -42.0, -42.0, -1, false,
-                                                  std::nullopt, nullptr, nullptr);
+    auto asset = roles.assets->assetWithRemoteURL(
+        "http://127.0.0.1/" + assetID, assetID, "Title " + assetID, std::nullopt, std::nullopt,
+        -42.0, -42.0, -1, false, std::nullopt, nullptr, nullptr);
     asset->_setCreationDate(creationDate);
     return asset;
   }

@@ -16,8 +16,9 @@ TEST(ManagerCreationTest, PlainConstructionIsRefusedWithTheExactReason) {
     ZolvaniSubscriptionManager refused;
     FAIL() << "construction was not refused";
   } catch (const InternalInconsistencyException& e) {
-    EXPECT_STREQ(e.what(),
-                 "This class should never be directly instantiated.  Always use the instance singleton!");
+    EXPECT_STREQ(
+        e.what(),
+        "This class should never be directly instantiated.  Always use the instance singleton!");
   }
 }
 
@@ -53,8 +54,9 @@ TEST(ManagerCreationTest, ExistingSettingsAndThePushTokenAreKept) {
 
 TEST(ManagerCreationTest, ObserversOfTheFourEngineNotificationsAreRegistered) {
   TestBed bed;
-  for (auto name : {kEnginePushTokenUpdateNotification, kEngineContentResetNotification,
-                    kEngineContentDeletedNotification, kDownloadEngineDidFinishDownloadingAssetNotification})
+  for (auto name :
+       {kEnginePushTokenUpdateNotification, kEngineContentResetNotification,
+        kEngineContentDeletedNotification, kDownloadEngineDidFinishDownloadingAssetNotification})
     EXPECT_EQ(bed.center->observerCount(name), 1u) << name;
 }
 
@@ -122,8 +124,9 @@ TEST(ManagerStatusTest, RepeatsAreSilentAndNotificationsCarryTheLatestStatus) {
     EXPECT_EQ(bed.engine->messages(4), expectedLines) << c.name;
     std::vector<std::int64_t> notified;
     for (const auto& n : seen.all())
-      notified.push_back(n.userInfo.at(std::string(kSubscriptionManagerStatusDidChangeNotificationStatusKey))
-                             .int64Value());
+      notified.push_back(
+          n.userInfo.at(std::string(kSubscriptionManagerStatusDidChangeNotificationStatusKey))
+              .int64Value());
     EXPECT_EQ(notified, c.notified) << c.name;
     for (const auto& n : seen.all()) EXPECT_EQ(n.userInfo.size(), 1u);
   }

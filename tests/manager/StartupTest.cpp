@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "support/TestEnvironment.h"
+#include "zolvani/subscription/engine/EngineWrappers.h"
 
 namespace zolvani::testing {
 namespace {
@@ -24,7 +25,8 @@ TEST(StartupTest, OfflineThenBackgroundThenActivation) {
   bed.manager->internalStartup();
   EXPECT_EQ(bed.manager->status(), kZSM_Offline);
   EXPECT_FALSE(bed.manager->started());
-  EXPECT_TRUE(bed.engine->logged(std::string(kPrefix) + "Started ZolvaniSubscriptionManager while offline", 4));
+  EXPECT_TRUE(bed.engine->logged(
+      std::string(kPrefix) + "Started ZolvaniSubscriptionManager while offline", 4));
 
   bed.engine->reachabilityStatus = 1;
   bed.engine->applicationState = 2;  // in the background
@@ -33,7 +35,9 @@ TEST(StartupTest, OfflineThenBackgroundThenActivation) {
   EXPECT_EQ(bed.manager->status(), kZSM_Started);
   EXPECT_TRUE(bed.manager->started());
   EXPECT_TRUE(bed.engine->logged(
-      std::string(kPrefix) + "Deferring subscription authentication/startup due to background startup.", 4));
+      std::string(kPrefix) +
+          "Deferring subscription authentication/startup due to background startup.",
+      4));
   bed.settle();
   EXPECT_TRUE(bed.http->requests().empty());  // nothing goes to the server from the background
   EXPECT_EQ(bed.center->observerCount(kApplicationDidBecomeActiveNotification), 1u);
@@ -79,7 +83,8 @@ TEST(BackgroundEntryTest, PushPayloadsAskForASyncOnlyThroughTheirFlag) {
       {{{"other", Value(true)}}, false},
   };
   for (const auto& c : cases)
-    EXPECT_EQ(bed.manager->canProcessRemotePushNotice(c.payload), c.asks) << Value(c.payload).describe();
+    EXPECT_EQ(bed.manager->canProcessRemotePushNotice(c.payload), c.asks)
+        << Value(c.payload).describe();
 }
 
 TEST(BackgroundEntryTest, WithoutCredentialsPushIsSilentAndFetchAnswersNoData) {
@@ -97,19 +102,22 @@ TEST(BackgroundEntryTest, WithoutCredentialsPushIsSilentAndFetchAnswersNoData) {
   EXPECT_TRUE(bed.engine->keepAliveCalls().empty());
   auto warnings = bed.engine->messages(1);
   ASSERT_EQ(warnings.size(), 2u);
-  EXPECT_EQ(warnings[0],
-            "-[ZolvaniSubscriptionManager processRemotePushNotice:withCompletionHandler:] [Line 308] "
-            "Processing push in SubscriptionManager when keelhall credentials are not configured.  Doing "
-            "nothing.");
+  EXPECT_EQ(
+      warnings[0],
+      "-[ZolvaniSubscriptionManager processRemotePushNotice:withCompletionHandler:] [Line 308] "
+      "Processing push in SubscriptionManager when keelhall credentials are not configured.  Doing "
+      "nothing.");
   EXPECT_EQ(warnings[1],
-            "-[ZolvaniSubscriptionManager processFetchWithCompletionHandler:] [Line 361] Processing fetch "
+            "-[ZolvaniSubscriptionManager processFetchWithCompletionHandler:] [Line 361] "
+            "Processing fetch "
             "in SubscriptionManager when keelhall credentials are not configured.  Doing nothing.");
 }
 
 TEST(BackgroundEntryTest, APushThatDoesNotAskForASyncIsOnlyLogged) {
   TestBed bed;
   int answers = 0;
-  bed.manager->processRemotePushNotice({{"alert", Value("hi")}}, [&](BackgroundFetchResult) { ++answers; });
+  bed.manager->processRemotePushNotice({{"alert", Value("hi")}},
+                                       [&](BackgroundFetchResult) { ++answers; });
   bed.settle();
   EXPECT_EQ(answers, 0);
   EXPECT_EQ(bed.engine->countLogged("Received push notice with data: "), 1u);
@@ -122,6 +130,35 @@ TEST(BackgroundEntryTest, SessionWakesAreNeverTaken) {
   EXPECT_FALSE(bed.manager->processBackgroundSessionWake("session", [&] { called = true; }));
   bed.settle(std::chrono::milliseconds(100));
   EXPECT_FALSE(called);
+}
+
+}  // namespace
+}  // namespace zolvani::testing
+
+namespace zolvani::testing {
+namespace {
+
+// A wrapper overrides one operation of a role and forwards the rest.
+class FlakyReachability final : public ZFM_ReachabilityWrapper {
+ public:
+  using ZFM_ReachabilityWrapper::ZFM_ReachabilityWrapper;
+  std::int64_t currentReachabilityStatus() override { return answers_++ == 0 ? 0 : 1; }
+
+ private:
+  int answers_ = 0;
+};
+
+TEST(StartupTest, ReachabilityIsReadAfreshOnEveryStartup) {
+  TestBed bed;
+  auto roles = bed.engine->roles();
+  roles.reachability = std::make_shared<FlakyReachability>(roles.reachability);
+  auto manager = ZolvaniSubscriptionManager::create(ManagerEnvironment{roles, bed.platform()});
+  bed.engine->applicationState = 1;
+  manager->internalStartup();
+  EXPECT_FALSE(manager->started());  // first reading: offline
+  manager->internalStartup();
+  EXPECT_TRUE(manager->started());  // second reading: online
+  EXPECT_EQ(manager->status(), kZSM_Started);
 }
 
 }  // namespace

@@ -20,8 +20,8 @@ namespace fs = std::filesystem;
 class TempDir {
  public:
   TempDir() {
-    path_ = fs::temp_directory_path() / ("zsm-defaults-" + std::to_string(::getpid()) + "-" +
-                                         std::to_string(counter_++));
+    path_ = fs::temp_directory_path() /
+            ("zsm-defaults-" + std::to_string(::getpid()) + "-" + std::to_string(counter_++));
     fs::remove_all(path_);
     fs::create_directories(path_);
   }
@@ -98,7 +98,8 @@ TEST(FileUserDefaultsTest, AnUnreadableFileIsSetAsideAndTheStoreStartsEmpty) {
     const fs::path file = dir.path() / "defaults.json";
     std::ofstream(file, std::ios::binary) << text;
     std::vector<std::pair<std::string, int>> reports;
-    FileUserDefaults defaults(file, [&](const std::string& m, int level) { reports.emplace_back(m, level); });
+    FileUserDefaults defaults(
+        file, [&](const std::string& m, int level) { reports.emplace_back(m, level); });
     EXPECT_FALSE(defaults.objectForKey("k").has_value()) << text;
     ASSERT_EQ(reports.size(), 1u) << text;
     EXPECT_EQ(reports[0].second, 0);

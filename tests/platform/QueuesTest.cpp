@@ -86,7 +86,8 @@ TEST(NotificationCenterTest, DeliversOnTheObserversQueueAndOnlyToItsName) {
   center.addObserver("A", main, [&](const Notification& n) {
     seen.push_back("queued:" + n.userInfo.at("k").stringValue());
   });
-  auto inlineToken = center.addObserver("A", nullptr, [&](const Notification&) { seen.push_back("inline"); });
+  auto inlineToken =
+      center.addObserver("A", nullptr, [&](const Notification&) { seen.push_back("inline"); });
   center.addObserver("B", nullptr, [&](const Notification&) { seen.push_back("B"); });
   center.post("A", {{"k", Value("v")}});
   EXPECT_EQ(seen, (std::vector<std::string>{"inline"}));

@@ -72,7 +72,9 @@ class InMemoryAssetData final : public ZolvaniAssetData {
 
 InMemoryAsset::InMemoryAsset(std::weak_ptr<InMemoryEngine> engine, std::string uuid,
                              AssetCreation creation, Date creationDate)
-    : engine_(std::move(engine)), uuid_(std::move(uuid)), creation_(std::move(creation)),
+    : engine_(std::move(engine)),
+      uuid_(std::move(uuid)),
+      creation_(std::move(creation)),
       creationDate_(creationDate) {}
 
 void InMemoryAsset::_setCreationDate(Date date) {
@@ -123,8 +125,8 @@ std::shared_ptr<ZolvaniAssetData> InMemoryAsset::assetDataFromAsset() {
   return data_;
 }
 
-void InMemoryAsset::deleteAssetWithReason(std::int64_t reason,
-                                          std::function<void(bool, std::optional<Error>)> onComplete) {
+void InMemoryAsset::deleteAssetWithReason(
+    std::int64_t reason, std::function<void(bool, std::optional<Error>)> onComplete) {
   if (auto engine = engine_.lock()) engine->removeAsset(uuid_, reason);
   if (onComplete) onComplete(true, std::nullopt);
 }
@@ -154,7 +156,8 @@ std::vector<std::shared_ptr<SubscriptionData>> InMemoryStoreContext::executeFetc
   std::vector<std::shared_ptr<SubscriptionData>> out;
   for (const auto& r : live_) {
     if (request.key) {
-      if (*request.key != SubscriptionDataAttributes[3]) continue;  // only the key attribute is indexed
+      if (*request.key != SubscriptionDataAttributes[3])
+        continue;  // only the key attribute is indexed
       if (r->uuid() != request.value) continue;
     }
     out.push_back(r);
@@ -184,7 +187,8 @@ bool InMemoryStoreContext::save() {
   ++saves_;
   saved_.clear();
   for (const auto& r : live_) {
-    SavedRecord s{r->uuid(), r->maxItemsValue(), r->autodeleteValue(), r->maxBitrateValue(), {}, {}};
+    SavedRecord s{r->uuid(), r->maxItemsValue(), r->autodeleteValue(), r->maxBitrateValue(), {},
+                  {}};
     for (const auto& i : r->feedItemsSet()) s.feedItems.push_back(i->uuid());
     for (const auto& i : r->deferredFeedItemsSet()) s.deferredFeedItems.push_back(i->uuid());
     saved_.push_back(std::move(s));
@@ -204,7 +208,8 @@ void InMemoryStoreContext::rollback() {
     for (const auto& u : s.feedItems)
       if (auto d = resolveAssetData ? resolveAssetData(u) : nullptr) r->feedItemsSet().add(d);
     for (const auto& u : s.deferredFeedItems)
-      if (auto d = resolveAssetData ? resolveAssetData(u) : nullptr) r->deferredFeedItemsSet().add(d);
+      if (auto d = resolveAssetData ? resolveAssetData(u) : nullptr)
+        r->deferredFeedItemsSet().add(d);
     live_.push_back(r);
   }
 }
@@ -268,8 +273,8 @@ class EngineRoleSet {
       std::lock_guard l(e_->mutex_);
       return e_->key_;
     }
-    void startupWithKeelhall(std::string url, std::string user, std::string device, std::string priv,
-                             std::string pub, bool internalOverride,
+    void startupWithKeelhall(std::string url, std::string user, std::string device,
+                             std::string priv, std::string pub, bool internalOverride,
                              std::function<void(bool, std::optional<Error>)> onComplete) override {
       {
         std::lock_guard l(e_->mutex_);
@@ -288,7 +293,8 @@ class EngineRoleSet {
       std::lock_guard l(e_->mutex_);
       std::vector<std::string> out = e_->extraQueue_;
       for (const auto& u : e_->queued_)
-        if (e_->live_.count(u) && std::find(out.begin(), out.end(), u) == out.end()) out.push_back(u);
+        if (e_->live_.count(u) && std::find(out.begin(), out.end(), u) == out.end())
+          out.push_back(u);
       return out;
     }
     void addToQueue(std::shared_ptr<ZolvaniAsset> asset, std::uint64_t,
@@ -405,7 +411,9 @@ class EngineRoleSet {
    public:
     explicit Utilities(EnginePtr e) : e_(std::move(e)) {}
     std::int64_t applicationState() override { return e_->applicationState; }
-    std::shared_ptr<ZolvaniManagedObjectContext> managedObjectContext() override { return e_->context_; }
+    std::shared_ptr<ZolvaniManagedObjectContext> managedObjectContext() override {
+      return e_->context_;
+    }
     void saveContext() override { e_->context_->save(); }
 
    private:
@@ -432,22 +440,25 @@ class EngineRoleSet {
       auto it = e_->live_.find(std::string(uuid));
       return it == e_->live_.end() ? nullptr : it->second;
     }
-    std::shared_ptr<ZolvaniAsset> assetWithAssetID(std::string_view assetID, std::int64_t) override {
+    std::shared_ptr<ZolvaniAsset> assetWithAssetID(std::string_view assetID,
+                                                   std::int64_t) override {
       std::lock_guard l(e_->mutex_);
       for (const auto& [u, a] : e_->live_)
         if (a->assetID() == assetID) return a;
       return nullptr;
     }
     std::shared_ptr<ZolvaniAsset> assetWithAssetID(
-        std::string assetID, std::string description, std::string manifestUrl, std::int32_t protectionType,
-        bool includeEncryptionKeys, std::int64_t maximumBitrate, std::optional<Date> publishDate,
-        std::optional<Date> expiryDate, double expiryAfterDownload, double expiryAfterPlay,
-        std::int32_t assetDownloadLimit, bool enableFastPlay, std::optional<Value::Map> userInfo,
-        AssetReadyCallback onReady, AssetParseCallback onParse) override {
-      AssetCreation c{true, std::move(assetID), std::move(description), std::move(manifestUrl),
-                      protectionType, includeEncryptionKeys, maximumBitrate, publishDate, expiryDate,
-                      expiryAfterDownload, expiryAfterPlay, assetDownloadLimit, enableFastPlay,
-                      std::move(userInfo)};
+        std::string assetID, std::string description, std::string manifestUrl,
+        std::int32_t protectionType, bool includeEncryptionKeys, std::int64_t maximumBitrate,
+        std::optional<Date> publishDate, std::optional<Date> expiryDate, double expiryAfterDownload,
+        double expiryAfterPlay, std::int32_t assetDownloadLimit, bool enableFastPlay,
+        std::optional<Value::Map> userInfo, AssetReadyCallback onReady,
+        AssetParseCallback onParse) override {
+      AssetCreation c{
+          true,           std::move(assetID),    std::move(description), std::move(manifestUrl),
+          protectionType, includeEncryptionKeys, maximumBitrate,         publishDate,
+          expiryDate,     expiryAfterDownload,   expiryAfterPlay,        assetDownloadLimit,
+          enableFastPlay, std::move(userInfo)};
       return e_->makeAsset(std::move(c), std::move(onReady), std::move(onParse));
     }
     std::shared_ptr<ZolvaniAsset> assetWithRemoteURL(
@@ -456,9 +467,20 @@ class EngineRoleSet {
         double expiryAfterPlay, std::int32_t assetDownloadLimit, bool enableFastPlay,
         std::optional<Value::Map> userInfo, AssetReadyCallback onReady,
         AssetParseCallback onParse) override {
-      AssetCreation c{false, std::move(assetID), std::move(description), std::move(remoteURL), 0, false,
-                      0, publishDate, expiryDate, expiryAfterDownload, expiryAfterPlay,
-                      assetDownloadLimit, enableFastPlay, std::move(userInfo)};
+      AssetCreation c{false,
+                      std::move(assetID),
+                      std::move(description),
+                      std::move(remoteURL),
+                      0,
+                      false,
+                      0,
+                      publishDate,
+                      expiryDate,
+                      expiryAfterDownload,
+                      expiryAfterPlay,
+                      assetDownloadLimit,
+                      enableFastPlay,
+                      std::move(userInfo)};
       return e_->makeAsset(std::move(c), std::move(onReady), std::move(onParse));
     }
 
@@ -474,7 +496,8 @@ std::shared_ptr<InMemoryEngine> InMemoryEngine::create() {
   auto e = std::shared_ptr<InMemoryEngine>(new InMemoryEngine());
   e->context_ = std::make_shared<InMemoryStoreContext>();
   std::weak_ptr<InMemoryEngine> weak = e;
-  e->context_->resolveAssetData = [weak](const std::string& uuid) -> std::shared_ptr<ZolvaniAssetData> {
+  e->context_->resolveAssetData =
+      [weak](const std::string& uuid) -> std::shared_ptr<ZolvaniAssetData> {
     auto engine = weak.lock();
     if (!engine) return nullptr;
     auto a = engine->asset(uuid);
@@ -502,7 +525,8 @@ ZolvaniEngine InMemoryEngine::roles() {
   return r;
 }
 
-void InMemoryEngine::setCredentials(std::string url, std::string user, std::string secret, std::string key) {
+void InMemoryEngine::setCredentials(std::string url, std::string user, std::string secret,
+                                    std::string key) {
   std::lock_guard l(mutex_);
   url_ = std::move(url);
   user_ = std::move(user);
@@ -510,8 +534,8 @@ void InMemoryEngine::setCredentials(std::string url, std::string user, std::stri
   key_ = std::move(key);
 }
 
-void InMemoryEngine::setKeelhall(std::string url, std::string user, std::string device, std::string secret,
-                                 std::string key) {
+void InMemoryEngine::setKeelhall(std::string url, std::string user, std::string device,
+                                 std::string secret, std::string key) {
   std::lock_guard l(mutex_);
   keelhallURL_ = std::move(url);
   keelhallUser_ = std::move(user);
@@ -550,7 +574,8 @@ void InMemoryEngine::setProcessingAssets(std::vector<std::shared_ptr<ZolvaniAsse
   processing_ = std::move(assets);
 }
 
-std::shared_ptr<InMemoryAsset> InMemoryEngine::makeAsset(AssetCreation creation, AssetReadyCallback ready,
+std::shared_ptr<InMemoryAsset> InMemoryEngine::makeAsset(AssetCreation creation,
+                                                         AssetReadyCallback ready,
                                                          AssetParseCallback parse) {
   if (refuseAssetCreation) return nullptr;
   std::shared_ptr<InMemoryAsset> a;

@@ -45,7 +45,8 @@ struct AssetCreation {
   std::optional<Value::Map> userInfo;
 };
 
-class InMemoryAsset final : public ZolvaniAsset, public std::enable_shared_from_this<InMemoryAsset> {
+class InMemoryAsset final : public ZolvaniAsset,
+                            public std::enable_shared_from_this<InMemoryAsset> {
  public:
   InMemoryAsset(std::weak_ptr<InMemoryEngine> engine, std::string uuid, AssetCreation creation,
                 Date creationDate);

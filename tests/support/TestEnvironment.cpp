@@ -50,7 +50,8 @@ std::int64_t FakeApplication::applicationState() {
   return state_;
 }
 
-BackgroundTaskIdentifier FakeApplication::beginBackgroundTask(std::string name, std::function<void()> expiry) {
+BackgroundTaskIdentifier FakeApplication::beginBackgroundTask(std::string name,
+                                                              std::function<void()> expiry) {
   std::lock_guard lock(mutex_);
   ++begun_;
   open_.push_back({next_, std::move(name), std::move(expiry)});
@@ -97,7 +98,8 @@ void FakeApplication::expireAll() {
     if (h) h();
 }
 
-NotificationRecorder::NotificationRecorder(NotificationCenter& center, std::vector<std::string_view> names) {
+NotificationRecorder::NotificationRecorder(NotificationCenter& center,
+                                           std::vector<std::string_view> names) {
   for (auto name : names) {
     center.addObserver(std::string(name), nullptr, [this](const Notification& n) {
       std::lock_guard lock(mutex_);

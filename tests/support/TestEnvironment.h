@@ -41,7 +41,8 @@ class FakeHttpTransport final : public HttpTransport {
 class FakeApplication final : public Application {
  public:
   std::int64_t applicationState() override;
-  BackgroundTaskIdentifier beginBackgroundTask(std::string name, std::function<void()> expiry) override;
+  BackgroundTaskIdentifier beginBackgroundTask(std::string name,
+                                               std::function<void()> expiry) override;
   void endBackgroundTask(BackgroundTaskIdentifier task) override;
 
   void setState(std::int64_t state);

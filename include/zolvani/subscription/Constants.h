@@ -43,7 +43,8 @@ inline constexpr std::int64_t kZSM_Receiving = 2;
 inline constexpr std::int64_t kZSM_Errors = 3;
 
 // The error domain of the library's own errors.
-inline constexpr std::string_view kZolvaniSubscriptionManagerErrorDomain = "ZolvaniSubscriptionManager";
+inline constexpr std::string_view kZolvaniSubscriptionManagerErrorDomain =
+    "ZolvaniSubscriptionManager";
 
 // Feed and item objects of the server.
 inline constexpr std::string_view SubscriptionFeedDataSubscribableKey = "subscribable";
@@ -52,7 +53,8 @@ inline constexpr std::string_view SubscriptionServerCollectionUUIDKey = "collect
 inline constexpr std::string_view SubscriptionServerAssetsKey = "contentItems";
 
 // Keys of the asset-data dictionary.
-inline constexpr std::string_view SubscriptionAssetDataAssetIDKey = "SubscriptionAssetDataAssetIDKey";
+inline constexpr std::string_view SubscriptionAssetDataAssetIDKey =
+    "SubscriptionAssetDataAssetIDKey";
 inline constexpr std::string_view SubscriptionAssetDataCollectionAssetIDKey =
     "SubscriptionAssetDataCollectionAssetIDKey";
 inline constexpr std::string_view SubscriptionAssetDataCreatedDateKey =
@@ -76,6 +78,7 @@ inline constexpr std::string_view SubscriptionAssetDataExpiryAfterPlayKey =
     "SubscriptionAssetDataExpiryAfterPlayKey";
 inline constexpr std::string_view SubscriptionAssetDataPermittedMimeTypesKey =
     "SubscriptionAssetDataPermittedMimeTypesKey";
-inline constexpr std::string_view SubscriptionAssetDataUserInfoKey = "SubscriptionAssetDataUserInfoKey";
+inline constexpr std::string_view SubscriptionAssetDataUserInfoKey =
+    "SubscriptionAssetDataUserInfoKey";
 
 }  // namespace zolvani

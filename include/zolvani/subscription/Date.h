@@ -25,12 +25,13 @@ struct Date {
   std::chrono::system_clock::time_point toTimePoint() const {
     using Seconds = std::chrono::duration<double>;
     return std::chrono::system_clock::time_point(
-        std::chrono::duration_cast<std::chrono::system_clock::duration>(
-            Seconds(secondsSince1970)));
+        std::chrono::duration_cast<std::chrono::system_clock::duration>(Seconds(secondsSince1970)));
   }
 
   // The later of two dates; on a tie the receiver.
-  Date laterDate(Date other) const { return other.secondsSince1970 > secondsSince1970 ? other : *this; }
+  Date laterDate(Date other) const {
+    return other.secondsSince1970 > secondsSince1970 ? other : *this;
+  }
 
   friend constexpr auto operator<=>(const Date&, const Date&) = default;
 };

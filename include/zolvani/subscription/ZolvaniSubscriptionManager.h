@@ -48,8 +48,7 @@ using SubscriptionsCompletion =
     std::function<void(std::optional<Value::Array>, std::optional<Error>)>;
 // Completion of a sync: (success, the server's subscription list or none,
 // error or none).
-using SyncCompletion =
-    std::function<void(bool, std::optional<Value::Array>, std::optional<Error>)>;
+using SyncCompletion = std::function<void(bool, std::optional<Value::Array>, std::optional<Error>)>;
 
 // Everything a manager is built over.
 struct ManagerEnvironment {
@@ -82,7 +81,9 @@ class ZolvaniSubscriptionManager final
   // --- Settings -------------------------------------------------------------
   void registerDataSource(DataSourceFactory factory);
   template <class T>
-  void registerDataSource() { registerDataSource(makeDataSourceFactory<T>()); }
+  void registerDataSource() {
+    registerDataSource(makeDataSourceFactory<T>());
+  }
   DataSourceFactory dataSourceFactory() const;
 
   std::int32_t maximumSubscriptionItemsPerFeed() const;
@@ -115,8 +116,9 @@ class ZolvaniSubscriptionManager final
 
   // --- Background entry points (ZolvaniEventHandlerDelegate) -----------------
   bool canProcessRemotePushNotice(const Value::Map& payload) override;
-  void processRemotePushNotice(const Value::Map& payload,
-                               std::function<void(BackgroundFetchResult)> completionHandler) override;
+  void processRemotePushNotice(
+      const Value::Map& payload,
+      std::function<void(BackgroundFetchResult)> completionHandler) override;
   bool processBackgroundSessionWake(const std::string& identifier,
                                     std::function<void()> completionHandler) override;
   void processFetchWithCompletionHandler(

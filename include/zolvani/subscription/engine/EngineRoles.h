@@ -86,8 +86,8 @@ class ZolvaniEventHandlerDelegate {
  public:
   virtual ~ZolvaniEventHandlerDelegate() = default;
   virtual bool canProcessRemotePushNotice(const Value::Map& payload) = 0;
-  virtual void processRemotePushNotice(const Value::Map& payload,
-                                       std::function<void(BackgroundFetchResult)> completionHandler) = 0;
+  virtual void processRemotePushNotice(
+      const Value::Map& payload, std::function<void(BackgroundFetchResult)> completionHandler) = 0;
   virtual bool processBackgroundSessionWake(const std::string& identifier,
                                             std::function<void()> completionHandler) = 0;
   virtual void processFetchWithCompletionHandler(

@@ -28,12 +28,12 @@ namespace zolvani {
 // The engine's published attribute names. The feed store fetches records by the
 // fourth SubscriptionData attribute and orders items by the tenth asset-data one.
 inline constexpr std::array<std::string_view, 7> SubscriptionDataAttributes = {
-    "autodelete", "maxBitrate", "maxItems", "uuid", "feedItems", "deferredFeedItems",
-    "lastUpdated"};
+    "autodelete", "maxBitrate",        "maxItems",   "uuid",
+    "feedItems",  "deferredFeedItems", "lastUpdated"};
 inline constexpr std::array<std::string_view, 12> ZolvaniAssetDataAttributes = {
-    "assetID",     "assetDescription", "remoteURL",          "manifestURL",
-    "fileSize",    "fractionComplete", "downloadComplete",   "downloadCompleteDateTime",
-    "publishDate", "creationDate",     "expiryDate",         "uuid"};
+    "assetID",     "assetDescription", "remoteURL",        "manifestURL",
+    "fileSize",    "fractionComplete", "downloadComplete", "downloadCompleteDateTime",
+    "publishDate", "creationDate",     "expiryDate",       "uuid"};
 
 // An ordered, duplicate-free collection of asset-data references; identity is
 // the object, not its contents.
@@ -78,7 +78,9 @@ class SubscriptionData {
   // The tracked and deferred items; the caller changes them in place.
   virtual AssetDataOrderedSet& feedItemsSet() = 0;
   virtual AssetDataOrderedSet& deferredFeedItemsSet() = 0;
-  void addFeedItemsObject(std::shared_ptr<ZolvaniAssetData> item) { feedItemsSet().add(std::move(item)); }
+  void addFeedItemsObject(std::shared_ptr<ZolvaniAssetData> item) {
+    feedItemsSet().add(std::move(item));
+  }
 };
 
 // A fetch of SubscriptionData records, all of them or those whose attribute

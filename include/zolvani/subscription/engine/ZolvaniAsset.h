@@ -44,8 +44,8 @@ class ZolvaniAsset {
   // The asset's persistent record, or null.
   virtual std::shared_ptr<ZolvaniAssetData> assetDataFromAsset() = 0;
   // Deletes the asset and its files. The completion may be empty.
-  virtual void deleteAssetWithReason(std::int64_t reason,
-                                     std::function<void(bool, std::optional<Error>)> onComplete) = 0;
+  virtual void deleteAssetWithReason(
+      std::int64_t reason, std::function<void(bool, std::optional<Error>)> onComplete) = 0;
 };
 
 class ZolvaniAssetData {
@@ -63,8 +63,7 @@ class ZolvaniAssetData {
 // Called when the engine has finished preparing an asset.
 using AssetReadyCallback = std::function<void(std::shared_ptr<ZolvaniAsset>)>;
 // Called when the engine has parsed an asset's manifest (or failed to).
-using AssetParseCallback =
-    std::function<void(std::shared_ptr<ZolvaniAsset>, std::optional<Error>)>;
+using AssetParseCallback = std::function<void(std::shared_ptr<ZolvaniAsset>, std::optional<Error>)>;
 
 class ZolvaniAssetFactory {
  public:

@@ -28,7 +28,9 @@ struct HttpRequest {
 
   // The values of every header named `name` (case-insensitive), joined by ",".
   std::optional<std::string> header(std::string_view name) const;
-  void addHeader(std::string name, std::string value) { headers.emplace_back(std::move(name), std::move(value)); }
+  void addHeader(std::string name, std::string value) {
+    headers.emplace_back(std::move(name), std::move(value));
+  }
 };
 
 struct HttpResponse {

@@ -30,7 +30,8 @@ std::string newUUIDString();
 class ForegroundApplication : public Application {
  public:
   std::int64_t applicationState() override;
-  BackgroundTaskIdentifier beginBackgroundTask(std::string name, std::function<void()> expiry) override;
+  BackgroundTaskIdentifier beginBackgroundTask(std::string name,
+                                               std::function<void()> expiry) override;
   void endBackgroundTask(BackgroundTaskIdentifier task) override;
   void setApplicationState(std::int64_t state);
   int openBackgroundTasks() const;

@@ -39,7 +39,9 @@ class UserDefaults {
   void setBool(std::string_view key, bool value) { setObject(key, Value(value)); }
   void setInteger(std::string_view key, std::int64_t value) { setObject(key, Value(value)); }
   void setDouble(std::string_view key, double value) { setObject(key, Value(value)); }
-  void setString(std::string_view key, std::string value) { setObject(key, Value(std::move(value))); }
+  void setString(std::string_view key, std::string value) {
+    setObject(key, Value(std::move(value)));
+  }
   void setDate(std::string_view key, Date value) { setObject(key, Value(value)); }
 };
 
