@@ -1,0 +1,77 @@
+// ContentServer: the reference content server as an object that a program or a test
+// starts and stops in-process. It answers the protocol endpoints under
+// /Subscriptions/client/<name> and publishes the media folder under /media with
+// byte ranges and validators.
+//
+// Start() and Stop() are meant for one controlling thread; requests are served on
+// the server's own pool of threads. The store is safe to use from other threads
+// while the server runs (for example to add items in a test).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "reference/server/ContentStore.h"
+#include "reference/server/Status.h"
+
+namespace httplib {
+class Server;
+}
+
+namespace zolvani::refserver {
+
+class MediaLibrary;
+class ProtocolHandler;
+
+struct ServerOptions {
+  std::filesystem::path dataDir;  // holds server.sqlite and the media folder
+  std::string address = "127.0.0.1";
+  int port = 0;  // 0: any free port; see ContentServer::port()
+  // How devices reach this server, "http://host:port", used for media URLs in the
+  // catalog. Empty: taken from the Host header of each request.
+  std::string publicUrl;
+  int64_t freshnessWindowSeconds = 300;
+  int threads = 64;                  // request threads
+  std::function<int64_t()> clockMs;  // milliseconds since 1970; wall clock when empty
+};
+
+class ContentServer {
+ public:
+  static Status Create(ServerOptions options, std::unique_ptr<ContentServer>* server);
+  ~ContentServer();
+
+  ContentServer(const ContentServer&) = delete;
+  ContentServer& operator=(const ContentServer&) = delete;
+
+  // Binds the address and serves on a background thread.
+  Status Start();
+  // Stops serving and waits for the serving thread; safe to call more than once.
+  void Stop();
+
+  int port() const { return port_; }
+  // "http://address:port" once started.
+  std::string url() const;
+  ContentStore* store() { return store_.get(); }
+  const std::filesystem::path& mediaRoot() const;
+
+  static int64_t WallClockMs();
+
+ private:
+  ContentServer(ServerOptions options, std::unique_ptr<ContentStore> store);
+  void InstallRoutes();
+
+  ServerOptions options_;
+  std::unique_ptr<ContentStore> store_;
+  std::unique_ptr<MediaLibrary> media_;
+  std::unique_ptr<ProtocolHandler> protocol_;
+  std::unique_ptr<httplib::Server> http_;
+  std::thread thread_;
+  std::atomic<int> port_{0};
+};
+
+}  // namespace zolvani::refserver

@@ -1,0 +1,556 @@
+#include "reference/server/ContentStore.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <set>
+#include <system_error>
+
+namespace zolvani::refserver {
+
+namespace {
+
+// A prepared statement that finalises itself; binds are 1-based like SQLite's.
+class Statement {
+ public:
+  Statement(sqlite3* db, const char* sql) : db_(db) {
+    rc_ = sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr);
+  }
+  ~Statement() { sqlite3_finalize(stmt_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  bool prepared() const { return rc_ == SQLITE_OK; }
+  Statement& Bind(int index, const std::string& text) {
+    sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+    return *this;
+  }
+  Statement& Bind(int index, int64_t value) {
+    sqlite3_bind_int64(stmt_, index, value);
+    return *this;
+  }
+  Statement& BindNull(int index) {
+    sqlite3_bind_null(stmt_, index);
+    return *this;
+  }
+  // SQLITE_ROW, SQLITE_DONE or an error code.
+  int Step() { return rc_ = sqlite3_step(stmt_); }
+  void Reset() {
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+  }
+  std::string Text(int column) const {
+    const auto* text = sqlite3_column_text(stmt_, column);
+    return text == nullptr ? std::string()
+                           : std::string(reinterpret_cast<const char*>(text),
+                                         static_cast<size_t>(sqlite3_column_bytes(stmt_, column)));
+  }
+  int64_t Int(int column) const { return sqlite3_column_int64(stmt_, column); }
+  Status Error(const char* what) const {
+    return Status::IOError(std::string(what) + ": " + sqlite3_errmsg(db_));
+  }
+
+ private:
+  sqlite3* db_;
+  sqlite3_stmt* stmt_ = nullptr;
+  int rc_;
+};
+
+Status Exec(sqlite3* db, const char* sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+    std::string text = message != nullptr ? message : "unknown error";
+    sqlite3_free(message);
+    return Status::IOError(text);
+  }
+  return Status::OK();
+}
+
+// Runs a statement that returns no rows.
+Status Run(Statement& statement, const char* what) {
+  if (!statement.prepared()) return statement.Error(what);
+  const int rc = statement.Step();
+  if (rc != SQLITE_DONE && rc != SQLITE_ROW) return statement.Error(what);
+  return Status::OK();
+}
+
+// BEGIN IMMEDIATE ... COMMIT, rolled back when the scope ends without Commit().
+class Transaction {
+ public:
+  Transaction(sqlite3* db, bool write) : db_(db) {
+    status_ = Exec(db, write ? "BEGIN IMMEDIATE" : "BEGIN");
+  }
+  ~Transaction() {
+    if (status_.ok() && !done_) Exec(db_, "ROLLBACK");
+  }
+  const Status& status() const { return status_; }
+  Status Commit() {
+    done_ = true;
+    return Exec(db_, "COMMIT");
+  }
+
+ private:
+  sqlite3* db_;
+  Status status_;
+  bool done_ = false;
+};
+
+constexpr const char* kSchema = R"sql(
+CREATE TABLE IF NOT EXISTS accounts (
+  user TEXT PRIMARY KEY, public_key TEXT NOT NULL, secret TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS devices (
+  user TEXT NOT NULL, device TEXT NOT NULL, first_seen_ms INTEGER NOT NULL,
+  last_seen_ms INTEGER NOT NULL, PRIMARY KEY (user, device));
+CREATE TABLE IF NOT EXISTS push_registrations (
+  user TEXT NOT NULL, device TEXT NOT NULL, service TEXT NOT NULL, token TEXT NOT NULL,
+  updated_ms INTEGER NOT NULL, PRIMARY KEY (user, device));
+CREATE TABLE IF NOT EXISTS feeds (
+  id TEXT PRIMARY KEY, title TEXT NOT NULL, subscribable INTEGER NOT NULL,
+  max_assets INTEGER NOT NULL, auto_delete INTEGER NOT NULL, max_bitrate INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS items (
+  uuid TEXT PRIMARY KEY, feed TEXT, user TEXT, created_ms INTEGER NOT NULL,
+  media_path TEXT NOT NULL, metadata TEXT NOT NULL);
+CREATE INDEX IF NOT EXISTS items_by_feed ON items (feed, created_ms);
+CREATE INDEX IF NOT EXISTS items_by_user ON items (user, created_ms);
+CREATE TABLE IF NOT EXISTS subscriptions (
+  user TEXT NOT NULL, device TEXT NOT NULL, feed TEXT NOT NULL,
+  PRIMARY KEY (user, device, feed));
+CREATE INDEX IF NOT EXISTS subscriptions_by_feed ON subscriptions (feed);
+CREATE TABLE IF NOT EXISTS rules (
+  user TEXT NOT NULL, device TEXT NOT NULL, feed TEXT NOT NULL, max_assets INTEGER NOT NULL,
+  auto_delete INTEGER NOT NULL, max_bitrate INTEGER NOT NULL, PRIMARY KEY (user, device, feed));
+CREATE TABLE IF NOT EXISTS pushes (
+  id INTEGER PRIMARY KEY AUTOINCREMENT, user TEXT NOT NULL, device TEXT NOT NULL,
+  service TEXT NOT NULL, token TEXT NOT NULL, item_uuid TEXT NOT NULL, feed TEXT NOT NULL,
+  created_ms INTEGER NOT NULL, delivered INTEGER NOT NULL DEFAULT 0);
+PRAGMA user_version = 1;
+)sql";
+
+Item ReadItem(const Statement& row) {
+  // Columns: uuid, feed, user, created_ms, media_path, metadata.
+  Item item;
+  item.uuid = row.Text(0);
+  item.feed = row.Text(1);
+  item.user = row.Text(2);
+  item.createdMs = row.Int(3);
+  item.mediaPath = row.Text(4);
+  // The store writes only serialised objects here; anything else reads as empty.
+  item.metadata = nlohmann::json::parse(row.Text(5), nullptr, false);
+  if (!item.metadata.is_object()) item.metadata = nlohmann::json::object();
+  return item;
+}
+
+}  // namespace
+
+Status ContentStore::Open(const std::filesystem::path& dataDir,
+                          std::unique_ptr<ContentStore>* store) {
+  std::error_code ec;
+  std::filesystem::create_directories(dataDir, ec);
+  if (ec) return Status::IOError("cannot create " + dataDir.string() + ": " + ec.message());
+  const std::string file = (dataDir / "server.sqlite").string();
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
+      SQLITE_OK) {
+    std::string message = db != nullptr ? sqlite3_errmsg(db) : "out of memory";
+    sqlite3_close(db);
+    return Status::IOError("cannot open " + file + ": " + message);
+  }
+  sqlite3_busy_timeout(db, 5000);
+  std::unique_ptr<ContentStore> opened(new ContentStore(db));
+  Status s = opened->InitSchema();
+  if (!s.ok()) return s;
+  *store = std::move(opened);
+  return Status::OK();
+}
+
+ContentStore::~ContentStore() { sqlite3_close(db_); }
+
+Status ContentStore::InitSchema() {
+  Status s = Exec(db_, "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;");
+  if (!s.ok()) return s;
+  return Exec(db_, kSchema);
+}
+
+Status ContentStore::AddAccount(const Account& account) {
+  if (account.user.empty()) return Status::InvalidArgument("an account needs a user name");
+  std::lock_guard lock(mutex_);
+  Statement st(db_,
+               "INSERT INTO accounts (user, public_key, secret) VALUES (?1, ?2, ?3) "
+               "ON CONFLICT(user) DO UPDATE SET public_key = ?2, secret = ?3");
+  st.Bind(1, account.user).Bind(2, account.publicKey).Bind(3, account.secret);
+  return Run(st, "add account");
+}
+
+Status ContentStore::FindAccount(const std::string& user, Account* account) {
+  std::lock_guard lock(mutex_);
+  Statement st(db_, "SELECT user, public_key, secret FROM accounts WHERE user = ?1");
+  if (!st.prepared()) return st.Error("find account");
+  st.Bind(1, user);
+  const int rc = st.Step();
+  if (rc == SQLITE_DONE) return Status::NotFound("unknown account " + user);
+  if (rc != SQLITE_ROW) return st.Error("find account");
+  account->user = st.Text(0);
+  account->publicKey = st.Text(1);
+  account->secret = st.Text(2);
+  return Status::OK();
+}
+
+Status ContentStore::TouchDevice(const std::string& user, const std::string& device,
+                                 int64_t nowMs) {
+  std::lock_guard lock(mutex_);
+  Statement st(db_,
+               "INSERT INTO devices (user, device, first_seen_ms, last_seen_ms) "
+               "VALUES (?1, ?2, ?3, ?3) "
+               "ON CONFLICT(user, device) DO UPDATE SET last_seen_ms = ?3");
+  st.Bind(1, user).Bind(2, device).Bind(3, nowMs);
+  return Run(st, "record device");
+}
+
+Status ContentStore::SetPushRegistration(const std::string& user, const std::string& device,
+                                         const std::string& service, const std::string& token,
+                                         int64_t nowMs) {
+  std::lock_guard lock(mutex_);
+  Statement st(db_,
+               "INSERT INTO push_registrations (user, device, service, token, updated_ms) "
+               "VALUES (?1, ?2, ?3, ?4, ?5) ON CONFLICT(user, device) DO UPDATE SET "
+               "service = ?3, token = ?4, updated_ms = ?5");
+  st.Bind(1, user).Bind(2, device).Bind(3, service).Bind(4, token).Bind(5, nowMs);
+  return Run(st, "record push registration");
+}
+
+Status ContentStore::AddFeed(const Feed& feed) {
+  if (feed.id.empty()) return Status::InvalidArgument("a feed needs an identifier");
+  std::lock_guard lock(mutex_);
+  Statement st(db_,
+               "INSERT INTO feeds (id, title, subscribable, max_assets, auto_delete, max_bitrate) "
+               "VALUES (?1, ?2, ?3, ?4, ?5, ?6) ON CONFLICT(id) DO UPDATE SET title = ?2, "
+               "subscribable = ?3, max_assets = ?4, auto_delete = ?5, max_bitrate = ?6");
+  st.Bind(1, feed.id)
+      .Bind(2, feed.title)
+      .Bind(3, int64_t{feed.subscribable})
+      .Bind(4, int64_t{feed.defaults.maxAssets})
+      .Bind(5, int64_t{feed.defaults.autoDelete})
+      .Bind(6, int64_t{feed.defaults.maxBitrate});
+  return Run(st, "add feed");
+}
+
+namespace {
+
+Status FindFeedLocked(sqlite3* db, const std::string& id, Feed* feed) {
+  Statement st(db,
+               "SELECT id, title, subscribable, max_assets, auto_delete, max_bitrate FROM feeds "
+               "WHERE id = ?1");
+  if (!st.prepared()) return st.Error("find feed");
+  st.Bind(1, id);
+  const int rc = st.Step();
+  if (rc == SQLITE_DONE) return Status::NotFound("unknown feed " + id);
+  if (rc != SQLITE_ROW) return st.Error("find feed");
+  feed->id = st.Text(0);
+  feed->title = st.Text(1);
+  feed->subscribable = st.Int(2) != 0;
+  feed->defaults.maxAssets = static_cast<int32_t>(st.Int(3));
+  feed->defaults.autoDelete = st.Int(4) != 0;
+  feed->defaults.maxBitrate = static_cast<int32_t>(st.Int(5));
+  return Status::OK();
+}
+
+}  // namespace
+
+Status ContentStore::FindFeed(const std::string& id, Feed* feed) {
+  std::lock_guard lock(mutex_);
+  return FindFeedLocked(db_, id, feed);
+}
+
+Status ContentStore::AddItem(const Item& item, int64_t nowMs, std::vector<PushNotice>* notices,
+                             bool replaceExisting) {
+  if (item.uuid.empty()) return Status::InvalidArgument("an item needs a remoteUUID");
+  if (item.feed.empty() == item.user.empty()) {
+    return Status::InvalidArgument("an item belongs either to a feed or to an account");
+  }
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, true);
+  if (!tx.status().ok()) return tx.status();
+  if (!item.feed.empty()) {
+    Feed feed;
+    Status s = FindFeedLocked(db_, item.feed, &feed);
+    if (!s.ok()) return s;
+  } else {
+    Statement st(db_, "SELECT 1 FROM accounts WHERE user = ?1");
+    st.Bind(1, item.user);
+    if (st.Step() != SQLITE_ROW) return Status::NotFound("unknown account " + item.user);
+  }
+  bool existed = false;
+  {
+    Statement st(db_, "SELECT 1 FROM items WHERE uuid = ?1");
+    st.Bind(1, item.uuid);
+    existed = st.Step() == SQLITE_ROW;
+  }
+  if (existed && !replaceExisting) {
+    return Status::InvalidArgument("item " + item.uuid + " already exists");
+  }
+  {
+    Statement st(
+        db_,
+        "INSERT OR REPLACE INTO items (uuid, feed, user, created_ms, media_path, metadata) "
+        "VALUES (?1, ?2, ?3, ?4, ?5, ?6)");
+    st.Bind(1, item.uuid);
+    item.feed.empty() ? st.BindNull(2) : st.Bind(2, item.feed);
+    item.user.empty() ? st.BindNull(3) : st.Bind(3, item.user);
+    st.Bind(4, item.createdMs).Bind(5, item.mediaPath).Bind(6, item.metadata.dump());
+    Status s = Run(st, "add item");
+    if (!s.ok()) return s;
+  }
+  if (!existed) {
+    // Devices to tell: subscribers of the feed, or all devices of the account.
+    Statement who(db_, item.feed.empty()
+                           ? "SELECT d.user, d.device, COALESCE(p.service, ''), "
+                             "COALESCE(p.token, '') FROM devices d LEFT JOIN push_registrations p "
+                             "ON p.user = d.user AND p.device = d.device WHERE d.user = ?1 "
+                             "ORDER BY d.device"
+                           : "SELECT s.user, s.device, COALESCE(p.service, ''), "
+                             "COALESCE(p.token, '') FROM subscriptions s LEFT JOIN "
+                             "push_registrations p ON p.user = s.user AND p.device = s.device "
+                             "WHERE s.feed = ?1 ORDER BY s.user, s.device");
+    if (!who.prepared()) return who.Error("find devices to notify");
+    who.Bind(1, item.feed.empty() ? item.user : item.feed);
+    std::vector<PushNotice> made;
+    int rc;
+    while ((rc = who.Step()) == SQLITE_ROW) {
+      PushNotice n;
+      n.user = who.Text(0);
+      n.device = who.Text(1);
+      n.service = who.Text(2);
+      n.token = who.Text(3);
+      n.itemUuid = item.uuid;
+      n.feed = item.feed;
+      n.createdMs = nowMs;
+      made.push_back(std::move(n));
+    }
+    if (rc != SQLITE_DONE) return who.Error("find devices to notify");
+    Statement insert(
+        db_,
+        "INSERT INTO pushes (user, device, service, token, item_uuid, feed, created_ms) "
+        "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)");
+    for (auto& n : made) {
+      insert.Reset();
+      insert.Bind(1, n.user)
+          .Bind(2, n.device)
+          .Bind(3, n.service)
+          .Bind(4, n.token)
+          .Bind(5, n.itemUuid)
+          .Bind(6, n.feed)
+          .Bind(7, n.createdMs);
+      Status s = Run(insert, "record push notice");
+      if (!s.ok()) return s;
+      n.id = sqlite3_last_insert_rowid(db_);
+    }
+    if (notices != nullptr) notices->insert(notices->end(), made.begin(), made.end());
+  }
+  return tx.Commit();
+}
+
+Status ContentStore::Subscribe(const std::string& user, const std::string& device,
+                               const std::string& feedId) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, true);
+  if (!tx.status().ok()) return tx.status();
+  Feed feed;
+  Status s = FindFeedLocked(db_, feedId, &feed);
+  if (!s.ok()) return s;
+  if (!feed.subscribable) return Status::InvalidArgument("feed " + feedId + " is not subscribable");
+  {
+    Statement st(db_,
+                 "INSERT OR IGNORE INTO subscriptions (user, device, feed) VALUES (?1, ?2, ?3)");
+    st.Bind(1, user).Bind(2, device).Bind(3, feedId);
+    s = Run(st, "subscribe");
+    if (!s.ok()) return s;
+  }
+  {
+    Statement st(db_,
+                 "INSERT OR IGNORE INTO rules (user, device, feed, max_assets, auto_delete, "
+                 "max_bitrate) VALUES (?1, ?2, ?3, ?4, ?5, ?6)");
+    st.Bind(1, user)
+        .Bind(2, device)
+        .Bind(3, feedId)
+        .Bind(4, int64_t{feed.defaults.maxAssets})
+        .Bind(5, int64_t{feed.defaults.autoDelete})
+        .Bind(6, int64_t{feed.defaults.maxBitrate});
+    s = Run(st, "record rules");
+    if (!s.ok()) return s;
+  }
+  return tx.Commit();
+}
+
+Status ContentStore::Unsubscribe(const std::string& user, const std::string& device,
+                                 const std::string& feedId) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, true);
+  if (!tx.status().ok()) return tx.status();
+  Feed feed;
+  Status s = FindFeedLocked(db_, feedId, &feed);
+  if (!s.ok()) return s;
+  for (const char* sql : {"DELETE FROM subscriptions WHERE user = ?1 AND device = ?2 AND feed = ?3",
+                          "DELETE FROM rules WHERE user = ?1 AND device = ?2 AND feed = ?3"}) {
+    Statement st(db_, sql);
+    st.Bind(1, user).Bind(2, device).Bind(3, feedId);
+    s = Run(st, "unsubscribe");
+    if (!s.ok()) return s;
+  }
+  return tx.Commit();
+}
+
+Status ContentStore::Subscriptions(const std::string& user, const std::string& device,
+                                   std::vector<std::string>* feeds) {
+  std::lock_guard lock(mutex_);
+  Statement st(db_, "SELECT feed FROM subscriptions WHERE user = ?1 AND device = ?2 ORDER BY feed");
+  if (!st.prepared()) return st.Error("list subscriptions");
+  st.Bind(1, user).Bind(2, device);
+  feeds->clear();
+  int rc;
+  while ((rc = st.Step()) == SQLITE_ROW) feeds->push_back(st.Text(0));
+  if (rc != SQLITE_DONE) return st.Error("list subscriptions");
+  return Status::OK();
+}
+
+Status ContentStore::SetRules(const std::string& user, const std::string& device,
+                              const std::string& feedId, const FeedRules& rules) {
+  std::lock_guard lock(mutex_);
+  Feed feed;
+  Status s = FindFeedLocked(db_, feedId, &feed);
+  if (!s.ok()) return s;
+  Statement st(db_,
+               "INSERT INTO rules (user, device, feed, max_assets, auto_delete, max_bitrate) "
+               "VALUES (?1, ?2, ?3, ?4, ?5, ?6) ON CONFLICT(user, device, feed) DO UPDATE SET "
+               "max_assets = ?4, auto_delete = ?5, max_bitrate = ?6");
+  st.Bind(1, user)
+      .Bind(2, device)
+      .Bind(3, feedId)
+      .Bind(4, int64_t{rules.maxAssets})
+      .Bind(5, int64_t{rules.autoDelete})
+      .Bind(6, int64_t{rules.maxBitrate});
+  return Run(st, "set rules");
+}
+
+Status ContentStore::ReadCatalog(const std::string& user, const std::string& device,
+                                 std::optional<int64_t> sinceMs, bool subscribedOnly,
+                                 CatalogSnapshot* snapshot) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, false);
+  if (!tx.status().ok()) return tx.status();
+  *snapshot = CatalogSnapshot();
+  const int64_t since = sinceMs.value_or(INT64_MIN);
+
+  {
+    Statement st(db_,
+                 "SELECT s.feed, COALESCE(r.max_assets, f.max_assets), "
+                 "COALESCE(r.auto_delete, f.auto_delete), COALESCE(r.max_bitrate, f.max_bitrate) "
+                 "FROM subscriptions s JOIN feeds f ON f.id = s.feed LEFT JOIN rules r ON "
+                 "r.user = s.user AND r.device = s.device AND r.feed = s.feed "
+                 "WHERE s.user = ?1 AND s.device = ?2 ORDER BY s.feed");
+    if (!st.prepared()) return st.Error("read subscriptions");
+    st.Bind(1, user).Bind(2, device);
+    int rc;
+    while ((rc = st.Step()) == SQLITE_ROW) {
+      std::string feed = st.Text(0);
+      snapshot->subscriptions.push_back(feed);
+      snapshot->rules[feed] = FeedRules{static_cast<int32_t>(st.Int(1)), st.Int(2) != 0,
+                                        static_cast<int32_t>(st.Int(3))};
+    }
+    if (rc != SQLITE_DONE) return st.Error("read subscriptions");
+  }
+
+  {
+    Statement st(db_,
+                 "SELECT id, title, subscribable, max_assets, auto_delete, max_bitrate "
+                 "FROM feeds ORDER BY id");
+    if (!st.prepared()) return st.Error("read feeds");
+    const std::set<std::string> subscribed(snapshot->subscriptions.begin(),
+                                           snapshot->subscriptions.end());
+    int rc;
+    while ((rc = st.Step()) == SQLITE_ROW) {
+      Feed feed;
+      feed.id = st.Text(0);
+      if (subscribedOnly && subscribed.count(feed.id) == 0) continue;
+      feed.title = st.Text(1);
+      feed.subscribable = st.Int(2) != 0;
+      feed.defaults = FeedRules{static_cast<int32_t>(st.Int(3)), st.Int(4) != 0,
+                                static_cast<int32_t>(st.Int(5))};
+      snapshot->feeds.emplace_back(std::move(feed), std::vector<Item>());
+    }
+    if (rc != SQLITE_DONE) return st.Error("read feeds");
+  }
+
+  {
+    Statement st(db_,
+                 "SELECT uuid, feed, user, created_ms, media_path, metadata FROM items "
+                 "WHERE feed = ?1 AND created_ms > ?2 ORDER BY created_ms, uuid");
+    if (!st.prepared()) return st.Error("read items");
+    for (auto& [feed, items] : snapshot->feeds) {
+      st.Reset();
+      st.Bind(1, feed.id).Bind(2, since);
+      int rc;
+      while ((rc = st.Step()) == SQLITE_ROW) items.push_back(ReadItem(st));
+      if (rc != SQLITE_DONE) return st.Error("read items");
+    }
+  }
+
+  {
+    Statement st(db_,
+                 "SELECT uuid, feed, user, created_ms, media_path, metadata FROM items "
+                 "WHERE feed IS NULL AND user = ?1 AND created_ms > ?2 ORDER BY created_ms, uuid");
+    if (!st.prepared()) return st.Error("read direct items");
+    st.Bind(1, user).Bind(2, since);
+    int rc;
+    while ((rc = st.Step()) == SQLITE_ROW) snapshot->directItems.push_back(ReadItem(st));
+    if (rc != SQLITE_DONE) return st.Error("read direct items");
+  }
+
+  {
+    Statement st(db_, "SELECT COALESCE(MAX(created_ms), 0) FROM items");
+    if (!st.prepared() || st.Step() != SQLITE_ROW) return st.Error("read newest item");
+    snapshot->newestItemMs = st.Int(0);
+  }
+  return tx.Commit();
+}
+
+Status ContentStore::ListPushes(const std::string& user, const std::string& device,
+                                bool pendingOnly, bool markDelivered,
+                                std::vector<PushNotice>* notices) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, markDelivered);
+  if (!tx.status().ok()) return tx.status();
+  Statement st(db_,
+               "SELECT id, user, device, service, token, item_uuid, feed, created_ms, delivered "
+               "FROM pushes WHERE (?1 = '' OR user = ?1) AND (?2 = '' OR device = ?2) "
+               "AND (?3 = 0 OR delivered = 0) ORDER BY id");
+  if (!st.prepared()) return st.Error("list pushes");
+  st.Bind(1, user).Bind(2, device).Bind(3, int64_t{pendingOnly});
+  notices->clear();
+  int rc;
+  while ((rc = st.Step()) == SQLITE_ROW) {
+    PushNotice n;
+    n.id = st.Int(0);
+    n.user = st.Text(1);
+    n.device = st.Text(2);
+    n.service = st.Text(3);
+    n.token = st.Text(4);
+    n.itemUuid = st.Text(5);
+    n.feed = st.Text(6);
+    n.createdMs = st.Int(7);
+    n.delivered = st.Int(8) != 0;
+    notices->push_back(std::move(n));
+  }
+  if (rc != SQLITE_DONE) return st.Error("list pushes");
+  if (markDelivered) {
+    Statement mark(db_, "UPDATE pushes SET delivered = 1 WHERE id = ?1");
+    for (const auto& n : *notices) {
+      mark.Reset();
+      mark.Bind(1, n.id);
+      Status s = Run(mark, "mark push delivered");
+      if (!s.ok()) return s;
+    }
+  }
+  return tx.Commit();
+}
+
+}  // namespace zolvani::refserver

@@ -1,0 +1,139 @@
+// ContentStore: the reference server's durable state in one SQLite database in its
+// data folder: accounts, devices, feeds with their default rules, items (feed items
+// and direct items for an account), subscriptions, per-device feed rules, push
+// registrations and pending push notices.
+//
+// Thread-safe: one connection guarded by a mutex; each call is one transaction.
+// Several processes may open the same folder (the server and an admin command);
+// SQLite's locking with a busy time-out serialises them.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "reference/server/Status.h"
+
+struct sqlite3;
+
+namespace zolvani::refserver {
+
+struct Account {
+  std::string user;
+  std::string publicKey;  // sent Base64-encoded as "key" in every request header
+  std::string secret;     // the HMAC key of the account's signatures
+};
+
+// Retention rules of one feed on one device, as the catalog reports them.
+struct FeedRules {
+  int32_t maxAssets = 10;
+  bool autoDelete = true;
+  int32_t maxBitrate = 0;
+};
+
+struct Feed {
+  std::string id;
+  std::string title;
+  bool subscribable = true;
+  FeedRules defaults;  // copied to a device's rules when it subscribes
+};
+
+struct Item {
+  std::string uuid;       // "remoteUUID"
+  std::string feed;       // empty for a direct item
+  std::string user;       // for a direct item: the account whose devices receive it
+  int64_t createdMs = 0;  // creation time, milliseconds since 1970
+  // Path of the item's media under the media folder; when set, the catalog points
+  // "metadata"."downloadURL" at this server's own /media URL for it.
+  std::string mediaPath;
+  nlohmann::json metadata = nlohmann::json::object();  // the item's "metadata" object
+};
+
+struct PushNotice {
+  int64_t id = 0;
+  std::string user;
+  std::string device;
+  std::string service;  // empty when the device registered no push token
+  std::string token;
+  std::string itemUuid;
+  std::string feed;  // empty for a direct item
+  int64_t createdMs = 0;
+  bool delivered = false;
+};
+
+// What one device's catalog holds, read in one transaction.
+struct CatalogSnapshot {
+  std::vector<std::string> subscriptions;                 // feed identifiers, sorted
+  std::map<std::string, FeedRules> rules;                 // for each subscribed feed
+  std::vector<std::pair<Feed, std::vector<Item>>> feeds;  // selected feeds, new items oldest first
+  std::vector<Item> directItems;                          // oldest first
+  int64_t newestItemMs = 0;  // newest creation time in the store; 0 if none
+};
+
+class ContentStore {
+ public:
+  // Opens (creating when needed) `dataDir`/server.sqlite.
+  static Status Open(const std::filesystem::path& dataDir, std::unique_ptr<ContentStore>* store);
+
+  ~ContentStore();
+  ContentStore(const ContentStore&) = delete;
+  ContentStore& operator=(const ContentStore&) = delete;
+
+  // Accounts. AddAccount replaces an account of the same user.
+  Status AddAccount(const Account& account);
+  Status FindAccount(const std::string& user, Account* account);
+
+  // Records that a device of `user` made an authenticated request.
+  Status TouchDevice(const std::string& user, const std::string& device, int64_t nowMs);
+  Status SetPushRegistration(const std::string& user, const std::string& device,
+                             const std::string& service, const std::string& token, int64_t nowMs);
+
+  // Feeds. AddFeed replaces the title, flag and default rules of an existing feed.
+  Status AddFeed(const Feed& feed);
+  Status FindFeed(const std::string& id, Feed* feed);
+
+  // Adds or replaces an item. A new item records a push notice for each device it
+  // concerns: the devices subscribed to its feed, or every device of the account a
+  // direct item is for. The notices made are appended to `notices` when given.
+  // With `replaceExisting` false an existing item of the same uuid is left alone
+  // and the call fails with InvalidArgument.
+  Status AddItem(const Item& item, int64_t nowMs, std::vector<PushNotice>* notices = nullptr,
+                 bool replaceExisting = true);
+
+  // Subscriptions. Subscribing copies the feed's default rules to the device unless
+  // the device already has rules for the feed; unsubscribing drops both and is not an
+  // error when the device was not subscribed.
+  Status Subscribe(const std::string& user, const std::string& device, const std::string& feed);
+  Status Unsubscribe(const std::string& user, const std::string& device, const std::string& feed);
+  Status Subscriptions(const std::string& user, const std::string& device,
+                       std::vector<std::string>* feeds);
+  Status SetRules(const std::string& user, const std::string& device, const std::string& feed,
+                  const FeedRules& rules);
+
+  // Items created after `sinceMs` (all when absent) of the device's subscribed feeds,
+  // or of every feed when `subscribedOnly` is false, and the account's direct items.
+  Status ReadCatalog(const std::string& user, const std::string& device,
+                     std::optional<int64_t> sinceMs, bool subscribedOnly,
+                     CatalogSnapshot* snapshot);
+
+  // Push notices, oldest first; `user` and `device` filter when not empty. With
+  // `markDelivered` the listed notices are marked delivered in the same transaction.
+  Status ListPushes(const std::string& user, const std::string& device, bool pendingOnly,
+                    bool markDelivered, std::vector<PushNotice>* notices);
+
+ private:
+  explicit ContentStore(sqlite3* db) : db_(db) {}
+  Status InitSchema();
+
+  std::mutex mutex_;
+  sqlite3* db_;
+};
+
+}  // namespace zolvani::refserver

@@ -1,0 +1,278 @@
+#include "reference/server/ProtocolHandler.h"
+
+#include <spdlog/spdlog.h>
+
+#include <array>
+
+#include "reference/server/CatalogBuilder.h"
+#include "reference/server/RequestSigner.h"
+
+namespace zolvani::refserver {
+
+namespace {
+
+using json = nlohmann::json;
+
+json Header(int code, const std::string& text) {
+  return {{"response_code", code}, {"response_string", text}};
+}
+
+ProtocolReply Ok(json body = json::object()) {
+  body["response_header"] = Header(kResponseOk, "OK");
+  return {200, std::move(body)};
+}
+
+ProtocolReply Refuse(int code, const std::string& text) {
+  return {200, {{"response_header", Header(code, text)}}};
+}
+
+ProtocolReply Forbidden(const std::string& why) {
+  return {403, {{"response_header", Header(403, "Forbidden: " + why)}}};
+}
+
+ProtocolReply InternalError(const Status& s) {
+  spdlog::error("store failure: {}", s.ToString());
+  return {500, {{"response_header", Header(500, "Internal server error")}}};
+}
+
+// A feed refusal as the store reports it.
+ProtocolReply FromFeedStatus(const Status& s, const std::string& feed) {
+  if (s.IsNotFound()) return Refuse(kResponseUnknownFeed, "Unknown feed: " + feed);
+  if (s.IsInvalidArgument()) {
+    return Refuse(kResponseFeedNotSubscribable, "Feed is not subscribable: " + feed);
+  }
+  return InternalError(s);
+}
+
+// Reads a required non-empty string member; fills `reply` when it is absent or bad.
+bool RequireString(const json& object, const char* key, std::string* value, ProtocolReply* reply) {
+  auto it = object.find(key);
+  if (it == object.end() || !it->is_string() || it->get_ref<const std::string&>().empty()) {
+    *reply =
+        Refuse(kResponseInvalidMember, std::string("\"") + key + "\" must be a non-empty string");
+    return false;
+  }
+  *value = it->get<std::string>();
+  return true;
+}
+
+// Reads an optional string member; fills `reply` when it has another type.
+bool OptionalString(const json& object, const char* key, std::string* value, ProtocolReply* reply) {
+  auto it = object.find(key);
+  if (it == object.end() || it->is_null()) return true;
+  if (!it->is_string()) {
+    *reply = Refuse(kResponseInvalidMember, std::string("\"") + key + "\" must be a string");
+    return false;
+  }
+  *value = it->get<std::string>();
+  return true;
+}
+
+// Records "push_registration" when present; fills `reply` when it is malformed.
+bool RecordPushRegistration(ContentStore* store, const json& body, const RequestHeader& header,
+                            int64_t nowMs, ProtocolReply* reply) {
+  auto it = body.find("push_registration");
+  if (it == body.end() || it->is_null()) return true;
+  std::string service;
+  std::string token;
+  if (!it->is_object() || !RequireString(*it, "service", &service, reply) ||
+      !RequireString(*it, "token", &token, reply)) {
+    *reply =
+        Refuse(kResponseInvalidMember,
+               "\"push_registration\" must be an object with string \"service\" and \"token\"");
+    return false;
+  }
+  Status s = store->SetPushRegistration(header.userId, header.deviceId, service, token, nowMs);
+  if (!s.ok()) {
+    *reply = InternalError(s);
+    return false;
+  }
+  return true;
+}
+
+bool EndsWith(const std::string& text, const std::string& suffix) {
+  return text.size() >= suffix.size() &&
+         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+}  // namespace
+
+bool ProtocolHandler::IsEndpoint(const std::string& name) {
+  static const std::array<std::string, 6> kNames = {
+      "validate", "subscribe", "unsubscribe", "subscriptions", "addItemAndNotifyDevice", "catalog"};
+  for (const auto& n : kNames) {
+    if (n == name) return true;
+  }
+  return false;
+}
+
+ProtocolReply ProtocolHandler::Handle(const ProtocolRequest& request) {
+  // The signature is the text after the last "?sig="; what precedes it is what was
+  // signed.
+  const size_t mark = request.target.rfind("?sig=");
+  if (mark == std::string::npos) return Forbidden("missing signature");
+  AuthenticationInput input;
+  input.target = request.target.substr(0, mark);
+  input.signature = request.target.substr(mark + 5);
+  input.host = request.host;
+  input.body = request.body;
+  if (input.host.empty()) return Forbidden("missing Host header");
+  if (!RequestSigner::IsWellFormedSignature(input.signature)) return Forbidden("bad signature");
+
+  json body = json::parse(request.body, nullptr, false);
+  if (body.is_discarded() || !body.is_object()) {
+    return Refuse(kResponseMalformedRequest, "Malformed request: the body is not a JSON object");
+  }
+  std::string problem;
+  if (!RequestAuthenticator::ParseHeader(body, &input.header, &problem)) {
+    return Refuse(kResponseMalformedRequest, "Malformed request: " + problem);
+  }
+  const int64_t nowMs = clockMs_();
+  const auto verdict = auth_.Check(input, nowMs / 1000);
+  if (verdict == RequestAuthenticator::Verdict::kStoreFailure) {
+    return InternalError(Status::IOError("account lookup"));
+  }
+  if (verdict != RequestAuthenticator::Verdict::kAccepted) {
+    spdlog::info("refused {} from {}/{}: {}", request.endpoint, input.header.userId,
+                 input.header.deviceId, RequestAuthenticator::Describe(verdict));
+    return Forbidden(RequestAuthenticator::Describe(verdict));
+  }
+  Status s = store_->TouchDevice(input.header.userId, input.header.deviceId, nowMs);
+  if (!s.ok()) return InternalError(s);
+  ProtocolReply reply = Dispatch(request, body, input.header, nowMs);
+  spdlog::debug("{} from {}/{}: HTTP {} code {}", request.endpoint, input.header.userId,
+                input.header.deviceId, reply.httpStatus,
+                reply.body["response_header"].value("response_code", 0));
+  return reply;
+}
+
+ProtocolReply ProtocolHandler::Dispatch(const ProtocolRequest& request, const json& body,
+                                        const RequestHeader& header, int64_t nowMs) {
+  const std::string& e = request.endpoint;
+  if (e == "validate") return Validate(body, header, nowMs);
+  if (e == "subscribe") return Subscribe(body, header, nowMs);
+  if (e == "unsubscribe") return Unsubscribe(body, header);
+  if (e == "subscriptions") return ListSubscriptions(header);
+  if (e == "addItemAndNotifyDevice") return AddItem(body, header, nowMs);
+  if (e == "catalog") return Catalog(body, header, request.serverUrl, nowMs);
+  return {404, {{"response_header", Header(404, "Unknown endpoint")}}};
+}
+
+ProtocolReply ProtocolHandler::Validate(const json& body, const RequestHeader& header,
+                                        int64_t nowMs) {
+  ProtocolReply reply;
+  if (!RecordPushRegistration(store_, body, header, nowMs, &reply)) return reply;
+  return Ok();
+}
+
+ProtocolReply ProtocolHandler::Subscribe(const json& body, const RequestHeader& header,
+                                         int64_t nowMs) {
+  ProtocolReply reply;
+  std::string feed;
+  if (!RequireString(body, "feed", &feed, &reply)) return reply;
+  if (!RecordPushRegistration(store_, body, header, nowMs, &reply)) return reply;
+  Status s = store_->Subscribe(header.userId, header.deviceId, feed);
+  if (!s.ok()) return FromFeedStatus(s, feed);
+  return Ok();
+}
+
+ProtocolReply ProtocolHandler::Unsubscribe(const json& body, const RequestHeader& header) {
+  ProtocolReply reply;
+  std::string feed;
+  if (!RequireString(body, "feed", &feed, &reply)) return reply;
+  Status s = store_->Unsubscribe(header.userId, header.deviceId, feed);
+  if (!s.ok()) return FromFeedStatus(s, feed);
+  return Ok();
+}
+
+ProtocolReply ProtocolHandler::ListSubscriptions(const RequestHeader& header) {
+  std::vector<std::string> feeds;
+  Status s = store_->Subscriptions(header.userId, header.deviceId, &feeds);
+  if (!s.ok()) return InternalError(s);
+  return Ok({{"subscriptions", feeds}});
+}
+
+ProtocolReply ProtocolHandler::AddItem(const json& body, const RequestHeader& header,
+                                       int64_t nowMs) {
+  auto it = body.find("body");
+  if (it == body.end() || !it->is_object()) {
+    return Refuse(kResponseInvalidMember, "\"body\" must be an object");
+  }
+  const json& given = *it;
+  ProtocolReply reply;
+  Item item;
+  std::string title;
+  std::string desc;
+  std::string downloadUrl;
+  std::string streamUrl;
+  if (!RequireString(given, "uuid", &item.uuid, &reply) ||
+      !OptionalString(given, "title", &title, &reply) ||
+      !OptionalString(given, "desc", &desc, &reply) ||
+      !OptionalString(given, "downloadURL", &downloadUrl, &reply) ||
+      !OptionalString(given, "streamURL", &streamUrl, &reply) ||
+      !OptionalString(given, "feed", &item.feed, &reply)) {
+    return reply;
+  }
+  if (downloadUrl.empty()) downloadUrl = streamUrl;
+  if (downloadUrl.empty()) {
+    return Refuse(kResponseInvalidMember, "the item needs a \"downloadURL\" or \"streamURL\"");
+  }
+  // "contentType" names the media type when it is one of the protocol's numbers;
+  // otherwise the URL decides between an HLS manifest and a plain file.
+  int mediaType = EndsWith(downloadUrl, ".m3u8") ? 3 : 0;
+  if (auto type = given.find("contentType"); type != given.end() && type->is_number_integer()) {
+    if (type->is_number_unsigned() ? type->get<uint64_t>() > 5
+                                   : (type->get<int64_t>() < 0 || type->get<int64_t>() > 5)) {
+      return Refuse(kResponseInvalidMember, "\"contentType\" must be a media type from 0 to 5");
+    }
+    mediaType = type->get<int>();
+  }
+  item.metadata = {
+      {"title", title}, {"desc", desc}, {"downloadURL", downloadUrl}, {"mediaType", mediaType}};
+  for (const char* extra : {"contentSize", "contentSizeIsEstimate", "duration", "downloadEnabled",
+                            "streamURL", "contentType"}) {
+    if (auto m = given.find(extra); m != given.end()) item.metadata[extra] = *m;
+  }
+  // An item that names no feed is a direct item for every device of the sending
+  // account; one that names a feed joins it and is announced to its subscribers.
+  if (item.feed.empty()) item.user = header.userId;
+  item.createdMs = nowMs;
+  std::vector<PushNotice> notices;
+  Status s = store_->AddItem(item, nowMs, &notices, /*replaceExisting=*/false);
+  if (s.IsNotFound()) return Refuse(kResponseUnknownFeed, "Unknown feed: " + item.feed);
+  if (s.IsInvalidArgument())
+    return Refuse(kResponseDuplicateItem, "Item already exists: " + item.uuid);
+  if (!s.ok()) return InternalError(s);
+  spdlog::info("added item {} ({}), {} push notice(s)", item.uuid,
+               item.feed.empty() ? "direct for " + item.user : "feed " + item.feed, notices.size());
+  return Ok({{"notified_devices", notices.size()}});
+}
+
+ProtocolReply ProtocolHandler::Catalog(const json& body, const RequestHeader& header,
+                                       const std::string& serverUrl, int64_t nowMs) {
+  std::optional<int64_t> since;
+  bool subscribedOnly = true;
+  if (auto f = body.find("filter"); f != body.end() && !f->is_null()) {
+    if (!f->is_object()) return Refuse(kResponseInvalidMember, "\"filter\" must be an object");
+    if (auto s = f->find("since"); s != f->end() && !s->is_null()) {
+      if (!s->is_number_integer() ||
+          (s->is_number_unsigned() && s->get<uint64_t>() > uint64_t{INT64_MAX})) {
+        return Refuse(kResponseInvalidMember,
+                      "\"filter\".\"since\" must be an integer number of milliseconds");
+      }
+      since = s->get<int64_t>();
+    }
+    if (auto s = f->find("subscribed"); s != f->end() && !s->is_null()) {
+      if (!s->is_boolean()) {
+        return Refuse(kResponseInvalidMember, "\"filter\".\"subscribed\" must be a boolean");
+      }
+      subscribedOnly = s->get<bool>();
+    }
+  }
+  CatalogSnapshot snapshot;
+  Status s = store_->ReadCatalog(header.userId, header.deviceId, since, subscribedOnly, &snapshot);
+  if (!s.ok()) return InternalError(s);
+  return Ok(CatalogBuilder(serverUrl).Build(snapshot, nowMs));
+}
+
+}  // namespace zolvani::refserver

@@ -1,0 +1,68 @@
+// ProtocolHandler: answers the protocol's POST endpoints ("validate", "subscribe",
+// "unsubscribe", "subscriptions", "addItemAndNotifyDevice", "catalog") independently
+// of the HTTP library: it authenticates the request, carries out the endpoint and
+// says which HTTP status and JSON body to send.
+//
+// Thread-safe: handles any number of requests at once.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "reference/server/ContentStore.h"
+#include "reference/server/RequestAuthenticator.h"
+
+namespace zolvani::refserver {
+
+// Non-zero "response_code" values of refusals made with HTTP 200.
+enum ResponseCode : int {
+  kResponseOk = 0,
+  kResponseMalformedRequest = 1,  // body not a JSON object, or a bad "request_header"
+  kResponseUnknownFeed = 2,
+  kResponseFeedNotSubscribable = 3,
+  kResponseInvalidMember = 4,  // an endpoint member is missing or of the wrong type
+  kResponseDuplicateItem = 5,
+};
+
+struct ProtocolRequest {
+  std::string endpoint;  // last path segment
+  std::string host;      // Host header as received
+  std::string target;    // raw request target, "?sig=..." included
+  std::string body;
+  std::string serverUrl;  // "http://host:port" devices use to reach media
+};
+
+struct ProtocolReply {
+  int httpStatus = 200;
+  nlohmann::json body;
+};
+
+class ProtocolHandler {
+ public:
+  ProtocolHandler(ContentStore* store, int64_t windowSeconds, std::function<int64_t()> clockMs)
+      : store_(store), auth_(store, windowSeconds), clockMs_(std::move(clockMs)) {}
+
+  static bool IsEndpoint(const std::string& name);
+
+  ProtocolReply Handle(const ProtocolRequest& request);
+
+ private:
+  ProtocolReply Dispatch(const ProtocolRequest& request, const nlohmann::json& body,
+                         const RequestHeader& header, int64_t nowMs);
+  ProtocolReply Validate(const nlohmann::json& body, const RequestHeader& header, int64_t nowMs);
+  ProtocolReply Subscribe(const nlohmann::json& body, const RequestHeader& header, int64_t nowMs);
+  ProtocolReply Unsubscribe(const nlohmann::json& body, const RequestHeader& header);
+  ProtocolReply ListSubscriptions(const RequestHeader& header);
+  ProtocolReply AddItem(const nlohmann::json& body, const RequestHeader& header, int64_t nowMs);
+  ProtocolReply Catalog(const nlohmann::json& body, const RequestHeader& header,
+                        const std::string& serverUrl, int64_t nowMs);
+
+  ContentStore* store_;
+  RequestAuthenticator auth_;
+  std::function<int64_t()> clockMs_;
+};
+
+}  // namespace zolvani::refserver

@@ -1,0 +1,47 @@
+// SeedLoader: fills a store from a seed document (JSON) describing accounts, feeds
+// with their items, and direct items for accounts. The format is in README.md.
+//
+// Stateless; the functions are safe to call from any thread (the store serialises).
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "reference/server/ContentStore.h"
+#include "reference/server/Status.h"
+
+namespace zolvani::refserver {
+
+struct SeedSummary {
+  int accounts = 0;
+  int feeds = 0;
+  int items = 0;
+};
+
+class SeedLoader {
+ public:
+  // Applies every entry of `seed`, stopping at the first bad one with a message that
+  // names it. Entries already in the store are replaced.
+  static Status Apply(const nlohmann::json& seed, ContentStore* store, int64_t nowMs,
+                      SeedSummary* summary);
+
+  // Reads and applies the seed file at `file`.
+  static Status ApplyFile(const std::filesystem::path& file, ContentStore* store, int64_t nowMs,
+                          SeedSummary* summary);
+
+  // Converts one item entry ({"remoteUUID", "created", "media", "metadata"}) into a
+  // store item. "created" may be seconds or milliseconds since 1970 and defaults to
+  // `nowMs`; the item needs either "media" (a path under the media folder) or
+  // "metadata"."downloadURL".
+  static Status ParseItem(const nlohmann::json& entry, int64_t nowMs, Item* item);
+
+  // Seconds or milliseconds since 1970 to milliseconds: values below 10^11 are
+  // taken as seconds (10^11 seconds is more than 3000 years away; 10^11
+  // milliseconds is early 1973).
+  static int64_t NormalizeToMs(int64_t secondsOrMs);
+};
+
+}  // namespace zolvani::refserver

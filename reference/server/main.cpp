@@ -1,0 +1,236 @@
+// zsm-server: the reference content server and its administration commands.
+#include <spdlog/sinks/stdout_color_sinks.h>
+#include <spdlog/spdlog.h>
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <iostream>
+#include <optional>
+
+#include "reference/server/ContentServer.h"
+#include "reference/server/SampleGenerator.h"
+#include "reference/server/SeedLoader.h"
+
+namespace {
+
+using namespace zolvani::refserver;
+
+int Fail(const Status& s) {
+  std::cerr << "zsm-server: " << s.ToString() << "\n";
+  return 1;
+}
+
+Status OpenStore(const std::string& dataDir, std::unique_ptr<ContentStore>* store) {
+  return ContentStore::Open(dataDir, store);
+}
+
+Status Generate(const std::string& dataDir, ContentStore* store) {
+  nlohmann::json seed;
+  const int64_t now = ContentServer::WallClockMs();
+  Status s = SampleGenerator::Generate(dataDir, now, &seed);
+  if (!s.ok()) return s;
+  SeedSummary summary;
+  s = SeedLoader::Apply(seed, store, now, &summary);
+  if (s.ok()) {
+    spdlog::info("sample content: {} account(s), {} feed(s), {} item(s)", summary.accounts,
+                 summary.feeds, summary.items);
+  }
+  return s;
+}
+
+int Serve(const std::string& dataDir, const std::string& address, int port,
+          const std::string& seedFile, bool generate, const std::string& publicUrl, int threads) {
+  // Signals are taken by sigwait below; block them before any thread starts so
+  // that every thread inherits the mask.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  ServerOptions options;
+  options.dataDir = dataDir;
+  options.address = address;
+  options.port = port;
+  options.publicUrl = publicUrl;
+  options.threads = threads;
+  std::unique_ptr<ContentServer> server;
+  Status s = ContentServer::Create(options, &server);
+  if (!s.ok()) return Fail(s);
+  if (generate) {
+    s = Generate(dataDir, server->store());
+    if (!s.ok()) return Fail(s);
+  }
+  if (!seedFile.empty()) {
+    SeedSummary summary;
+    s = SeedLoader::ApplyFile(seedFile, server->store(), ContentServer::WallClockMs(), &summary);
+    if (!s.ok()) return Fail(s);
+    spdlog::info("seed: {} account(s), {} feed(s), {} item(s)", summary.accounts, summary.feeds,
+                 summary.items);
+  }
+  s = server->Start();
+  if (!s.ok()) return Fail(s);
+  std::cout << "listening on " << server->url() << std::endl;
+  int received = 0;
+  sigwait(&signals, &received);
+  spdlog::info("signal {}: shutting down", received);
+  server->Stop();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  spdlog::set_default_logger(spdlog::stderr_color_mt("zsm-server"));
+  CLI::App app{"zsm-server: reference content server for the subscription protocol"};
+  app.require_subcommand(1);
+  std::string logLevel = "info";
+  app.add_option("--log-level", logLevel, "trace, debug, info, warn, error or off")
+      ->capture_default_str();
+
+  std::string dataDir;
+  auto addData = [&dataDir](CLI::App* cmd) {
+    cmd->add_option("--data", dataDir, "data folder (server.sqlite, media/)")->required();
+  };
+
+  auto* serve = app.add_subcommand("serve", "serve the protocol and the media folder");
+  addData(serve);
+  std::string address = "127.0.0.1";
+  int port = 0;
+  std::string seedFile;
+  bool generate = false;
+  std::string publicUrl;
+  int threads = 64;
+  serve->add_option("--address", address, "address to listen on")->capture_default_str();
+  serve->add_option("--port", port, "port; 0 picks a free one")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 65535));
+  serve->add_option("--seed", seedFile, "seed file (JSON) applied before serving")
+      ->check(CLI::ExistingFile);
+  serve->add_flag("--generate-sample", generate, "generate the sample content first");
+  serve->add_option("--public-url", publicUrl,
+                    "base URL devices use for media (default: each request's Host)");
+  serve->add_option("--threads", threads, "request threads")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1024));
+
+  auto* addAccount = app.add_subcommand("add-account", "add or replace an account");
+  addData(addAccount);
+  Account account;
+  addAccount->add_option("--user", account.user, "user name (request header user_id)")->required();
+  addAccount->add_option("--key", account.publicKey, "public key (sent Base64-encoded)")
+      ->required();
+  addAccount->add_option("--secret", account.secret, "secret used to sign requests")->required();
+
+  auto* addFeed = app.add_subcommand("add-feed", "add or replace a feed");
+  addData(addFeed);
+  Feed feed;
+  bool notSubscribable = false;
+  addFeed->add_option("--id", feed.id, "feed identifier")->required();
+  addFeed->add_option("--title", feed.title, "title");
+  addFeed->add_flag("--not-subscribable", notSubscribable, "devices may not subscribe");
+  addFeed->add_option("--max-assets", feed.defaults.maxAssets, "default max_assets")
+      ->capture_default_str();
+  addFeed->add_option("--auto-delete", feed.defaults.autoDelete, "default auto_delete (true/false)")
+      ->capture_default_str();
+  addFeed->add_option("--max-bitrate", feed.defaults.maxBitrate, "default max_bitrate")
+      ->capture_default_str();
+
+  auto* addItem = app.add_subcommand("add-item", "add an item to a feed, or a direct item");
+  addData(addItem);
+  std::string itemFeed, itemUser, itemUuid, itemMedia, itemUrl, itemTitle, itemDesc, itemMime;
+  int mediaType = 0;
+  std::optional<int64_t> created;
+  addItem->add_option("--uuid", itemUuid, "remoteUUID")->required();
+  auto* feedOpt = addItem->add_option("--feed", itemFeed, "feed identifier");
+  auto* userOpt = addItem->add_option("--user", itemUser, "account of a direct item");
+  feedOpt->excludes(userOpt);
+  addItem->add_option("--media", itemMedia, "path under the media folder");
+  addItem->add_option("--url", itemUrl, "external downloadURL instead of --media");
+  addItem->add_option("--title", itemTitle, "title");
+  addItem->add_option("--desc", itemDesc, "description");
+  addItem->add_option("--media-type", mediaType, "0-5; 3 is an HLS manifest")
+      ->check(CLI::Range(0, 5));
+  addItem->add_option("--mime", itemMime, "permitted MIME type");
+  addItem->add_option("--created", created, "seconds or milliseconds since 1970 (default now)");
+
+  auto* setRule = app.add_subcommand("set-rule", "set a device's rules for a feed");
+  addData(setRule);
+  std::string ruleUser, ruleDevice, ruleFeed;
+  FeedRules rules;
+  setRule->add_option("--user", ruleUser, "account")->required();
+  setRule->add_option("--device", ruleDevice, "device_id")->required();
+  setRule->add_option("--feed", ruleFeed, "feed identifier")->required();
+  setRule->add_option("--max-assets", rules.maxAssets, "max_assets")->required();
+  setRule->add_option("--auto-delete", rules.autoDelete, "auto_delete (true/false)")
+      ->capture_default_str();
+  setRule->add_option("--max-bitrate", rules.maxBitrate, "max_bitrate")->capture_default_str();
+
+  auto* generateCmd = app.add_subcommand("generate-sample", "write and publish sample content");
+  addData(generateCmd);
+
+  auto* listPushes = app.add_subcommand("list-pushes", "print push notices, one JSON per line");
+  addData(listPushes);
+  std::string pushUser, pushDevice;
+  bool all = false, consume = false;
+  listPushes->add_option("--user", pushUser, "only this account");
+  listPushes->add_option("--device", pushDevice, "only this device");
+  listPushes->add_flag("--all", all, "include notices already delivered");
+  listPushes->add_flag("--consume", consume, "mark the listed notices delivered");
+
+  CLI11_PARSE(app, argc, argv);
+  spdlog::set_level(spdlog::level::from_str(logLevel));
+
+  if (serve->parsed()) {
+    return Serve(dataDir, address, port, seedFile, generate, publicUrl, threads);
+  }
+  std::unique_ptr<ContentStore> store;
+  Status s = OpenStore(dataDir, &store);
+  if (!s.ok()) return Fail(s);
+  const int64_t now = ContentServer::WallClockMs();
+  if (addAccount->parsed()) {
+    s = store->AddAccount(account);
+  } else if (addFeed->parsed()) {
+    feed.subscribable = !notSubscribable;
+    s = store->AddFeed(feed);
+  } else if (addItem->parsed()) {
+    if (itemFeed.empty() && itemUser.empty())
+      return Fail(Status::InvalidArgument("--feed or --user is required"));
+    nlohmann::json entry = {
+        {"remoteUUID", itemUuid},
+        {"metadata", {{"title", itemTitle}, {"desc", itemDesc}, {"mediaType", mediaType}}}};
+    if (!itemMedia.empty()) entry["media"] = itemMedia;
+    if (!itemUrl.empty()) entry["metadata"]["downloadURL"] = itemUrl;
+    if (!itemMime.empty()) entry["metadata"]["mime"] = itemMime;
+    if (created) entry["created"] = *created;
+    Item item;
+    s = SeedLoader::ParseItem(entry, now, &item);
+    item.feed = itemFeed;
+    item.user = itemUser;
+    std::vector<PushNotice> notices;
+    if (s.ok()) s = store->AddItem(item, now, &notices);
+    if (s.ok()) std::cout << "added " << item.uuid << ", " << notices.size() << " push notice(s)\n";
+  } else if (setRule->parsed()) {
+    s = store->SetRules(ruleUser, ruleDevice, ruleFeed, rules);
+  } else if (generateCmd->parsed()) {
+    s = Generate(dataDir, store.get());
+  } else if (listPushes->parsed()) {
+    std::vector<PushNotice> notices;
+    s = store->ListPushes(pushUser, pushDevice, !all, consume, &notices);
+    for (const auto& n : notices) {
+      std::cout << nlohmann::json{{"id", n.id},
+                                  {"user", n.user},
+                                  {"device", n.device},
+                                  {"service", n.service},
+                                  {"token", n.token},
+                                  {"item", n.itemUuid},
+                                  {"feed", n.feed},
+                                  {"created", n.createdMs},
+                                  {"delivered", n.delivered}}
+                       .dump()
+                << "\n";
+    }
+  }
+  if (!s.ok()) return Fail(s);
+  return 0;
+}
