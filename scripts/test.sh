@@ -3,6 +3,8 @@
 #   scripts/test.sh                 the normal build in build/
 #   ZSM_SANITIZE=address,undefined scripts/test.sh   a sanitizer build in build-asan/
 #   ZSM_SANITIZE=thread ZSM_TEST_LABELS=store scripts/test.sh   thread sanitizer, store tests only
+#   ZSM_BUILD_REFERENCE=OFF       the library and its tests only (no reference engine,
+#                                 server or command-line host)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -19,7 +21,8 @@ cmake -S . -B "$build_dir" -G Ninja \
   -DCMAKE_BUILD_TYPE="${ZSM_BUILD_TYPE:-RelWithDebInfo}" \
   -DZSM_WERROR="${ZSM_WERROR:-ON}" \
   -DZSM_SANITIZE="$sanitize" \
-  -DZSM_BUILD_TESTS=ON >/dev/null
+  -DZSM_BUILD_TESTS=ON \
+  -DZSM_BUILD_REFERENCE="${ZSM_BUILD_REFERENCE:-ON}" >/dev/null
 cmake --build "$build_dir" -j2
 
 label_args=()
