@@ -1,34 +1,37 @@
-// PLACEHOLDER: replaced by the catalog sync subsystem.
+// The manager's four sync operations; the first three forward to the fourth.
+#include "sync/CatalogSync.h"
 #include "zolvani/subscription/ZolvaniSubscriptionManager.h"
 
 namespace zolvani {
 
-void ZolvaniSubscriptionManager::makeCatalogSync() {}
-void ZolvaniSubscriptionManager::syncSubscriptionsWithKeelhallNowOnComplete(SyncCompletion) {}
-void ZolvaniSubscriptionManager::syncSubscriptionsWithKeelhallNowUsingForce(bool, SyncCompletion) {}
-void ZolvaniSubscriptionManager::syncSubscriptionsWithKeelhallNowForDataSince(std::optional<Date>, bool, SyncCompletion) {}
-void ZolvaniSubscriptionManager::syncSubscriptionsWithKeelhallNowForDataSince(std::optional<Date>, bool, bool, SyncCompletion) {}
-std::shared_ptr<ZolvaniAsset> ZolvaniSubscriptionManager::addSubscriptionItemFromFeedItem(
-    const Value::Map&, const std::optional<std::string>&, const std::shared_ptr<ZolvaniSubscriptionDataSource>&) {
-  return nullptr;
+void ZolvaniSubscriptionManager::makeCatalogSync() {
+  catalogSync_ = std::make_shared<CatalogSync>(*this);
 }
 
-ZolvaniSubscriptionDefaultDataSource::ZolvaniSubscriptionDefaultDataSource() {
-  throw InternalInconsistencyException(
-      "Callers must always use the initWithSubscription method to initialize new data sources");
+void ZolvaniSubscriptionManager::syncSubscriptionsWithKeelhallNowOnComplete(
+    SyncCompletion onComplete) {
+  syncSubscriptionsWithKeelhallNowForDataSince(lastSubscriptionSyncTime(), true, false,
+                                               std::move(onComplete));
 }
-ZolvaniSubscriptionDefaultDataSource::ZolvaniSubscriptionDefaultDataSource(DataSourceServices services)
-    : services_(std::move(services)) {}
-Value::Map ZolvaniSubscriptionDefaultDataSource::lookupMetadataForAssetID(const std::string&, const Value::Map& k) { return k; }
-void ZolvaniSubscriptionDefaultDataSource::didProcessAssetWithMetadata(const Value::Map&) {}
-void ZolvaniSubscriptionDefaultDataSource::willAddAsset(const std::shared_ptr<ZolvaniAsset>&) {}
-void ZolvaniSubscriptionDefaultDataSource::didProcessItemWithSourceData(const nlohmann::json&) {}
-void ZolvaniSubscriptionDefaultDataSource::initWithSubscriptions(const nlohmann::json& c) { data_ = &c; processingType_ = 1; }
-void ZolvaniSubscriptionDefaultDataSource::initWithAssets(const nlohmann::json& c) { data_ = &c; processingType_ = 0; }
-Value ZolvaniSubscriptionDefaultDataSource::process() { return Value(Value::Map{}); }
-Value ZolvaniSubscriptionDefaultDataSource::processFeeds() { return Value(Value::Map{}); }
-Value ZolvaniSubscriptionDefaultDataSource::processAssets() { return Value(Value::Array{}); }
-std::optional<Value::Map> ZolvaniSubscriptionDefaultDataSource::processItemData(const nlohmann::json&, const std::optional<std::string>&) { return std::nullopt; }
-void ZolvaniSubscriptionDefaultDataSource::debugEvent(std::string_view, int, std::string_view, std::int64_t) {}
+
+void ZolvaniSubscriptionManager::syncSubscriptionsWithKeelhallNowUsingForce(
+    bool force, SyncCompletion onComplete) {
+  syncSubscriptionsWithKeelhallNowForDataSince(lastSubscriptionSyncTime(), true, force,
+                                               std::move(onComplete));
+}
+
+void ZolvaniSubscriptionManager::syncSubscriptionsWithKeelhallNowForDataSince(
+    std::optional<Date>, bool returningOnlySubscribedFeeds, SyncCompletion onComplete) {
+  // The date argument is ignored on purpose: this form always asks for what
+  // changed since the last sync.
+  syncSubscriptionsWithKeelhallNowForDataSince(
+      lastSubscriptionSyncTime(), returningOnlySubscribedFeeds, false, std::move(onComplete));
+}
+
+void ZolvaniSubscriptionManager::syncSubscriptionsWithKeelhallNowForDataSince(
+    std::optional<Date> since, bool returningOnlySubscribedFeeds, bool withForce,
+    SyncCompletion onComplete) {
+  catalogSync_->start(since, returningOnlySubscribedFeeds, withForce, std::move(onComplete));
+}
 
 }  // namespace zolvani

@@ -98,6 +98,11 @@ class ZolvaniSubscriptionDefaultDataSource : public ZolvaniSubscriptionDataSourc
   void debugEvent(std::string_view location, int line, std::string_view text, std::int64_t level);
 
  private:
+  // Converts one item, checks what admission relies on, and appends it to `out`
+  // or records why it was dropped.
+  void admitItem(const nlohmann::json& item, const std::optional<std::string>& feed,
+                 Value::Array& out);
+
   DataSourceServices services_;
   const nlohmann::json* data_ = nullptr;
   int processingType_ = -1;
