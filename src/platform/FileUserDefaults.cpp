@@ -89,7 +89,9 @@ std::optional<Value> decodeValue(const json& j, int depth) {
   }
   if (j.is_object()) {
     if (j.size() == 1) {
-      const auto& [k, inner] = *j.items().begin();
+      auto only = j.begin();
+      const std::string& k = only.key();
+      const json& inner = only.value();
       if (k == kDateTag) {
         if (!inner.is_number()) return std::nullopt;
         return Value(Date(inner.get<double>()));

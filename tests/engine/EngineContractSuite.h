@@ -11,6 +11,7 @@
 
 #include <functional>
 #include <memory>
+#include <ostream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -38,6 +39,9 @@ struct EngineHarnessFactory {
   std::string name;
   std::function<std::unique_ptr<EngineHarness>()> make;
 };
+
+// Keeps test names readable: a factory prints as its name.
+inline void PrintTo(const EngineHarnessFactory& factory, std::ostream* out) { *out << factory.name; }
 
 inline std::string harnessName(const ::testing::TestParamInfo<EngineHarnessFactory>& info) {
   return info.param.name;
