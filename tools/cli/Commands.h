@@ -1,0 +1,131 @@
+// The zsm subcommands. Each takes the invocation's common context and its own
+// options, runs one host operation over a fresh HostRuntime and returns the
+// process exit status (0 on success, 1 with one error line on failure).
+//
+// Thread-safety: commands run on the main thread of the program, which also
+// drives the manager's main queue.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "CliConfig.h"
+#include "HostRuntime.h"
+#include "Output.h"
+
+namespace zsm {
+
+struct CommandContext {
+  HostPaths paths;
+  bool json = false;
+  // Engine log lines at this level or more urgent go to standard error (-1: none).
+  std::int64_t logLevel = -1;
+  // How long a command waits for the server before it gives up.
+  std::chrono::milliseconds timeout{30000};
+
+  Output output() const { return Output(json); }
+};
+
+// Opens the runtime over the configuration stored in the data folder.
+std::optional<zolvani::Error> openHost(const CommandContext& context,
+                                       std::unique_ptr<HostRuntime>* runtime);
+
+// Starts an asynchronous manager operation with `start`, handing it a `done`
+// function that its completion calls, and drives the main queue until then.
+// Fails with a time-out error when the completion does not run in time.
+std::optional<zolvani::Error> runToCompletion(
+    HostRuntime& host, const std::function<void(std::function<void()>)>& start,
+    std::chrono::milliseconds timeout, const std::string& what);
+
+// --- Configuration and settings ------------------------------------------------
+struct ConfigOptions {
+  std::optional<std::string> server, user, key, secret, deviceId;
+  bool reveal = false;
+};
+int runConfig(const CommandContext& context, const ConfigOptions& options);
+
+struct SettingsOptions {
+  // Empty for "get"; otherwise the key and value of "set".
+  std::string key;
+  std::string value;
+};
+int runSettings(const CommandContext& context, const SettingsOptions& options);
+
+int runStatus(const CommandContext& context);
+
+// --- Subscriptions and the push update --------------------------------------------
+struct SubscribeOptions {
+  std::string feed;
+  std::optional<std::int32_t> maxItems;
+  std::optional<bool> autodelete;
+  std::optional<std::int32_t> maxBitrate;
+};
+int runSubscribe(const CommandContext& context, const SubscribeOptions& options);
+
+struct UnsubscribeOptions {
+  std::string feed;
+  bool all = false;
+};
+int runUnsubscribe(const CommandContext& context, const UnsubscribeOptions& options);
+int runSubscriptions(const CommandContext& context);
+
+struct PublishOptions {
+  std::string title, desc, downloadURL, streamURL;
+  std::optional<std::int64_t> contentSize, duration, contentType;
+  std::optional<bool> contentSizeIsEstimate, downloadEnabled;
+};
+int runPublish(const CommandContext& context, const PublishOptions& options);
+
+// --- Sync and wakes ---------------------------------------------------------------
+struct SyncOptions {
+  bool force = false;
+  bool watch = false;
+  // How long --watch waits for the download queue to drain.
+  std::chrono::milliseconds watchTimeout{120000};
+};
+int runSync(const CommandContext& context, const SyncOptions& options);
+
+struct WakeOptions {
+  bool push = false;             // a remote push notice; otherwise a background fetch
+  bool subscriptionSync = true;  // the push payload's "subscription_sync"
+  bool watch = false;
+  std::chrono::milliseconds watchTimeout{120000};
+};
+int runWake(const CommandContext& context, const WakeOptions& options);
+
+// Follows the engine's queue with a progress board until no download is queued
+// or running (and stays so briefly, so that deferred items promoted by a
+// finished download are followed too), or the timeout passes. Returns the final
+// asset list; `drained` tells whether the queue emptied.
+std::vector<zolvani::reference::AssetInfo> watchDownloads(HostRuntime& host, bool showBoard,
+                                                          std::chrono::milliseconds timeout,
+                                                          bool* drained);
+
+// --- The library ------------------------------------------------------------------
+int runFeeds(const CommandContext& context);
+struct ItemsOptions {
+  std::string feed;  // only this feed's items when set
+};
+int runItems(const CommandContext& context, const ItemsOptions& options);
+int runDeferred(const CommandContext& context);
+
+// JSON descriptions shared by the listings and the demo.
+nlohmann::json assetJson(const zolvani::reference::AssetInfo& asset);
+nlohmann::json feedsJson(HostRuntime& host);
+nlohmann::json itemsJson(HostRuntime& host, const std::string& onlyFeed);
+nlohmann::json eventsJson(const HostEvents& events);
+
+// --- The demo ----------------------------------------------------------------------
+struct DemoOptions {
+  std::string serverProgram;  // zsm-server; found next to zsm when empty
+  std::string workFolder;     // a new temporary folder when empty
+  bool keep = true;           // keep the files at the end
+};
+int runDemo(const CommandContext& context, const DemoOptions& options, const char* argv0);
+
+}  // namespace zsm

@@ -1,0 +1,124 @@
+// HostRuntime: one run of the host application. It builds what an application
+// embeds at launch: the platform (main queue, notification centre, a user-defaults
+// file in the host's data folder, libcurl), the reference download engine over the
+// engine folder, and a subscription manager over both; and it drives the main
+// queue the way an application's run loop would, until an operation's completion
+// has run.
+//
+// A command-line invocation is not an interactive session, so the manager starts
+// as after a background launch: it does none of its own server work at start-up
+// and each command decides what goes to the server.
+//
+// The runtime watches the manager's notifications (assets added, deferred and
+// deleted, syncs finished, status changes) and keeps the engine logger's lines,
+// so that commands can say what happened; the library reports some outcomes (a
+// push update's) only there.
+//
+// Thread-safety: one thread (the one that opened the runtime) drives it. The
+// event and log records are filled from the main queue and engine threads and
+// read through the accessors, which lock.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "CliConfig.h"
+#include "zolvani/reference/ReferenceEngine.h"
+#include "zolvani/subscription/ZolvaniSubscriptionManager.h"
+
+namespace zsm {
+
+struct HostOptions {
+  HostPaths paths;
+  CliConfig config;
+  // Engine log lines at this level or more urgent are echoed to standard error;
+  // negative echoes nothing.
+  std::int64_t echoLogLevel = -1;
+  int parallelTransfers = 2;
+};
+
+struct LogLine {
+  std::string message;
+  std::int64_t level = 0;
+};
+
+// What a notification said about one asset.
+struct AssetNote {
+  std::string uuid;
+  std::string assetID;
+  std::string description;
+};
+
+// What the manager announced since the runtime opened.
+struct HostEvents {
+  std::vector<AssetNote> added;
+  std::vector<AssetNote> deferred;
+  std::vector<std::string> deleted;  // asset UUIDs
+  int syncsFinished = 0;
+  std::vector<std::int64_t> statuses;  // each status the change notification carried
+};
+
+class HostRuntime {
+ public:
+  // Called on the main queue for each manager notification, with a short
+  // human-readable line ("added: <assetID> <description>").
+  using EventListener = std::function<void(const std::string& line)>;
+
+  static std::optional<zolvani::Error> open(const HostOptions& options,
+                                            std::unique_ptr<HostRuntime>* runtime);
+  ~HostRuntime();
+  HostRuntime(const HostRuntime&) = delete;
+  HostRuntime& operator=(const HostRuntime&) = delete;
+
+  zolvani::ZolvaniSubscriptionManager& manager() { return *manager_; }
+  zolvani::reference::ReferenceEngine& engine() { return *engine_; }
+  const zolvani::Platform& platform() const { return platform_; }
+  const zolvani::ZolvaniEngine& roles() const { return roles_; }
+  const HostOptions& options() const { return options_; }
+
+  // Drives the main queue until `done()` holds or `timeout` passes; true when
+  // `done()` held.
+  bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
+  // Drives the main queue for `duration`.
+  void pumpFor(std::chrono::milliseconds duration);
+
+  void setEventListener(EventListener listener);
+  HostEvents events() const;
+  // Log lines captured so far; a mark taken before an operation lets a command
+  // read only the lines that operation produced.
+  std::size_t logMark() const;
+  std::vector<LogLine> logSince(std::size_t mark) const;
+
+  // The feed identifiers that have a tracking record in the store.
+  std::vector<std::string> trackedFeeds();
+
+  class CapturingLogger;
+
+ private:
+  HostRuntime() = default;
+  void observeManager();
+  void record(const std::string& line);
+
+  HostOptions options_;
+  zolvani::Platform platform_;
+  std::unique_ptr<zolvani::reference::ReferenceEngine> engine_;
+  zolvani::ZolvaniEngine roles_;
+  std::shared_ptr<zolvani::ZolvaniSubscriptionManager> manager_;
+  std::vector<zolvani::NotificationCenter::Token> observers_;
+
+  mutable std::mutex mutex_;
+  HostEvents events_;
+  EventListener listener_;
+  std::shared_ptr<CapturingLogger> logger_;
+};
+
+// The status value's name as the library's log lines spell it.
+std::string statusName(std::int64_t status);
+
+}  // namespace zsm

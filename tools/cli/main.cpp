@@ -1,0 +1,181 @@
+// zsm: the command-line host of the subscription manager.
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <iostream>
+
+#include "CliError.h"
+#include "Commands.h"
+
+namespace {
+
+using namespace zsm;
+
+// CLI11 reads "true"/"false" for optional<bool>; the rules read better as
+// on/off too.
+bool parseSwitch(const std::string& text, bool* value) {
+  if (text == "true" || text == "on" || text == "yes" || text == "1") return *value = true, true;
+  if (text == "false" || text == "off" || text == "no" || text == "0") return *value = false, true;
+  return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{
+      "zsm: a host application for the Zolvani subscription manager and the reference "
+      "download engine"};
+  app.require_subcommand(1);
+  CommandContext context;
+  std::string data;
+  double timeoutSeconds = 30;
+  app.add_option("--data", data,
+                 "data folder (config.json, user-defaults.json, engine/); default "
+                 "$XDG_STATE_HOME/zsm or ~/.local/state/zsm");
+  app.add_flag("--json", context.json, "print one JSON document instead of text");
+  app.add_option("--log-level", context.logLevel,
+                 "echo engine log lines up to this level to stderr (0 errors ... 4 information)");
+  app.add_option("--timeout", timeoutSeconds, "seconds to wait for the server")
+      ->check(CLI::Range(0.1, 3600.0));
+  std::function<int()> action;
+
+  // config
+  ConfigOptions configOptions;
+  auto* config =
+      app.add_subcommand("config", "show or change the server URL, user, keys and device");
+  config->add_option("--server", configOptions.server, "content server URL, http://host:port");
+  config->add_option("--user", configOptions.user, "account user name");
+  config->add_option("--key", configOptions.key, "public key");
+  config->add_option("--secret", configOptions.secret, "secret that signs requests");
+  config->add_option("--device-id", configOptions.deviceId,
+                     "device identifier (new UUID by default)");
+  config->add_flag("--reveal", configOptions.reveal, "show the secret");
+  config->callback([&] { action = [&] { return runConfig(context, configOptions); }; });
+
+  // settings
+  SettingsOptions settingsOptions;
+  auto* settings = app.add_subcommand("settings", "get or set the global defaults");
+  settings->add_subcommand("get", "show the settings")->callback([] {});
+  auto* settingsSet = settings->add_subcommand(
+      "set", "set one: max-items N | autodelete B | max-bitrate N | last-sync T | verbose B");
+  settingsSet->add_option("key", settingsOptions.key, "setting name")->required();
+  settingsSet->add_option("value", settingsOptions.value, "new value")->required();
+  settings->callback([&] { action = [&] { return runSettings(context, settingsOptions); }; });
+
+  app.add_subcommand("status", "check the server accepts this device; show status and counts")
+      ->callback([&] { action = [&] { return runStatus(context); }; });
+
+  // subscribe
+  SubscribeOptions subscribeOptions;
+  std::string autodeleteText;
+  auto* subscribe = app.add_subcommand("subscribe", "subscribe to a feed with retention rules");
+  subscribe->add_option("feed", subscribeOptions.feed, "feed identifier")->required();
+  subscribe->add_option("--max-items", subscribeOptions.maxItems,
+                        "keep at most N items (0: no limit)");
+  subscribe->add_option("--autodelete", autodeleteText, "delete old items for new ones (on/off)");
+  subscribe->add_option("--max-bitrate", subscribeOptions.maxBitrate,
+                        "bit/s cap for streams (0: none)");
+  subscribe->callback([&] {
+    action = [&] {
+      if (!autodeleteText.empty()) {
+        bool value = false;
+        if (!parseSwitch(autodeleteText, &value))
+          return Output(context.json)
+              .fail(cliError(kCliErrorUsage, "--autodelete takes on or off"));
+        subscribeOptions.autodelete = value;
+      }
+      return runSubscribe(context, subscribeOptions);
+    };
+  });
+
+  UnsubscribeOptions unsubscribeOptions;
+  auto* unsubscribe = app.add_subcommand("unsubscribe", "unsubscribe from one feed or all");
+  unsubscribe->add_option("feed", unsubscribeOptions.feed, "feed identifier");
+  unsubscribe->add_flag("--all", unsubscribeOptions.all, "every subscription of this device");
+  unsubscribe->callback(
+      [&] { action = [&] { return runUnsubscribe(context, unsubscribeOptions); }; });
+
+  app.add_subcommand("subscriptions", "list the feeds the server has this device subscribed to")
+      ->callback([&] { action = [&] { return runSubscriptions(context); }; });
+
+  // sync
+  SyncOptions syncOptions;
+  double watchSeconds = 120;
+  auto* sync = app.add_subcommand("sync", "ask the server for new items and queue their downloads");
+  sync->add_flag("--force", syncOptions.force, "sync even if another sync is running");
+  sync->add_flag("--watch", syncOptions.watch,
+                 "stay and show the downloads until the queue drains");
+  sync->add_option("--watch-timeout", watchSeconds, "seconds --watch waits at most")
+      ->check(CLI::Range(1.0, 86400.0));
+  sync->callback([&] {
+    action = [&] {
+      syncOptions.watchTimeout =
+          std::chrono::milliseconds(static_cast<long long>(watchSeconds * 1000));
+      return runSync(context, syncOptions);
+    };
+  });
+
+  app.add_subcommand("feeds", "the feeds tracked on this device, with their rules and items")
+      ->callback([&] { action = [&] { return runFeeds(context); }; });
+  ItemsOptions itemsOptions;
+  auto* items = app.add_subcommand("items", "the downloads on this device");
+  items->add_option("--feed", itemsOptions.feed, "only this feed's items");
+  items->callback([&] { action = [&] { return runItems(context, itemsOptions); }; });
+  app.add_subcommand("deferred", "items held back because their feed is full")->callback([&] {
+    action = [&] { return runDeferred(context); };
+  });
+
+  // publish
+  PublishOptions publishOptions;
+  auto* publish = app.add_subcommand("publish", "announce a new item to the server (push update)");
+  publish->add_option("--title", publishOptions.title, "title");
+  publish->add_option("--desc", publishOptions.desc, "description");
+  publish->add_option("--url", publishOptions.downloadURL, "download URL");
+  publish->add_option("--stream-url", publishOptions.streamURL, "stream URL");
+  publish->add_option("--content-size", publishOptions.contentSize, "size in bytes");
+  publish->add_option("--duration", publishOptions.duration, "duration in seconds");
+  publish->add_option("--content-type", publishOptions.contentType, "media type 0-5 (3: stream)");
+  publish->callback([&] { action = [&] { return runPublish(context, publishOptions); }; });
+
+  // wake
+  WakeOptions wakeOptions;
+  auto* wake = app.add_subcommand("wake", "deliver a background wake the way the system would");
+  wake->require_subcommand(1);
+  auto* wakePush = wake->add_subcommand("push", "a remote push notice");
+  bool noSync = false;
+  wakePush->add_flag("--no-sync", noSync, "a notice that does not ask for a subscription sync");
+  wakePush->add_flag("--watch", wakeOptions.watch, "follow the downloads afterwards");
+  auto* wakeFetch = wake->add_subcommand("fetch", "a background fetch");
+  wakeFetch->add_flag("--watch", wakeOptions.watch, "follow the downloads afterwards");
+  wake->callback([&] {
+    action = [&] {
+      wakeOptions.push = wakePush->parsed();
+      wakeOptions.subscriptionSync = !noSync;
+      return runWake(context, wakeOptions);
+    };
+  });
+
+  // demo
+  DemoOptions demoOptions;
+  auto* demo = app.add_subcommand("demo", "run the whole system on this machine (about a minute)");
+  demo->add_option("--server-program", demoOptions.serverProgram, "path of zsm-server");
+  demo->add_option("--folder", demoOptions.workFolder,
+                   "work folder (a new temporary one by default)");
+  demo->callback([&] { action = [&] { return runDemo(context, demoOptions, argv[0]); }; });
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);
+    std::cerr << "error: " << kCliErrorDomain << " " << kCliErrorUsage << ": " << e.what() << "\n";
+    std::cerr << "(run `zsm --help` or `zsm <command> --help`)\n";
+    return 2;
+  }
+  context.paths.root = data.empty() ? HostPaths::defaultRoot() : std::filesystem::path(data);
+  context.timeout = std::chrono::milliseconds(static_cast<long long>(timeoutSeconds * 1000));
+  if (!action) {
+    std::cerr << app.help();
+    return 2;
+  }
+  return action();
+}
