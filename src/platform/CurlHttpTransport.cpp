@@ -2,6 +2,8 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 
@@ -24,7 +26,8 @@ std::size_t collectHeader(char* data, std::size_t size, std::size_t count, void*
   if (colon != std::string_view::npos) {
     auto trim = [](std::string_view s) {
       while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
-      while (!s.empty() && (s.back() == '\r' || s.back() == '\n' || s.back() == ' ')) s.remove_suffix(1);
+      while (!s.empty() && (s.back() == '\r' || s.back() == '\n' || s.back() == ' '))
+        s.remove_suffix(1);
       return std::string(s);
     };
     headers->emplace_back(trim(line.substr(0, colon)), trim(line.substr(colon + 1)));
@@ -36,7 +39,9 @@ std::size_t collectHeader(char* data, std::size_t size, std::size_t count, void*
 
 }  // namespace
 
-CurlHttpTransport::CurlHttpTransport() {
+CurlHttpTransport::CurlHttpTransport() : CurlHttpTransport(Options{}) {}
+
+CurlHttpTransport::CurlHttpTransport(Options options) : options_(options) {
   std::call_once(curlInitOnce, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
@@ -54,7 +59,8 @@ HttpReply CurlHttpTransport::send(const HttpRequest& request) {
   // libcurl would add "Expect: 100-continue" to large bodies; the server
   // protocol has no use for it.
   headerList = curl_slist_append(headerList, "Expect:");
-  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(headerList, &curl_slist_free_all);
+  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(headerList,
+                                                                      &curl_slist_free_all);
 
   std::string body;
   HttpResponse response;
@@ -73,7 +79,10 @@ HttpReply CurlHttpTransport::send(const HttpRequest& request) {
   curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
   curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeout.count()));
+  const std::chrono::milliseconds timeout = options_.timeout.value_or(request.timeout);
+  // libcurl reads 0 as "no time-out"; a request never waits for good.
+  curl_easy_setopt(h, CURLOPT_TIMEOUT_MS,
+                   static_cast<long>(std::max<std::int64_t>(timeout.count(), 1)));
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &collectBody);
   curl_easy_setopt(h, CURLOPT_WRITEDATA, &body);
   curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &collectHeader);

@@ -133,7 +133,7 @@ Platform TestBed::platform() {
   p.mainQueue = mainQueue;
   p.notificationCenter = center;
   p.userDefaults = defaults;
-  p.http = http;
+  p.http = transport ? transport : std::shared_ptr<HttpTransport>(http);
   p.application = application;
   p.uuidString = newUUIDString;
   p.systemLog = [this](const std::string& line) { systemLog.push_back(line); };

@@ -88,6 +88,9 @@ struct TestBed {
   std::shared_ptr<NotificationCenter> center = std::make_shared<NotificationCenter>();
   std::shared_ptr<FileUserDefaults> defaults = std::make_shared<FileUserDefaults>();
   std::shared_ptr<FakeHttpTransport> http = std::make_shared<FakeHttpTransport>();
+  // When set (before the manager is made), the platform's transport instead of
+  // `http`; protocol tests put a real CurlHttpTransport here.
+  std::shared_ptr<HttpTransport> transport;
   std::shared_ptr<FakeApplication> application = std::make_shared<FakeApplication>();
   std::vector<std::string> systemLog;
   std::shared_ptr<ZolvaniSubscriptionManager> manager;

@@ -9,6 +9,8 @@
 // its own libcurl handle.
 #pragma once
 
+#include <chrono>
+#include <optional>
 #include <string_view>
 
 #include "zolvani/subscription/platform/HttpTransport.h"
@@ -19,8 +21,18 @@ inline constexpr std::string_view kCurlErrorDomain = "ZolvaniTransport.curl";
 
 class CurlHttpTransport final : public HttpTransport {
  public:
+  struct Options {
+    // Replaces every request's own time-out when set; a host that wants its
+    // requests to give up sooner (or later) than 60 seconds sets it here.
+    std::optional<std::chrono::milliseconds> timeout;
+  };
+
   CurlHttpTransport();
+  explicit CurlHttpTransport(Options options);
   HttpReply send(const HttpRequest& request) override;
+
+ private:
+  Options options_;
 };
 
 }  // namespace zolvani
