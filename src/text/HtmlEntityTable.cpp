@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <type_traits>
 
 namespace zolvani::text {
 namespace {
@@ -123,18 +124,23 @@ constexpr std::size_t slotOf(std::uint64_t key) {
   return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15ull) >> (64 - kIndexBits));
 }
 
+// The key and the length together identify a name: the length keeps a candidate with
+// zero bytes ("lt" followed by NULs) from matching a shorter name.
 struct NameIndex {
   std::array<std::uint64_t, kIndexSize> keys{};  // 0 marks an empty slot
+  std::array<std::uint8_t, kIndexSize> lengths{};
   std::array<char16_t, kIndexSize> units{};
 };
 
 constexpr NameIndex buildNameIndex() {
   NameIndex index;
   for (const HtmlEntity& entity : kFullTable) {
-    const std::uint64_t key = packName(entity.text.substr(1, entity.text.size() - 2));
+    const std::string_view name = entity.text.substr(1, entity.text.size() - 2);
+    const std::uint64_t key = packName(name);
     std::size_t slot = slotOf(key);
     while (index.keys[slot] != 0) slot = (slot + 1) & (kIndexSize - 1);
     index.keys[slot] = key;
+    index.lengths[slot] = static_cast<std::uint8_t>(name.size());
     index.units[slot] = entity.unit;
   }
   return index;
@@ -148,19 +154,33 @@ std::span<const HtmlEntity> fullEntityTable() { return kFullTable; }
 
 std::span<const HtmlEntity> shortEntityTable() { return kShortTable; }
 
-std::optional<char16_t> lookupEntityName(std::u16string_view name) {
+namespace {
+
+template <typename Char>
+std::optional<char16_t> lookupName(std::basic_string_view<Char> name) {
   if (name.empty() || name.size() > kMaxNameLength) return std::nullopt;
+  // Every name is ASCII, so a key holding any other unit matches none; for bytes the
+  // key itself shows that, for UTF-16 units the bits above 7 are checked once.
   std::uint64_t key = 0;
+  unsigned all = 0;
   for (std::size_t i = 0; i < name.size(); ++i) {
-    const char16_t unit = name[i];
-    // A zero unit would alias the shorter name; nothing above ASCII is in a name.
-    if (unit == 0 || unit > 0x7F) return std::nullopt;
-    key |= std::uint64_t{unit} << (8 * i);
+    const auto unit = static_cast<std::make_unsigned_t<Char>>(name[i]);
+    all |= unit;
+    key |= std::uint64_t{static_cast<std::uint8_t>(unit)} << (8 * i);
   }
+  if (all > 0x7F) return std::nullopt;
   for (std::size_t slot = slotOf(key);; slot = (slot + 1) & (kIndexSize - 1)) {
-    if (kNameIndex.keys[slot] == key) return kNameIndex.units[slot];
+    if (kNameIndex.keys[slot] == key && kNameIndex.lengths[slot] == name.size()) {
+      return kNameIndex.units[slot];
+    }
     if (kNameIndex.keys[slot] == 0) return std::nullopt;
   }
 }
+
+}  // namespace
+
+std::optional<char16_t> lookupEntityName(std::u16string_view name) { return lookupName(name); }
+
+std::optional<char16_t> lookupEntityName(std::string_view name) { return lookupName(name); }
 
 }  // namespace zolvani::text

@@ -25,7 +25,9 @@ std::span<const HtmlEntity> fullEntityTable();
 std::span<const HtmlEntity> shortEntityTable();
 
 // The code unit of the reference "&<name>;" in the full table, given the name's code
-// units without "&" and ";". Case-sensitive.
+// units without "&" and ";". Case-sensitive. The second form takes the name as bytes
+// (of valid UTF-8); names are ASCII, so both forms agree.
 std::optional<char16_t> lookupEntityName(std::u16string_view name);
+std::optional<char16_t> lookupEntityName(std::string_view name);
 
 }  // namespace zolvani::text

@@ -20,4 +20,7 @@ std::u16string escapeHtml(std::u16string_view text, std::span<const HtmlEntity> 
 // Replaces character references by their code units; see gtm_stringByUnescapingFromHTML.
 std::u16string unescapeHtml(std::u16string_view text);
 
+// The same on valid UTF-8 (the caller checks), giving what the UTF-16 route gives.
+std::string unescapeValidUtf8(std::string_view text);
+
 }  // namespace zolvani::text

@@ -47,25 +47,6 @@ char32_t decodeOne(const unsigned char*& p, const unsigned char* end) {
   return value;
 }
 
-void appendCodePoint(char32_t c, std::string& out) {
-  if (c < 0x80) {
-    out.push_back(static_cast<char>(c));
-  } else if (c < 0x800) {
-    out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else if (c < 0x10000) {
-    if (isSurrogate(c)) c = kReplacementCharacter;
-    out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else {
-    out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-    out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  }
-}
-
 }  // namespace
 
 void appendUtf16(std::string_view utf8, std::u16string& out) {
@@ -110,30 +91,42 @@ std::u16string toUtf16(std::string_view utf8) {
 }
 
 void appendUtf8(std::u16string_view utf16, std::string& out) {
-  out.reserve(out.size() + utf16.size());
-  const std::size_t n = utf16.size();
-  std::size_t i = 0;
-  while (i < n) {
-    // ASCII runs are the common case in feed text.
-    std::size_t run = i;
-    while (run < n && utf16[run] < 0x80) ++run;
-    if (run > i) {
-      const std::size_t at = out.size();
-      out.resize(at + (run - i));
-      char* dst = out.data() + at;
-      for (std::size_t k = i; k < run; ++k) *dst++ = static_cast<char>(utf16[k]);
-      i = run;
-      if (i == n) break;
-    }
-    const char16_t unit = utf16[i];
-    if (isHighSurrogate(unit) && i + 1 < n && isLowSurrogate(utf16[i + 1])) {
-      appendCodePoint(0x10000 + ((char32_t{unit} - 0xD800) << 10) + (utf16[i + 1] - 0xDC00), out);
-      i += 2;
+  // At most three bytes per unit (a pair takes four bytes for two units); the result
+  // is written through a pointer and trimmed at the end.
+  const std::size_t start = out.size();
+  out.resize(start + 3 * utf16.size());
+  auto* dst = reinterpret_cast<unsigned char*>(out.data() + start);
+  const char16_t* p = utf16.data();
+  const char16_t* const end = p + utf16.size();
+  while (p < end) {
+    const char16_t unit = *p;
+    if (unit < 0x80) {
+      *dst++ = static_cast<unsigned char>(unit);
+      ++p;
+    } else if (unit < 0x800) {
+      dst[0] = static_cast<unsigned char>(0xC0 | (unit >> 6));
+      dst[1] = static_cast<unsigned char>(0x80 | (unit & 0x3F));
+      dst += 2;
+      ++p;
+    } else if (isHighSurrogate(unit) && end - p >= 2 && isLowSurrogate(p[1])) {
+      const char32_t c = 0x10000 + ((char32_t{unit} - 0xD800) << 10) + (p[1] - 0xDC00);
+      dst[0] = static_cast<unsigned char>(0xF0 | (c >> 18));
+      dst[1] = static_cast<unsigned char>(0x80 | ((c >> 12) & 0x3F));
+      dst[2] = static_cast<unsigned char>(0x80 | ((c >> 6) & 0x3F));
+      dst[3] = static_cast<unsigned char>(0x80 | (c & 0x3F));
+      dst += 4;
+      p += 2;
     } else {
-      appendCodePoint(unit, out);  // a lone surrogate becomes U+FFFD there
-      ++i;
+      // A lone surrogate is written as U+FFFD.
+      const char16_t c = isSurrogate(unit) ? kReplacementCharacter : unit;
+      dst[0] = static_cast<unsigned char>(0xE0 | (c >> 12));
+      dst[1] = static_cast<unsigned char>(0x80 | ((c >> 6) & 0x3F));
+      dst[2] = static_cast<unsigned char>(0x80 | (c & 0x3F));
+      dst += 3;
+      ++p;
     }
   }
+  out.resize(static_cast<std::size_t>(reinterpret_cast<char*>(dst) - out.data()));
 }
 
 std::string toUtf8(std::u16string_view utf16) {
