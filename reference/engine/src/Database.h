@@ -1,0 +1,87 @@
+// Database: a thin wrapper over one SQLite connection.
+//
+// The engine keeps one connection in WAL mode. Statement binds values by
+// position and steps rows; Database runs plain SQL and transactions. Errors
+// come back as strings (the message of the failing call), never as exceptions.
+//
+// Thread-safety: a Database is not thread-safe by itself; the engine serialises
+// every use through Database::mutex().
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace zolvani::reference {
+
+class Database;
+
+class Statement {
+ public:
+  Statement(Database& db, std::string_view sql);
+  ~Statement();
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  bool ok() const { return stmt_ != nullptr; }
+  Statement& bind(int index, std::int64_t value);
+  Statement& bind(int index, double value);
+  Statement& bind(int index, std::string_view value);
+  Statement& bind(int index, std::optional<double> value);
+  Statement& bindNull(int index);
+  // Steps once: true when a row is available.
+  bool step();
+  // Runs to completion; false on error.
+  bool run();
+  void reset();
+
+  std::int64_t int64(int column) const;
+  double real(int column) const;
+  std::optional<double> optionalReal(int column) const;
+  std::string text(int column) const;
+
+ private:
+  Database& db_;
+  sqlite3_stmt* stmt_ = nullptr;
+};
+
+class Database {
+ public:
+  Database() = default;
+  ~Database();
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+
+  // Opens (creating) the file in WAL mode; an error message on failure.
+  std::optional<std::string> open(const std::filesystem::path& file);
+  void close();
+  // Runs one or more statements; an error message on failure.
+  std::optional<std::string> exec(std::string_view sql);
+  std::string lastError() const;
+  std::recursive_mutex& mutex() { return mutex_; }
+  sqlite3* handle() { return db_; }
+
+ private:
+  sqlite3* db_ = nullptr;
+  std::recursive_mutex mutex_;
+};
+
+// Begins a transaction and rolls it back unless commit() succeeded.
+class Transaction {
+ public:
+  explicit Transaction(Database& db);
+  ~Transaction();
+  bool commit();
+
+ private:
+  Database& db_;
+  bool open_ = false;
+};
+
+}  // namespace zolvani::reference

@@ -1,0 +1,302 @@
+// The reference engine's inside: assets and their records, the store context,
+// the download queue and the state every role reads.
+//
+// Lock order, outermost first: the store context's mutex, Impl::mutex_, an
+// asset's mutex, the database's mutex. Callbacks into the host or the library
+// never run while one of these is held.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "Database.h"
+#include "Fetcher.h"
+#include "zolvani/reference/ReferenceEngine.h"
+
+namespace spdlog {
+class logger;
+}
+
+namespace zolvani::reference {
+
+// Everything the store keeps about one asset.
+struct AssetFields {
+  std::string uuid, assetID, description, url;
+  bool manifest = false;
+  std::int32_t protectionType = 0;
+  bool includeEncryptionKeys = false;
+  std::int64_t maximumBitrate = 0;
+  std::optional<Date> publishDate, expiryDate;
+  double expiryAfterDownload = 0, expiryAfterPlay = 0;
+  std::int32_t downloadLimit = 0;
+  bool fastPlay = false;
+  std::string userInfoJson;
+  Date creationDate;
+  AssetState state = AssetState::kCreated;
+  double fraction = 0;
+  std::uint64_t bytesDone = 0, bytesTotal = 0;
+  std::optional<Date> downloadComplete;
+  std::string localPath;      // relative to the data folder
+  std::int64_t queuePos = 0;  // order in the download queue; 0 when not queued
+  std::string etag, lastModified;
+  std::int64_t errorCode = 0;
+  std::string errorText;
+  std::int64_t bandwidth = 0, segmentsDone = 0, segmentsTotal = 0;
+  std::int64_t seq = 0;  // creation order
+};
+
+class ReferenceAsset;
+
+class ReferenceAssetData final : public ZolvaniAssetData {
+ public:
+  ReferenceAssetData(std::weak_ptr<ReferenceAsset> asset, std::string uuid,
+                     std::weak_ptr<ZolvaniManagedObjectContext> context)
+      : asset_(std::move(asset)), uuid_(std::move(uuid)), context_(std::move(context)) {}
+  std::string uuid() const override { return uuid_; }
+  std::optional<Date> downloadCompleteDateTime() const override;
+  std::shared_ptr<ZolvaniManagedObjectContext> managedObjectContext() const override {
+    return context_.lock();
+  }
+  Value valueForKey(std::string_view attribute) const override;
+
+ private:
+  std::weak_ptr<ReferenceAsset> asset_;
+  std::string uuid_;
+  std::weak_ptr<ZolvaniManagedObjectContext> context_;
+};
+
+class ReferenceAsset final : public ZolvaniAsset,
+                             public std::enable_shared_from_this<ReferenceAsset> {
+ public:
+  ReferenceAsset(std::weak_ptr<ReferenceEngine::Impl> engine, AssetFields fields)
+      : engine_(std::move(engine)), uuid_(fields.uuid), fields_(std::move(fields)) {}
+
+  void _setCreationDate(Date date) override;
+  std::string uuid() const override { return uuid_; }
+  std::string assetID() const override;
+  std::string description() const override;
+  std::optional<Date> downloadCompleteDateTime() const override;
+  double fractionComplete() const override;
+  std::shared_ptr<ZolvaniAssetData> assetDataFromAsset() override;
+  void deleteAssetWithReason(std::int64_t reason,
+                             std::function<void(bool, std::optional<Error>)> onComplete) override;
+
+  AssetFields fields() const {
+    std::lock_guard l(mutex_);
+    return fields_;
+  }
+  // Changes fields under the asset's lock; returns the new snapshot.
+  template <typename F>
+  AssetFields update(F&& change) {
+    std::lock_guard l(mutex_);
+    change(fields_);
+    return fields_;
+  }
+
+ private:
+  std::weak_ptr<ReferenceEngine::Impl> engine_;
+  const std::string uuid_;
+  mutable std::mutex mutex_;
+  AssetFields fields_;
+  std::shared_ptr<ReferenceAssetData> data_;
+};
+
+class SqliteSubscriptionData final : public SubscriptionData {
+ public:
+  std::string uuid() const override { return uuid_; }
+  void setUuid(std::string uuid) override { uuid_ = std::move(uuid); }
+  std::int16_t maxItemsValue() const override { return maxItems_; }
+  void setMaxItemsValue(std::int16_t value) override { maxItems_ = value; }
+  bool autodeleteValue() const override { return autodelete_; }
+  void setAutodeleteValue(bool value) override { autodelete_ = value; }
+  std::int64_t maxBitrateValue() const override { return maxBitrate_; }
+  void setMaxBitrateValue(std::int64_t value) override { maxBitrate_ = value; }
+  AssetDataOrderedSet& feedItemsSet() override { return feedItems_; }
+  AssetDataOrderedSet& deferredFeedItemsSet() override { return deferred_; }
+
+ private:
+  std::string uuid_;
+  std::int16_t maxItems_ = 0;
+  bool autodelete_ = false;
+  std::int64_t maxBitrate_ = 0;
+  AssetDataOrderedSet feedItems_, deferred_;
+};
+
+// The store context over the SQLite store: records live in memory between
+// saves; save() rewrites the SubscriptionData tables in one transaction.
+class SqliteStoreContext final : public ZolvaniManagedObjectContext {
+ public:
+  explicit SqliteStoreContext(std::weak_ptr<ReferenceEngine::Impl> engine)
+      : engine_(std::move(engine)) {}
+  void performBlockAndWait(const std::function<void()>& block) override;
+  std::vector<std::shared_ptr<SubscriptionData>> executeFetchRequest(
+      const SubscriptionDataFetchRequest& request, std::optional<Error>* error) override;
+  std::shared_ptr<SubscriptionData> insertSubscriptionData() override;
+  void deleteObject(const std::shared_ptr<SubscriptionData>& record) override;
+  void refreshObject(const std::shared_ptr<ZolvaniAssetData>& item, bool mergeChanges) override;
+  bool save() override;
+
+  // Loads the saved records (at start).
+  std::optional<Error> load();
+  // Drops an asset's record from every collection, saved or pending.
+  void forgetAsset(const std::string& uuid);
+  std::recursive_mutex& mutex() { return mutex_; }
+
+ private:
+  std::weak_ptr<ReferenceEngine::Impl> engine_;
+  std::recursive_mutex mutex_;
+  std::vector<std::shared_ptr<SqliteSubscriptionData>> live_;
+};
+
+class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
+ public:
+  explicit Impl(ReferenceEngineOptions options);
+  ~Impl();
+
+  std::optional<Error> start();
+  void stop();
+  ZolvaniEngine roles();
+
+  // --- Assets ----------------------------------------------------------------
+  std::shared_ptr<ReferenceAsset> createAsset(AssetFields fields, AssetReadyCallback ready,
+                                              AssetParseCallback parse);
+  std::shared_ptr<ReferenceAsset> findByUUID(std::string_view uuid) const;
+  // Also finds gone assets (their records stay until the library looks them up).
+  std::shared_ptr<ReferenceAsset> findAny(std::string_view uuid) const;
+  std::shared_ptr<ReferenceAsset> findByAssetID(std::string_view assetID) const;
+  void deleteAsset(const std::string& uuid, std::int64_t reason,
+                   std::function<void(bool, std::optional<Error>)> onComplete);
+  bool persist(const AssetFields& fields);
+  AssetInfo info(const AssetFields& fields) const;
+  std::vector<AssetInfo> listAssets() const;
+
+  // --- Queue -----------------------------------------------------------------
+  std::optional<Error> enqueue(const std::shared_ptr<ZolvaniAsset>& asset);
+  std::vector<std::string> queueSnapshot() const;
+  std::vector<std::shared_ptr<ZolvaniAsset>> processing() const;
+  bool waitUntilIdle(std::chrono::milliseconds timeout);
+
+  // --- Other roles -------------------------------------------------------------
+  void log(const std::string& message, std::int64_t level);
+  void logEvent(std::int64_t event, const std::string& file, const Value& data);
+  Date secureDate() const;
+  void observeServerDate(Date server);
+  std::int64_t reachabilityStatus();
+  void setReachabilityOverride(std::optional<bool> online);
+  void post(std::string_view name);
+  void startup(std::string url, std::string user, std::string device, std::string secret,
+               std::string key);
+  std::string deviceUUID() const { return deviceUUID_; }
+  void keepAlive(const std::string& task, int delta);
+  std::vector<std::pair<std::string, int>> keepAliveTasks() const;
+  void registerHandler(std::shared_ptr<ZolvaniEventHandlerDelegate> handler);
+  std::vector<std::shared_ptr<ZolvaniEventHandlerDelegate>> liveHandlers() const;
+  std::string metaValue(const std::string& key) const;
+  void setMetaValue(const std::string& key, const std::string& value);
+
+  ReferenceEngineOptions options;
+  Database db;
+  std::shared_ptr<SqliteStoreContext> context;
+  std::atomic<bool> started{false};
+  mutable std::mutex credentialsMutex;
+  std::string user, url, secret, key;
+  std::mutex progressMutex;
+  ProgressCallback progressCallback;
+
+ private:
+  friend class ReferenceAsset;
+  void worker();
+  void runSingleFile(const std::shared_ptr<ReferenceAsset>& asset,
+                     const std::shared_ptr<std::atomic<bool>>& cancel);
+  void runStream(const std::shared_ptr<ReferenceAsset>& asset,
+                 const std::shared_ptr<std::atomic<bool>>& cancel);
+  void finish(const std::shared_ptr<ReferenceAsset>& asset, const std::string& localPath,
+              std::uint64_t bytes);
+  void fail(const std::shared_ptr<ReferenceAsset>& asset, const Error& error);
+  void requeue(const std::shared_ptr<ReferenceAsset>& asset);
+  void reportProgress(const std::shared_ptr<ReferenceAsset>& asset, bool persistNow);
+  void prepareManifest(const std::shared_ptr<ReferenceAsset>& asset, AssetReadyCallback ready,
+                       AssetParseCallback parse);
+  bool interruptibleSleep(std::chrono::milliseconds delay,
+                          const std::shared_ptr<std::atomic<bool>>& cancel);
+  void callLater(std::function<void()> task);
+  void callbackLoop();
+  std::optional<Error> reconcile();
+  std::filesystem::path assetFolder(const std::string& uuid) const;
+  FetchHooks hooksFor(const std::shared_ptr<ReferenceAsset>& asset,
+                      const std::shared_ptr<std::atomic<bool>>& cancel, std::uint64_t base);
+
+  mutable std::mutex mutex_;
+  std::condition_variable cv_;
+  std::unordered_map<std::string, std::shared_ptr<ReferenceAsset>> assets_;
+  std::deque<std::string> queue_;
+  std::map<std::string, std::shared_ptr<std::atomic<bool>>> transferring_;
+  std::vector<std::thread> workers_;
+  bool stopping_ = false;
+  std::int64_t nextQueuePos_ = 1;
+  std::int64_t nextSeq_ = 1;
+
+  std::mutex callbackMutex_;
+  std::condition_variable callbackCv_;
+  std::deque<std::function<void()>> callbacks_;
+  std::thread callbackThread_;
+  bool callbackStop_ = false;
+
+  std::string deviceUUID_;
+  mutable std::mutex clockMutex_;
+  std::optional<double> clockOffset_;
+  std::mutex reachMutex_;
+  std::optional<bool> reachOverride_;
+  std::chrono::steady_clock::time_point reachCheckedAt_{};
+  std::int64_t reachCached_ = 0;
+  mutable std::mutex miscMutex_;
+  std::map<std::string, int> keepAlive_;
+  std::vector<std::weak_ptr<ZolvaniEventHandlerDelegate>> handlers_;
+  std::shared_ptr<spdlog::logger> logger_;
+  std::mutex eventsMutex_;
+  std::FILE* eventsFile_ = nullptr;
+  std::map<std::string, std::chrono::steady_clock::time_point> lastPersist_;
+  std::map<std::string, std::chrono::steady_clock::time_point> lastProgress_;
+};
+
+// Playlist reading for streams.
+struct HlsVariant {
+  std::int64_t bandwidth = 0;
+  std::string uri;
+};
+struct HlsResource {
+  enum class Kind { kSegment, kMap, kKey } kind = Kind::kSegment;
+  std::string uri;  // as written in the playlist
+  std::size_t line = 0;
+};
+struct HlsMediaPlaylist {
+  bool ended = false;
+  std::vector<std::string> lines;
+  std::vector<HlsResource> resources;
+};
+
+// Variants of a master playlist; empty when `text` is a media playlist.
+std::vector<HlsVariant> parseMasterPlaylist(const std::string& text);
+// The variant to fetch: the highest bandwidth not above `maxBitrate` (no cap
+// when it is 0 or less); when none fits, the lowest.
+std::optional<HlsVariant> chooseVariant(const std::vector<HlsVariant>& variants,
+                                        std::int64_t maxBitrate);
+// Reads a media playlist; an error when it is not one.
+std::optional<Error> parseMediaPlaylist(const std::string& text, bool includeKeys,
+                                        HlsMediaPlaylist* out);
+// The local file name of resource `index`.
+std::string localResourceName(const HlsResource& resource, std::size_t index);
+// The playlist with every fetched resource's URI replaced by its local name and
+// the rest made absolute against `base`.
+std::string rewritePlaylist(const HlsMediaPlaylist& playlist, const std::string& base);
+
+}  // namespace zolvani::reference
