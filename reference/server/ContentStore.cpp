@@ -14,13 +14,13 @@ namespace {
 class Statement {
  public:
   Statement(sqlite3* db, const char* sql) : db_(db) {
-    rc_ = sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr);
+    prepared_ = sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) == SQLITE_OK;
   }
   ~Statement() { sqlite3_finalize(stmt_); }
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
 
-  bool prepared() const { return rc_ == SQLITE_OK; }
+  bool prepared() const { return prepared_; }
   Statement& Bind(int index, const std::string& text) {
     sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
     return *this;
@@ -34,7 +34,7 @@ class Statement {
     return *this;
   }
   // SQLITE_ROW, SQLITE_DONE or an error code.
-  int Step() { return rc_ = sqlite3_step(stmt_); }
+  int Step() { return sqlite3_step(stmt_); }
   void Reset() {
     sqlite3_reset(stmt_);
     sqlite3_clear_bindings(stmt_);
@@ -53,7 +53,7 @@ class Statement {
  private:
   sqlite3* db_;
   sqlite3_stmt* stmt_ = nullptr;
-  int rc_;
+  bool prepared_ = false;
 };
 
 Status Exec(sqlite3* db, const char* sql) {
