@@ -59,7 +59,7 @@ std::optional<zolvani::Error> ChildProcess::start(const std::vector<std::string>
 std::optional<zolvani::Error> ChildProcess::run(const std::vector<std::string>& argv,
                                                 const std::filesystem::path& errorFile,
                                                 std::chrono::milliseconds timeout,
-                                                std::string* output) {
+                                                std::string* output, int* exitStatus) {
   std::unique_ptr<ChildProcess> child;
   if (auto error = start(argv, errorFile, &child)) return error;
   using Clock = std::chrono::steady_clock;
@@ -89,6 +89,10 @@ std::optional<zolvani::Error> ChildProcess::run(const std::vector<std::string>& 
   if (!status) {
     child->terminate(std::chrono::milliseconds(500));
     return cliError(kCliErrorTimeout, argv[0] + " did not finish in time");
+  }
+  if (exitStatus) {
+    *exitStatus = *status;
+    return std::nullopt;
   }
   if (*status != 0) {
     return cliError(kCliErrorServerProgram, argv[0] + " " + (argv.size() > 1 ? argv[1] : "") +

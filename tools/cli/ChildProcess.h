@@ -27,11 +27,13 @@ class ChildProcess {
   static std::optional<zolvani::Error> start(const std::vector<std::string>& argv,
                                              const std::filesystem::path& errorFile,
                                              std::unique_ptr<ChildProcess>* child);
-  // Runs a program to its end and collects its standard output; fails on a
-  // non-zero exit or when it takes longer than `timeout` (it is then killed).
+  // Runs a program to its end and collects its standard output. Fails when it
+  // takes longer than `timeout` (it is then killed), and on a non-zero exit
+  // unless `exitStatus` is given to receive it.
   static std::optional<zolvani::Error> run(const std::vector<std::string>& argv,
                                            const std::filesystem::path& errorFile,
-                                           std::chrono::milliseconds timeout, std::string* output);
+                                           std::chrono::milliseconds timeout, std::string* output,
+                                           int* exitStatus = nullptr);
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
