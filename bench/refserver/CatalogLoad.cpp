@@ -107,9 +107,19 @@ int main(int argc, char** argv) {
       auto post = [&](const std::string& endpoint, const std::string& body) {
         auto res = client.Post(SignedTarget(endpoint, host, body).c_str(), {{"Host", host}}, body,
                                "application/json");
-        if (!res || res->status != 200) return false;
+        if (!res) {
+          std::fprintf(stderr, "%s: %s failed: %s\n", device.c_str(), endpoint.c_str(),
+                       httplib::to_string(res.error()).c_str());
+          return false;
+        }
         auto reply = nlohmann::json::parse(res->body, nullptr, false);
-        return reply.is_object() && reply["response_header"].value("response_code", -1) == 0;
+        if (res->status == 200 && reply.is_object() &&
+            reply["response_header"].value("response_code", -1) == 0) {
+          return true;
+        }
+        std::fprintf(stderr, "%s: %s: HTTP %d %s\n", device.c_str(), endpoint.c_str(), res->status,
+                     res->body.substr(0, 200).c_str());
+        return false;
       };
       // Each device follows three feeds.
       for (int k = 0; k < 3; ++k) {

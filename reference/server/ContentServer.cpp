@@ -3,6 +3,10 @@
 #include <httplib.h>
 #include <spdlog/spdlog.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <chrono>
 #include <fstream>
 
@@ -40,6 +44,37 @@ void ProvideFileRange(httplib::Response& res, const std::filesystem::path& path,
                                return false;  // the file shrank under us: end the connection
                              return sink.write(buffer, static_cast<size_t>(got));
                            });
+}
+
+// The HTTP library listens with a queue of five pending connections, far too few
+// when hundreds of devices connect at once: the rest are dropped and retried after
+// a second, or reset. Listening again on a bound socket only changes its queue
+// length, so the server finds its own listening socket and widens the queue.
+void WidenListenQueue(int port) {
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
+    int fd = -1;
+    try {
+      fd = std::stoi(entry.path().filename().string());
+    } catch (const std::exception&) {
+      continue;
+    }
+    int accepting = 0;
+    socklen_t size = sizeof(accepting);
+    if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &accepting, &size) != 0 || accepting == 0) {
+      continue;
+    }
+    sockaddr_storage address{};
+    socklen_t length = sizeof(address);
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) continue;
+    int boundPort = -1;
+    if (address.ss_family == AF_INET) {
+      boundPort = ntohs(reinterpret_cast<sockaddr_in*>(&address)->sin_port);
+    } else if (address.ss_family == AF_INET6) {
+      boundPort = ntohs(reinterpret_cast<sockaddr_in6*>(&address)->sin6_port);
+    }
+    if (boundPort == port) ::listen(fd, SOMAXCONN);
+  }
 }
 
 }  // namespace
@@ -183,6 +218,7 @@ Status ContentServer::Start() {
     return Status::IOError("cannot bind " + options_.address + ":" + std::to_string(port));
   }
   port_ = port;
+  WidenListenQueue(port);
   thread_ = std::thread([this] { http_->listen_after_bind(); });
   // Stop() right after Start() must find the loop running, or it would miss it.
   while (!http_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
