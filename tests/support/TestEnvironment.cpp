@@ -128,6 +128,11 @@ TestBed::TestBed(std::function<void(TestBed&)> beforeCreate) {
   createManager();
 }
 
+TestBed::~TestBed() {
+  if (manager) settle(std::chrono::milliseconds(2000));
+  mainQueue->poll();
+}
+
 Platform TestBed::platform() {
   Platform p;
   p.mainQueue = mainQueue;

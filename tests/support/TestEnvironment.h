@@ -82,6 +82,11 @@ class NotificationRecorder {
 struct TestBed {
   TestBed();
   explicit TestBed(std::function<void(TestBed&)> beforeCreate);
+  // Lets queued work finish: tasks waiting on the main queue hold the manager,
+  // and a bed torn down with them would leak it.
+  ~TestBed();
+  TestBed(const TestBed&) = delete;
+  TestBed& operator=(const TestBed&) = delete;
 
   std::shared_ptr<InMemoryEngine> engine = InMemoryEngine::create();
   std::shared_ptr<MainQueue> mainQueue = std::make_shared<MainQueue>("main");
