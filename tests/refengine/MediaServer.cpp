@@ -40,7 +40,12 @@ MediaServer::MediaServer() : server_(std::make_unique<httplib::Server>()) {
     }
     res.set_header("ETag", route.etag);
     const std::string ifRange = req.get_header_value("If-Range");
-    if (!ifRange.empty() && ifRange != route.etag) res.status = 200;  // stale: the whole body again
+    if (!ifRange.empty() && ifRange != route.etag) {
+      // A stale validator gets the whole body again; the HTTP library would
+      // otherwise cut the range it parsed.
+      const_cast<httplib::Request&>(req).ranges.clear();
+      res.status = 200;
+    }
     auto body = route.body;
     const bool truncate = route.truncations > 0;
     const std::size_t cut = route.truncateAt;
