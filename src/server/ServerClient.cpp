@@ -70,6 +70,7 @@ std::optional<std::string> ServerClient::urlForEndpoint(std::string_view endpoin
 }
 
 std::optional<nlohmann::json> ServerClient::requestHeader() const {
+  // A stored override that is not text (or is empty) counts as absent.
   std::string deviceId;
   if (auto stored = deps_.userDefaults->objectForKey(kEngineManualDeviceUDIDKey))
     deviceId = stored->stringValue();
