@@ -112,7 +112,9 @@ ContentServer::~ContentServer() { Stop(); }
 const std::filesystem::path& ContentServer::mediaRoot() const { return media_->root(); }
 
 std::string ContentServer::url() const {
-  return "http://" + options_.address + ":" + std::to_string(port_.load());
+  const bool ipv6 = options_.address.find(':') != std::string::npos;
+  return "http://" + (ipv6 ? "[" + options_.address + "]" : options_.address) + ":" +
+         std::to_string(port_.load());
 }
 
 void ContentServer::InstallRoutes() {

@@ -208,6 +208,11 @@ int main(int argc, char** argv) {
     item.feed = itemFeed;
     item.user = itemUser;
     std::vector<PushNotice> notices;
+    if (s.ok() && !itemMedia.empty() &&
+        !std::filesystem::is_regular_file(std::filesystem::path(dataDir) / "media" / itemMedia)) {
+      spdlog::warn("{} is not in {}/media yet; devices will get 404 until it is", itemMedia,
+                   dataDir);
+    }
     if (s.ok()) s = store->AddItem(item, now, &notices);
     if (s.ok()) std::cout << "added " << item.uuid << ", " << notices.size() << " push notice(s)\n";
   } else if (setRule->parsed()) {
