@@ -46,15 +46,16 @@ struct ScriptedReply {
   int status = 200;
   std::string body;
   std::string contentType = "application/json";
-  bool silent = false;  // accept the request and never answer
+  bool silent = false;                                       // accept the request and never answer
+  std::vector<std::pair<std::string, std::string>> headers;  // extra response headers
 
   static ScriptedReply json(std::string body, int status = 200) {
-    return ScriptedReply{status, std::move(body), "application/json", false};
+    return ScriptedReply{status, std::move(body), "application/json", false, {}};
   }
   static ScriptedReply withStatus(int status) {
-    return ScriptedReply{status, "", "text/plain", false};
+    return ScriptedReply{status, "", "text/plain", false, {}};
   }
-  static ScriptedReply never() { return ScriptedReply{200, "", "text/plain", true}; }
+  static ScriptedReply never() { return ScriptedReply{200, "", "text/plain", true, {}}; }
 };
 
 class ScriptedHttpServer {
