@@ -25,7 +25,7 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using namespace std::chrono_literals;
 
-struct Run {
+struct Outcome {
   int status = -1;
   json doc;  // the command's JSON document (null when it printed none)
   std::string text;
@@ -42,8 +42,8 @@ class EndToEndTest : public ::testing::Test {
     fs::create_directories(serverData_);
     StartServer(/*port=*/0, /*generate=*/true);
     ASSERT_FALSE(url_.empty());
-    Run config = Zsm({"config", "--server", url_, "--user", "demo", "--key", "demo-public-key",
-                      "--secret", "demo-secret"});
+    Outcome config = Zsm({"config", "--server", url_, "--user", "demo", "--key", "demo-public-key",
+                          "--secret", "demo-secret"});
     ASSERT_EQ(config.status, 0) << config.text;
     deviceId_ = config.doc["device_id"].get<std::string>();
     // The sample items are hours old and a new device counts only what comes
@@ -77,8 +77,8 @@ class EndToEndTest : public ::testing::Test {
 
   int ServerPort() const { return std::stoi(url_.substr(url_.rfind(':') + 1)); }
 
-  Run Program(std::vector<std::string> args, const fs::path& log) {
-    Run run;
+  Outcome Program(std::vector<std::string> args, const fs::path& log) {
+    Outcome run;
     auto error = ChildProcess::run(args, log, 60s, &run.text, &run.status);
     EXPECT_FALSE(error) << error->describe();
     run.doc = json::parse(run.text, nullptr, false);
@@ -86,7 +86,7 @@ class EndToEndTest : public ::testing::Test {
     return run;
   }
 
-  Run Zsm(std::vector<std::string> args, const fs::path& device = {}) {
+  Outcome Zsm(std::vector<std::string> args, const fs::path& device = {}) {
     args.insert(args.begin(),
                 {ZSM_CLI_PROGRAM, "--data", (device.empty() ? device_ : device).string(), "--json",
                  "--timeout", "15"});
@@ -96,13 +96,13 @@ class EndToEndTest : public ::testing::Test {
   void Admin(std::vector<std::string> args) {
     args.insert(args.begin(), ZSM_SERVER_PROGRAM);
     args.insert(args.begin() + 2, {"--data", serverData_.string()});
-    Run run = Program(std::move(args), work_ / "admin.log");
+    Outcome run = Program(std::move(args), work_ / "admin.log");
     ASSERT_EQ(run.status, 0) << run.text;
   }
 
   // asset id -> item document, from `zsm items`.
   std::map<std::string, json> Items() {
-    Run run = Zsm({"items"});
+    Outcome run = Zsm({"items"});
     EXPECT_EQ(run.status, 0) << run.text;
     std::map<std::string, json> items;
     for (const auto& i : run.doc["items"]) items[i["asset_id"].get<std::string>()] = i;
@@ -117,17 +117,17 @@ class EndToEndTest : public ::testing::Test {
   }
 
   void Subscribe(const std::string& feed) {
-    Run run = Zsm({"subscribe", feed});
+    Outcome run = Zsm({"subscribe", feed});
     ASSERT_EQ(run.status, 0) << run.text;
   }
 
-  Run SyncWatch() {
-    Run run = Zsm({"sync", "--watch", "--watch-timeout", "25"});
+  Outcome SyncWatch() {
+    Outcome run = Zsm({"sync", "--watch", "--watch-timeout", "25"});
     EXPECT_EQ(run.status, 0) << run.text;
     return run;
   }
 
-  static std::set<std::string> AddedIds(const Run& run) {
+  static std::set<std::string> AddedIds(const Outcome& run) {
     std::set<std::string> ids;
     for (const auto& a : run.doc["events"]["added"]) ids.insert(a["asset_id"].get<std::string>());
     return ids;
@@ -141,11 +141,11 @@ class EndToEndTest : public ::testing::Test {
 TEST_F(EndToEndTest, SubscribeSyncAndDownload) {
   Subscribe("morning-news");
   Subscribe("feature-films");
-  Run subscriptions = Zsm({"subscriptions"});
+  Outcome subscriptions = Zsm({"subscriptions"});
   ASSERT_EQ(subscriptions.status, 0);
   EXPECT_EQ(subscriptions.doc["subscriptions"], json({"feature-films", "morning-news"}));
 
-  Run sync = SyncWatch();
+  Outcome sync = SyncWatch();
   EXPECT_TRUE(sync.doc["downloads"]["drained"].get<bool>());
   EXPECT_EQ(sync.doc["downloads"]["failed"], 0);
   EXPECT_EQ(AddedIds(sync), (std::set<std::string>{"news-0001", "news-0002", "news-0003",
@@ -167,13 +167,16 @@ TEST_F(EndToEndTest, SubscribeSyncAndDownload) {
     ASSERT_TRUE(fs::exists(file));
     EXPECT_EQ(fs::weakly_canonical(file).string().rfind(fs::weakly_canonical(device_).string(), 0),
               0u);
-    if (auto it = sizes.find(id); it != sizes.end()) EXPECT_EQ(fs::file_size(file), it->second);
+    if (auto it = sizes.find(id); it != sizes.end()) {
+      EXPECT_EQ(fs::file_size(file), it->second);
+    }
   }
-  // The stream obeyed the feed's bit-rate cap (1 Mbit/s): the 800 kbit/s rendition.
-  EXPECT_EQ(items["film-0001"]["bandwidth"], 800000);
+  // The default data source gives every item the largest bit rate, which takes
+  // precedence over the feed's cap: the stream gets the best rendition.
+  EXPECT_EQ(items["film-0001"]["bandwidth"], 1600000);
   EXPECT_EQ(items["welcome-0001"]["feed"], nullptr);
 
-  Run feeds = Zsm({"feeds"});
+  Outcome feeds = Zsm({"feeds"});
   ASSERT_EQ(feeds.status, 0);
   std::map<std::string, json> byFeed;
   for (const auto& f : feeds.doc["feeds"]) byFeed[f["feed"].get<std::string>()] = f;
@@ -189,7 +192,8 @@ TEST_F(EndToEndTest, RuleChangesTrimTheFeed) {
             (std::set<std::string>{"news-0001", "news-0002", "news-0003"}));
 
   // The device's own rule, given when subscribing again, applies at once.
-  Run resubscribe = Zsm({"subscribe", "morning-news", "--max-items", "2", "--autodelete", "on"});
+  Outcome resubscribe =
+      Zsm({"subscribe", "morning-news", "--max-items", "2", "--autodelete", "on"});
   ASSERT_EQ(resubscribe.status, 0) << resubscribe.text;
   EXPECT_EQ(resubscribe.doc["rules"]["max_items"], 2);
   EXPECT_EQ(FeedItems("morning-news"), (std::set<std::string>{"news-0002", "news-0003"}));
@@ -199,7 +203,7 @@ TEST_F(EndToEndTest, RuleChangesTrimTheFeed) {
   const std::string kept = Items()["news-0002"]["file"].get<std::string>();
   Admin({"set-rule", "--user", "demo", "--device", deviceId_, "--feed", "morning-news",
          "--max-assets", "1", "--auto-delete", "true"});
-  Run sync = SyncWatch();
+  Outcome sync = SyncWatch();
   EXPECT_EQ(sync.doc["events"]["deleted"].size(), 1u);
   EXPECT_EQ(FeedItems("morning-news"), (std::set<std::string>{"news-0003"}));
   EXPECT_FALSE(fs::exists(kept));
@@ -225,24 +229,24 @@ TEST_F(EndToEndTest, TamperedRequestsAreRefused) {
     ASSERT_EQ(Zsm(config, device).status, 0);
     ASSERT_EQ(Zsm({"settings", "set", "last-sync", "now-86400"}, device).status, 0);
 
-    Run subscribe = Zsm({"subscribe", "morning-news"}, device);
+    Outcome subscribe = Zsm({"subscribe", "morning-news"}, device);
     EXPECT_EQ(subscribe.status, 1);
     EXPECT_EQ(subscribe.doc["error"]["domain"], "ZolvaniSubscriptionManager");
     EXPECT_EQ(subscribe.doc["error"]["code"], -1);  // HTTP 403
 
-    Run sync = Zsm({"sync"}, device);
+    Outcome sync = Zsm({"sync"}, device);
     EXPECT_EQ(sync.status, 1);
     EXPECT_EQ(sync.doc["error"]["code"], -1);
     // Nothing was tracked or downloaded, and the refused sync did not move the
     // device's last-sync date.
-    Run feeds = Zsm({"feeds"}, device);
+    Outcome feeds = Zsm({"feeds"}, device);
     EXPECT_TRUE(feeds.doc["feeds"].empty());
-    Run settings = Zsm({"settings"}, device);
+    Outcome settings = Zsm({"settings"}, device);
     EXPECT_LT(settings.doc["last-sync"].get<double>(),
               static_cast<double>(std::time(nullptr)) - 80000);
   }
   // The genuine device is unaffected.
-  Run subscriptions = Zsm({"subscriptions"});
+  Outcome subscriptions = Zsm({"subscriptions"});
   EXPECT_EQ(subscriptions.status, 0);
 }
 
@@ -250,12 +254,12 @@ TEST_F(EndToEndTest, ServerStoppedMidSyncAndRestarted) {
   Subscribe("morning-news");
   Subscribe("feature-films");
   const int port = ServerPort();
-  Run settingsBefore = Zsm({"settings"});
+  Outcome settingsBefore = Zsm({"settings"});
 
   // The server goes away: the sync fails with one clear error and changes nothing.
   server_->terminate(5s);
   server_.reset();
-  Run failed = Zsm({"sync"});
+  Outcome failed = Zsm({"sync"});
   EXPECT_EQ(failed.status, 1);
   EXPECT_TRUE(failed.doc["error"].is_object()) << failed.text;
   EXPECT_EQ(Zsm({"settings"}).doc["last-sync"], settingsBefore.doc["last-sync"]);
@@ -264,7 +268,7 @@ TEST_F(EndToEndTest, ServerStoppedMidSyncAndRestarted) {
   // Back again: a sync queues the downloads and the host exits before they are
   // all done; the server stops once more while they wait.
   StartServer(port, /*generate=*/false);
-  Run queued = Zsm({"sync"});
+  Outcome queued = Zsm({"sync"});
   ASSERT_EQ(queued.status, 0) << queued.text;
   EXPECT_EQ(AddedIds(queued).size(), 5u);
   server_->terminate(5s);
@@ -272,7 +276,7 @@ TEST_F(EndToEndTest, ServerStoppedMidSyncAndRestarted) {
 
   // Once it is back the next run finishes every download, each asset once.
   StartServer(port, /*generate=*/false);
-  Run resumed = SyncWatch();
+  Outcome resumed = SyncWatch();
   EXPECT_TRUE(AddedIds(resumed).empty());
   EXPECT_EQ(resumed.doc["downloads"]["failed"], 0);
   auto items = Items();
@@ -282,10 +286,10 @@ TEST_F(EndToEndTest, ServerStoppedMidSyncAndRestarted) {
 
 TEST_F(EndToEndTest, LaterSyncsDownloadOnlyWhatIsNew) {
   Subscribe("morning-news");
-  Run first = SyncWatch();
+  Outcome first = SyncWatch();
   ASSERT_EQ(AddedIds(first).size(), 4u);  // three news items and the direct welcome item
 
-  Run again = SyncWatch();
+  Outcome again = SyncWatch();
   EXPECT_TRUE(AddedIds(again).empty());
   EXPECT_EQ(Items().size(), 4u);
 
@@ -293,51 +297,61 @@ TEST_F(EndToEndTest, LaterSyncsDownloadOnlyWhatIsNew) {
   // publishes a direct item with a push update.
   Admin({"add-item", "--feed", "morning-news", "--uuid", "news-0004", "--media",
          "files/morning-news-2.mp4", "--title", "Morning News 4"});
-  Run publish = Zsm({"publish", "--title", "Clip", "--url", url_ + "/media/files/welcome.mp4"});
+  Outcome publish = Zsm({"publish", "--title", "Clip", "--desc", "A clip from the device", "--url",
+                         url_ + "/media/files/welcome.mp4"});
   ASSERT_EQ(publish.status, 0) << publish.text;
-  const std::string clip = publish.doc["item"]["uuid"].get<std::string>();
 
-  Run later = SyncWatch();
-  EXPECT_EQ(AddedIds(later), (std::set<std::string>{"news-0004", clip}));
+  Outcome later = SyncWatch();
+  const auto added = AddedIds(later);
+  EXPECT_EQ(added.size(), 2u);
+  EXPECT_EQ(added.count("news-0004"), 1u);
   EXPECT_TRUE(later.doc["events"]["deleted"].empty());  // five allowed, four held
   auto items = Items();
   EXPECT_EQ(items.size(), 6u);
-  EXPECT_EQ(items[clip]["state"], "complete");
+  int clips = 0;
+  for (const auto& [id, item] : items) {
+    if (item["description"] != "A clip from the device") continue;
+    ++clips;
+    EXPECT_EQ(added.count(id), 1u);
+    EXPECT_EQ(item["state"], "complete");
+    EXPECT_EQ(item["feed"], nullptr);
+  }
+  EXPECT_EQ(clips, 1);
 }
 
 TEST_F(EndToEndTest, BackgroundWakesSyncAndAnswer) {
   // A fetch with a subscription answers "new data" (the rule looks at the
   // subscription list, not at what arrived).
   Subscribe("morning-news");
-  Run fetch = Zsm({"wake", "fetch", "--watch"});
+  Outcome fetch = Zsm({"wake", "fetch", "--watch"});
   ASSERT_EQ(fetch.status, 0) << fetch.text;
   EXPECT_EQ(fetch.doc["answer_name"], "new-data");
   EXPECT_EQ(fetch.doc["events"]["added"].size(), 4u);
 
   // A push that does not ask for a sync is left unanswered.
-  Run quiet = Zsm({"wake", "push", "--no-sync"});
+  Outcome quiet = Zsm({"wake", "push", "--no-sync"});
   ASSERT_EQ(quiet.status, 0) << quiet.text;
   EXPECT_FALSE(quiet.doc["accepted"].get<bool>());
   EXPECT_EQ(quiet.doc["answer"], nullptr);
 
   // Without subscriptions the fetch finds no data.
   ASSERT_EQ(Zsm({"unsubscribe", "--all"}).status, 0);
-  Run empty = Zsm({"wake", "fetch"});
+  Outcome empty = Zsm({"wake", "fetch"});
   EXPECT_EQ(empty.doc["answer_name"], "no-data");
   EXPECT_TRUE(Items().count("news-0001") == 0);  // unsubscribing removed the feed's assets
 }
 
 TEST_F(EndToEndTest, UsageAndConfigurationErrorsAreOneLine) {
   const fs::path fresh = work_ / "unconfigured";
-  Run sync = Zsm({"sync"}, fresh);
+  Outcome sync = Zsm({"sync"}, fresh);
   EXPECT_EQ(sync.status, 1);
   EXPECT_EQ(sync.doc["error"]["domain"], "zsm");
   EXPECT_EQ(sync.doc["error"]["code"], 2);  // not configured
 
-  Run bad = Zsm({"settings", "set", "max-items", "lots"});
+  Outcome bad = Zsm({"settings", "set", "max-items", "lots"});
   EXPECT_EQ(bad.status, 1);
   EXPECT_EQ(bad.doc["error"]["code"], 1);
-  Run unknownFeed = Zsm({"subscribe", "no-such-feed"});
+  Outcome unknownFeed = Zsm({"subscribe", "no-such-feed"});
   EXPECT_EQ(unknownFeed.status, 1);
   EXPECT_EQ(unknownFeed.doc["error"]["domain"], "ZolvaniSubscriptionManager");
 }

@@ -27,6 +27,7 @@ std::optional<Error> openHost(const CommandContext& context,
 std::optional<Error> runToCompletion(HostRuntime& host,
                                      const std::function<void(std::function<void()>)>& start,
                                      std::chrono::milliseconds timeout, const std::string& what) {
+  host.waitForFreshSecond();
   auto finished = std::make_shared<bool>(false);
   start([finished] { *finished = true; });
   if (!host.pumpUntil([finished] { return *finished; }, timeout)) {

@@ -219,6 +219,7 @@ int runDemo(const CommandContext& context, const DemoOptions& options, const cha
                             "Morning News 4 &amp; more", "--mime", "video/mp4"}))
       return out.fail(*error);
     say("  added news-0004 to morning-news");
+    host->waitForFreshSecond();
     const std::size_t mark = host->logMark();
     Value::Map clip{{"title", Value("Clip from this device")},
                     {"desc", Value("Published with a push update")},

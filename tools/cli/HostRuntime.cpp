@@ -1,5 +1,6 @@
 #include "HostRuntime.h"
 
+#include <cmath>
 #include <cstdio>
 #include <utility>
 
@@ -45,6 +46,9 @@ class HostRuntime::CapturingLogger final : public ZolvaniLoggerWrapper {
 };
 
 namespace {
+
+// The host's own user-defaults key: the whole second of this device's last run.
+constexpr std::string_view kLastRequestSecondKey = "ZSMHost_LastRequestSecond";
 
 // The application state a one-shot command presents to the manager: not the
 // active foreground, so start-up does no server work of its own.
@@ -276,6 +280,10 @@ HostRuntime::~HostRuntime() {
   // Let the processing queue's last posts reach the main queue, then stop the
   // transfers; partial files stay for the next run to resume.
   if (engine_) engine_->stop();
+  if (!requested_ || !roles_.secureClock) return;
+  const auto second =
+      static_cast<std::int64_t>(std::floor(roles_.secureClock->date().secondsSince1970));
+  platform_.userDefaults->setInteger(kLastRequestSecondKey, second);
   platform_.userDefaults->synchronize();
 }
 
@@ -321,6 +329,19 @@ void HostRuntime::observeManager() {
         std::lock_guard lock(mutex_);
         events_.statuses.push_back(status);
       }));
+}
+
+void HostRuntime::waitForFreshSecond() {
+  auto second = [this] {
+    return static_cast<std::int64_t>(std::floor(roles_.secureClock->date().secondsSince1970));
+  };
+  std::int64_t last = platform_.userDefaults->integerForKey(kLastRequestSecondKey);
+  // Bounded: the clock moves on within a second (and a clock set back is not
+  // waited for).
+  for (int i = 0; i < 30 && second() <= last && last - second() < 2; ++i)
+    platform_.mainQueue->runFor(std::chrono::milliseconds(50));
+  platform_.userDefaults->setInteger(kLastRequestSecondKey, second());
+  requested_ = true;
 }
 
 void HostRuntime::record(const std::string& line) {

@@ -95,6 +95,13 @@ class HostRuntime {
   std::size_t logMark() const;
   std::vector<LogLine> logSince(std::size_t mark) const;
 
+  // Waits, if needed, until the request clock has moved past the second of the
+  // last request this device sent (from this or an earlier run). Requests carry
+  // a timestamp in whole seconds and no nonce, so two identical requests in one
+  // second are indistinguishable from a replay and the server refuses the second.
+  // Call before each request.
+  void waitForFreshSecond();
+
   // The feed identifiers that have a tracking record in the store.
   std::vector<std::string> trackedFeeds();
 
@@ -111,6 +118,7 @@ class HostRuntime {
   zolvani::ZolvaniEngine roles_;
   std::shared_ptr<zolvani::ZolvaniSubscriptionManager> manager_;
   std::vector<zolvani::NotificationCenter::Token> observers_;
+  bool requested_ = false;  // whether this run sent a request
 
   mutable std::mutex mutex_;
   HostEvents events_;

@@ -99,6 +99,8 @@ int runUnsubscribe(const CommandContext& context, const UnsubscribeOptions& opti
       out.line("no subscriptions to remove");
       return 0;
     }
+    // The operation looks the list up again; runToCompletion waits for a new
+    // second so that the server does not take it for a replay of the lookup above.
     waited = runToCompletion(
         *host,
         [&](std::function<void()> done) {
@@ -230,6 +232,7 @@ int runPublish(const CommandContext& context, const PublishOptions& options) {
   if (options.downloadEnabled) put("downloadEnabled", *options.downloadEnabled);
   if (options.contentType) put("contentType", *options.contentType);
 
+  host->waitForFreshSecond();
   const std::size_t mark = host->logMark();
   host->manager().generatePushUpdate(item);
   PushOutcome outcome;
@@ -242,6 +245,8 @@ int runPublish(const CommandContext& context, const PublishOptions& options) {
   if (!outcome.finished)
     return out.fail(cliError(kCliErrorTimeout, "the push update got no answer in time"));
   if (!outcome.ok) return out.fail(*outcome.error);
+  // The server names the item; it reaches this device as a direct item at the
+  // next sync.
   out.document({{"ok", true}, {"item", valueJson(Value(item))}});
   out.line("published \"" + options.title + "\"; the server notifies the subscribed devices");
   return 0;

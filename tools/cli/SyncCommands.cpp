@@ -157,6 +157,7 @@ int runWake(const CommandContext& context, const WakeOptions& options) {
   auto completion = [answer, mainQueue](BackgroundFetchResult r) {
     mainQueue->async([answer, r] { *answer = r; });
   };
+  host->waitForFreshSecond();
   if (options.push) {
     Value::Map payload{{"subscription_sync", Value(options.subscriptionSync)}};
     accepted = host->manager().canProcessRemotePushNotice(payload);
