@@ -97,7 +97,7 @@ TEST(StoreConcurrencyTest, FeedsStayConsistentWhateverTheInterleaving) {
   for (int t = 0; t < 3; ++t) {
     threads.emplace_back([&, t] {
       std::mt19937 rng(100 + t);
-      for (int i = 0; i < 120; ++i) {
+      for (int i = 0; i < 200; ++i) {
         const std::string& feed = rules[rng() % rules.size()].feed;
         auto a = makeAsset(feed, rng);
         if (h.store->canAddItem(a, feed)) {
@@ -180,12 +180,18 @@ TEST(StoreConcurrencyTest, FeedsStayConsistentWhateverTheInterleaving) {
 
   // Every UUID announced or deleted belonged to a feed; addItem's drops to
   // the feed they were added to.
-  for (const auto& list : h.deletedAnnouncements())
+  const auto deletedLists = h.deletedAnnouncements();
+  const auto addedLists = h.addedAnnouncements();
+  // The run must have exercised the paths it is about.
+  EXPECT_FALSE(deletedLists.empty());
+  EXPECT_FALSE(addedLists.empty());
+  EXPECT_FALSE(dropped.empty());
+  for (const auto& list : deletedLists)
     for (const auto& uuid : list) EXPECT_TRUE(owners.ownerOf(uuid).has_value()) << uuid;
   for (const auto& [uuid, reason] : h.deletions())
     EXPECT_TRUE(owners.ownerOf(uuid).has_value()) << uuid;
   for (const auto& [feed, uuid] : dropped) EXPECT_EQ(owners.ownerOf(uuid), feed) << uuid;
-  for (const auto& list : h.addedAnnouncements())
+  for (const auto& list : addedLists)
     for (const auto& uuid : list) EXPECT_TRUE(owners.ownerOf(uuid).has_value()) << uuid;
 
   // Once quiet, one more promotion leaves no feed that has room with items
