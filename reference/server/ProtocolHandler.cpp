@@ -137,13 +137,27 @@ ProtocolReply ProtocolHandler::Handle(const ProtocolRequest& request) {
                  input.header.deviceId, RequestAuthenticator::Describe(verdict));
     return Forbidden(RequestAuthenticator::Describe(verdict));
   }
-  Status s = store_->TouchDevice(input.header.userId, input.header.deviceId, nowMs);
+  Status s = TouchDevice(input.header, nowMs);
   if (!s.ok()) return InternalError(s);
   ProtocolReply reply = Dispatch(request, body, input.header, nowMs);
   spdlog::debug("{} from {}/{}: HTTP {} code {}", request.endpoint, input.header.userId,
                 input.header.deviceId, reply.httpStatus,
                 reply.body["response_header"].value("response_code", 0));
   return reply;
+}
+
+Status ProtocolHandler::TouchDevice(const RequestHeader& header, int64_t nowMs) {
+  constexpr int64_t kRecordEveryMs = 60 * 1000;
+  const std::string id = header.userId + "\n" + header.deviceId;
+  {
+    std::lock_guard lock(seenMutex_);
+    auto [it, inserted] = lastSeenMs_.try_emplace(id, nowMs);
+    if (!inserted) {
+      if (nowMs - it->second < kRecordEveryMs && nowMs >= it->second) return Status::OK();
+      it->second = nowMs;
+    }
+  }
+  return store_->TouchDevice(header.userId, header.deviceId, nowMs);
 }
 
 ProtocolReply ProtocolHandler::Dispatch(const ProtocolRequest& request, const json& body,

@@ -8,7 +8,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 
 #include <nlohmann/json.hpp>
 
@@ -60,9 +62,15 @@ class ProtocolHandler {
   ProtocolReply Catalog(const nlohmann::json& body, const RequestHeader& header,
                         const std::string& serverUrl, int64_t nowMs);
 
+  // Records the device as seen, at most once a minute per device, so that a busy
+  // device does not turn every read into a write.
+  Status TouchDevice(const RequestHeader& header, int64_t nowMs);
+
   ContentStore* store_;
   RequestAuthenticator auth_;
   std::function<int64_t()> clockMs_;
+  std::mutex seenMutex_;
+  std::unordered_map<std::string, int64_t> lastSeenMs_;  // "user\ndevice" -> last recorded
 };
 
 }  // namespace zolvani::refserver
