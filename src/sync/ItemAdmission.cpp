@@ -148,7 +148,9 @@ void ItemAdmission::processFeeds(const std::shared_ptr<ZolvaniSubscriptionManage
   }
 
   Value::Array added, deferred, deleted;
-  for (const auto& [feed, feedItems] : feeds) {
+  for (const auto& entry : feeds) {
+    const std::string& feed = entry.first;
+    const Value& feedItems = entry.second;
     manager->logString(fmt::format("Checking on feed({})", feed), 4);
     const bool subscribed =
         subscriptions &&
