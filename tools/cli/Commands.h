@@ -124,7 +124,9 @@ nlohmann::json eventsJson(const HostEvents& events);
 struct DemoOptions {
   std::string serverProgram;  // zsm-server; found next to zsm when empty
   std::string workFolder;     // a new temporary folder when empty
-  bool keep = true;           // keep the files at the end
+  // Bytes per second per connection on the link between device and server, so
+  // that downloads take long enough to watch; 0 connects them directly.
+  std::uint64_t linkRate = 160 * 1024;
 };
 int runDemo(const CommandContext& context, const DemoOptions& options, const char* argv0);
 

@@ -15,6 +15,7 @@
 #include "CliError.h"
 #include "Commands.h"
 #include "ProgressBoard.h"
+#include "ThrottledLink.h"
 #include "zolvani/subscription/Constants.h"
 #include "zolvani/subscription/platform/Platform.h"
 
@@ -130,8 +131,19 @@ int runDemo(const CommandContext& context, const DemoOptions& options, const cha
     return out.fail(cliError(kCliErrorServerProgram,
                              "the content server did not start; see " + serverLog.string()));
   }
-  const std::string url = listening->substr(std::string("listening on ").size());
-  say("  " + serverProgram + " serves " + url + " (pid " + std::to_string(server->pid()) + ")");
+  const std::string serverUrl = listening->substr(std::string("listening on ").size());
+  say("  " + serverProgram + " serves " + serverUrl + " (pid " + std::to_string(server->pid()) +
+      ")");
+  std::string url = serverUrl;
+  std::unique_ptr<ThrottledLink> link;
+  if (options.linkRate > 0) {
+    link = std::make_unique<ThrottledLink>(std::stoi(serverUrl.substr(serverUrl.rfind(':') + 1)),
+                                           options.linkRate);
+    if (auto error = link->start()) return out.fail(*error);
+    url = "http://127.0.0.1:" + std::to_string(link->port());
+    say("  the device reaches it through a link of " + std::to_string(options.linkRate / 1024) +
+        " KiB/s per connection at " + url + " (--link-rate 0 for full speed)");
+  }
   auto admin = [&](std::vector<std::string> args) -> std::optional<Error> {
     args.insert(args.begin(), serverProgram);
     args.insert(args.begin() + 2, {"--data", serverData.string()});
@@ -240,7 +252,9 @@ int runDemo(const CommandContext& context, const DemoOptions& options, const cha
     say(published ? "  the clip was published; the server notifies the subscribed devices"
                   : "  the clip could not be published (see the engine log)");
 
-    step(7, "Syncing again: morning-news keeps 3 items, so its oldest goes");
+    step(7,
+         "Syncing again: morning-news keeps 3 downloaded items, so once Morning News 4 is in, "
+         "the oldest goes");
     const std::size_t deletedBefore = host->events().deleted.size();
     if (auto error = syncAndWatch(*host, context.timeout)) return out.fail(*error);
     showLibrary(*host);
@@ -257,6 +271,7 @@ int runDemo(const CommandContext& context, const DemoOptions& options, const cha
   }
 
   step(8, "Stopping");
+  if (link) link->stop();
   server->terminate(std::chrono::seconds(5));
   say("  server stopped");
   const auto seconds =

@@ -269,6 +269,7 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
       std::make_shared<PreparingAwareSessions>(rt->roles_.sessionHelper, preparing);
 
   rt->manager_ = ZolvaniSubscriptionManager::create(ManagerEnvironment{rt->roles_, rt->platform_});
+  for (const auto& a : rt->engine_->listAssets()) rt->assetIds_[a.uuid] = a.assetID;
   rt->observeManager();
   rt->manager_->internalStartup();
   *out = std::move(rt);
@@ -295,6 +296,7 @@ void HostRuntime::observeManager() {
         auto notes = assetsOf(n);
         for (const auto& a : notes) record("added: " + a.assetID + " (" + a.description + ")");
         std::lock_guard lock(mutex_);
+        for (const auto& a : notes) assetIds_[a.uuid] = a.assetID;
         events_.added.insert(events_.added.end(), notes.begin(), notes.end());
       }));
   observers_.push_back(center.addObserver(
@@ -309,8 +311,7 @@ void HostRuntime::observeManager() {
   observers_.push_back(center.addObserver(std::string(kSubscriptionManagerAssetDeletedNotification),
                                           main, [this](const Notification& n) {
                                             auto uuids = uuidsOf(n);
-                                            for (const auto& u : uuids)
-                                              record("deleted: asset " + u);
+                                            for (const auto& u : uuids) record(deletedLine(u));
                                             std::lock_guard lock(mutex_);
                                             events_.deleted.insert(events_.deleted.end(),
                                                                    uuids.begin(), uuids.end());
@@ -342,6 +343,16 @@ void HostRuntime::waitForFreshSecond() {
     platform_.mainQueue->runFor(std::chrono::milliseconds(50));
   platform_.userDefaults->setInteger(kLastRequestSecondKey, second());
   requested_ = true;
+}
+
+std::string HostRuntime::deletedLine(const std::string& uuid) {
+  std::string name;
+  {
+    std::lock_guard lock(mutex_);
+    auto it = assetIds_.find(uuid);
+    if (it != assetIds_.end()) name = it->second;
+  }
+  return "deleted: " + (name.empty() ? "asset " + uuid : name + " (asset " + uuid + ")");
 }
 
 void HostRuntime::record(const std::string& line) {

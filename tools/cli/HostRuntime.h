@@ -22,6 +22,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -111,6 +112,7 @@ class HostRuntime {
   HostRuntime() = default;
   void observeManager();
   void record(const std::string& line);
+  std::string deletedLine(const std::string& uuid);
 
   HostOptions options_;
   zolvani::Platform platform_;
@@ -122,6 +124,7 @@ class HostRuntime {
 
   mutable std::mutex mutex_;
   HostEvents events_;
+  std::map<std::string, std::string> assetIds_;  // asset UUID -> asset ID, for deletions
   EventListener listener_;
   std::shared_ptr<CapturingLogger> logger_;
 };

@@ -161,6 +161,9 @@ int main(int argc, char** argv) {
   demo->add_option("--server-program", demoOptions.serverProgram, "path of zsm-server");
   demo->add_option("--folder", demoOptions.workFolder,
                    "work folder (a new temporary one by default)");
+  demo->add_option("--link-rate", demoOptions.linkRate,
+                   "bytes per second between device and server (0: unlimited)")
+      ->capture_default_str();
   demo->callback([&] { action = [&] { return runDemo(context, demoOptions, argv[0]); }; });
 
   try {
