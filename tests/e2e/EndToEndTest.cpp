@@ -212,21 +212,23 @@ TEST_F(EndToEndTest, RuleChangesTrimTheFeed) {
 TEST_F(EndToEndTest, TamperedRequestsAreRefused) {
   struct Case {
     const char* name;
-    std::vector<std::string> config;
+    const char* user;
+    const char* key;
+    const char* secret;
   };
   const Case cases[] = {
-      {"wrong secret", {"--secret", "not-the-secret"}},
-      {"wrong public key", {"--key", "someone-elses-key"}},
-      {"unknown user", {"--user", "mallory"}},
+      {"wrong secret", "demo", "demo-public-key", "not-the-secret"},
+      {"wrong public key", "demo", "someone-elses-key", "demo-secret"},
+      {"unknown user", "mallory", "demo-public-key", "demo-secret"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const fs::path device = work_ / (std::string("device-") + c.name);
-    std::vector<std::string> config = {"config",          "--server", url_,
-                                       "--user",          "demo",     "--key",
-                                       "demo-public-key", "--secret", "demo-secret"};
-    config.insert(config.end(), c.config.begin(), c.config.end());
-    ASSERT_EQ(Zsm(config, device).status, 0);
+    ASSERT_EQ(
+        Zsm({"config", "--server", url_, "--user", c.user, "--key", c.key, "--secret", c.secret},
+            device)
+            .status,
+        0);
     ASSERT_EQ(Zsm({"settings", "set", "last-sync", "now-86400"}, device).status, 0);
 
     Outcome subscribe = Zsm({"subscribe", "morning-news"}, device);
