@@ -1,5 +1,7 @@
 // Asset creation: one admitted asset-data map becomes an engine asset, queued
 // for download once the engine has prepared it.
+#include <utility>
+
 #include <fmt/format.h>
 
 #include "manager/LogFormat.h"
@@ -66,9 +68,17 @@ std::shared_ptr<ZolvaniAsset> ZolvaniSubscriptionManager::addSubscriptionItemFro
   if (const Value* v = given(item, SubscriptionAssetDataUserInfoKey); v && v->isMap())
     userInfo = *v->asMap();
 
-  // The callbacks hold the manager weakly: the engine keeps them for as long as
-  // the asset lives, and must not keep a released manager alive through them.
+  // The callbacks hold the manager weakly, and let go of the data source once
+  // they have run: an engine may keep them for as long as the asset lives, and
+  // the data source holds engine roles, which would otherwise close a cycle
+  // through the engine's own assets.
   std::weak_ptr<ZolvaniSubscriptionManager> weak = weak_from_this();
+  auto sourceSlot =
+      std::make_shared<std::shared_ptr<ZolvaniSubscriptionDataSource>>(withDataSource);
+  auto takeSource =
+      [](const std::shared_ptr<std::shared_ptr<ZolvaniSubscriptionDataSource>>& slot) {
+        return std::exchange(*slot, nullptr);
+      };
   std::shared_ptr<ZolvaniAsset> asset;
   if (mediaType == kManifestMediaType) {
     // The feed's limit is asked for by the asset ID; an explicit bit rate in the
@@ -79,8 +89,9 @@ std::shared_ptr<ZolvaniAsset> ZolvaniSubscriptionManager::addSubscriptionItemFro
     logString(
         fmt::format("Adding new asset from feed item data:\n\n{}\n\n", Value(item).describe()), 4);
 
-    AssetReadyCallback ready = [weak, inFeed,
-                                withDataSource](std::shared_ptr<ZolvaniAsset> readyAsset) {
+    AssetReadyCallback ready = [weak, inFeed, sourceSlot,
+                                takeSource](std::shared_ptr<ZolvaniAsset> readyAsset) {
+      auto withDataSource = takeSource(sourceSlot);
       auto self = weak.lock();
       if (!self || !readyAsset) return;
       const ZolvaniEngine& engine = self->env_.engine;
@@ -115,8 +126,9 @@ std::shared_ptr<ZolvaniAsset> ZolvaniSubscriptionManager::addSubscriptionItemFro
     logString(
         fmt::format("Adding new asset from feed item data:\n\n{}\n\n", Value(item).describe()), 4);
 
-    AssetReadyCallback ready = [weak, inFeed,
-                                withDataSource](std::shared_ptr<ZolvaniAsset> readyAsset) {
+    AssetReadyCallback ready = [weak, inFeed, sourceSlot,
+                                takeSource](std::shared_ptr<ZolvaniAsset> readyAsset) {
+      auto withDataSource = takeSource(sourceSlot);
       auto self = weak.lock();
       if (!self || !readyAsset) return;
       if (!self->canAddItem(readyAsset, inFeed)) return;
