@@ -175,7 +175,9 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
   std::shared_ptr<ReferenceAsset> findByAssetID(std::string_view assetID) const;
   void deleteAsset(const std::string& uuid, std::int64_t reason,
                    std::function<void(bool, std::optional<Error>)> onComplete);
+  // Writes a live asset's fields; false for a deleted asset or on failure.
   bool persist(const AssetFields& fields);
+  bool writeAsset(const AssetFields& fields);
   AssetInfo info(const AssetFields& fields) const;
   std::vector<AssetInfo> listAssets() const;
 

@@ -198,7 +198,7 @@ std::optional<Error> ReferenceEngine::Impl::reconcile() {
   std::sort(queued.begin(), queued.end());
   queue_.clear();
   for (auto& [pos, uuid] : queued) queue_.push_back(uuid);
-  for (const auto& f : changed) persist(f);
+  for (const auto& f : changed) writeAsset(f);
   return std::nullopt;
 }
 
@@ -217,6 +217,14 @@ void ReferenceEngine::Impl::setMetaValue(const std::string& key, const std::stri
 }
 
 bool ReferenceEngine::Impl::persist(const AssetFields& f) {
+  // Checked and written under the engine's lock, so that a late write from a
+  // transfer or a caller never brings a deleted asset's row back.
+  std::lock_guard l(mutex_);
+  if (!assets_.count(f.uuid)) return false;
+  return writeAsset(f);
+}
+
+bool ReferenceEngine::Impl::writeAsset(const AssetFields& f) {
   std::lock_guard l(db.mutex());
   Statement s(
       db,
@@ -254,7 +262,7 @@ std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::createAsset(AssetFields f
     std::lock_guard l(mutex_);
     f.seq = nextSeq_++;
   }
-  if (!persist(f)) return nullptr;
+  if (!writeAsset(f)) return nullptr;
   auto asset = std::make_shared<ReferenceAsset>(weak_from_this(), f);
   {
     std::lock_guard l(mutex_);

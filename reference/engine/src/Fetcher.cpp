@@ -139,9 +139,11 @@ bool beginBody(Transfer* t, CURL* curl) {
     return false;
   }
   t->expectedTotal = t->contentLength ? t->offset + *t->contentLength : 0;
-  if (t->contentLength && !r.spaceProbe.empty()) {
+  if (!r.spaceProbe.empty()) {
+    // Refused before the first byte is written: the body (when its length is
+    // known) and the margin must both fit.
     auto free = freeBytes(r.spaceProbe);
-    if (free && *free < *t->contentLength + r.freeSpaceMargin) {
+    if (free && *free < t->contentLength.value_or(0) + r.freeSpaceMargin) {
       t->abort = Abort::kNoSpace;
       return false;
     }
