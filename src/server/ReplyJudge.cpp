@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -21,10 +23,29 @@ Error ReplyJudge::error(std::int64_t code, std::string description) {
   return Error::make(std::string(kSubscriptionManagerErrorDomain), code, std::move(description));
 }
 
+namespace {
+
+// True when `value` nests arrays and objects deeper than `limit`; walks with a
+// stack of its own, so hostile nesting cannot exhaust the thread's stack here.
+bool nestsDeeperThan(const nlohmann::json& value, std::size_t limit) {
+  std::vector<std::pair<const nlohmann::json*, std::size_t>> pending{{&value, 0}};
+  while (!pending.empty()) {
+    auto [node, depth] = pending.back();
+    pending.pop_back();
+    if (!node->is_structured()) continue;
+    if (depth >= limit) return true;
+    for (const auto& child : *node) pending.emplace_back(&child, depth + 1);
+  }
+  return false;
+}
+
+}  // namespace
+
 nlohmann::json ReplyJudge::parse(const std::optional<std::string>& body) {
   if (!body || body->empty()) return nullptr;
   nlohmann::json parsed = nlohmann::json::parse(*body, nullptr, /*allow_exceptions=*/false);
-  return parsed.is_discarded() ? nlohmann::json() : parsed;
+  if (parsed.is_discarded() || nestsDeeperThan(parsed, kMaxReplyNesting)) return nullptr;
+  return parsed;
 }
 
 namespace {

@@ -11,7 +11,9 @@
 // a body that is not JSON, or lacks "response_header", reads as code 0; a
 // "response_code" that is a float truncates toward zero, a numeric string reads
 // as its number, any other type reads as 0; the code is then narrowed to a
-// signed 32-bit integer. Nothing in here throws.
+// signed 32-bit integer. A reply nested deeper than kMaxReplyNesting reads as
+// not JSON, so that no later reader recurses itself to death on it. Nothing in
+// here throws.
 //
 // Thread-safety: immutable after construction; judge() may run on any thread
 // (the library calls it on the main queue, where its status reports belong).
@@ -109,6 +111,8 @@ class ReplyJudge {
 
   // An error of the library's own domain.
   static Error error(std::int64_t code, std::string description);
+
+  static constexpr std::size_t kMaxReplyNesting = 128;
 
   // Lenient readings of a parsed reply (see the file comment).
   static nlohmann::json parse(const std::optional<std::string>& body);

@@ -24,7 +24,8 @@ enum class Behaviour {
   k403,
   k404,
   k401,
-  k500
+  k500,
+  kRedirect
 };
 
 struct EndpointCase {
@@ -98,6 +99,8 @@ TEST(ReplyRulesTest, EveryEndpointJudgesEveryKindOfReply) {
       {Behaviour::k404, ScriptedReply::withStatus(404)},
       {Behaviour::k401, ScriptedReply::withStatus(401)},
       {Behaviour::k500, ScriptedReply::withStatus(500)},
+      // A redirect is a refusal; following it would land on a 200.
+      {Behaviour::kRedirect, ScriptedReply::withStatus(302)},
   };
   for (const EndpointCase& ep : endpoints()) {
     for (const Row& row : rows) {
@@ -115,6 +118,11 @@ TEST(ReplyRulesTest, EveryEndpointJudgesEveryKindOfReply) {
         lb.bed.transport = nullptr;
         lb.bed.createManager();
         if (!ep.hasCompletion) startWithoutServerWork(lb);
+      } else if (row.behaviour == Behaviour::kRedirect) {
+        ScriptedReply redirect = row.reply;
+        redirect.headers.emplace_back("Location", lb.server.baseUrl() + "/elsewhere");
+        lb.server.enqueue(redirect);
+        lb.server.setFallback(ScriptedReply::json(R"({"response_header":{"response_code":0}})"));
       } else {
         lb.server.enqueue(row.reply);
       }
@@ -175,6 +183,9 @@ TEST(ReplyRulesTest, EveryEndpointJudgesEveryKindOfReply) {
           code = -3;
           break;
         case Behaviour::k500:
+          code = -3;
+          break;
+        case Behaviour::kRedirect:
           code = -3;
           break;
       }
@@ -247,6 +258,11 @@ TEST(ReplyRulesTest, WronglyTypedRepliesReadLeniently) {
   };
   for (const Case& c : cases)
     EXPECT_EQ(ReplyJudge::responseCode(ReplyJudge::parse(std::string(c.body))), c.code) << c.body;
+  // Hostile nesting reads as a body that is not JSON, without exhausting the stack.
+  const std::string deep = R"({"response_header":{"response_code":5},"x":)" +
+                           std::string(100000, '[') + std::string(100000, ']') + "}";
+  EXPECT_TRUE(ReplyJudge::parse(deep).is_null());
+  EXPECT_EQ(ReplyJudge::responseCode(ReplyJudge::parse(deep)), 0);
 
   // Over the wire: a numeric-text code with a numeric text fails with that code,
   // and a "subscriptions" that is not an array reads as none.

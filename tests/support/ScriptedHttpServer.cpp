@@ -57,6 +57,7 @@ ScriptedHttpServer::ScriptedHttpServer() : server_(std::make_unique<httplib::Ser
       return;
     }
     res.status = reply.status;
+    for (const auto& [name, value] : reply.headers) res.set_header(name.c_str(), value);
     res.set_content(reply.body, reply.contentType.c_str());
   };
   server_->Post(".*", serve);
