@@ -187,6 +187,38 @@ TEST_F(DownloadTest, TransfersWaitWhileOfflineAndRunWhenBack) {
   EXPECT_EQ(waitForAsset(*engine, asset->uuid()).state, AssetState::kComplete);
 }
 
+TEST_F(DownloadTest, GoingOfflineMidTransferPausesAndResumesWhereItStopped) {
+  const std::string body = patternBytes(1024 * 1024, 11);
+  MediaRoute route;
+  route.body = std::make_shared<const std::string>(body);
+  route.chunk = 16384;
+  route.pause = std::chrono::microseconds(5000);
+  server.set("/pause.mp4", route);
+  auto asset = makeFileAsset(*engine, server.url("/pause.mp4"), "pause");
+  engine->roles().downloadEngine->addToQueue(asset, kQueueIndexAppend, nullptr);
+  for (int i = 0; i < 1000 && engine->assetInfo(asset->uuid())->bytesDone < 100000; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  engine->setReachabilityOverride(false);
+  auto transferring = [&] {
+    return !engine->roles().sessionHelper->zfm_processingAssets().empty();
+  };
+  for (int i = 0; i < 400 && transferring(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  auto paused = *engine->assetInfo(asset->uuid());
+  EXPECT_EQ(paused.state, AssetState::kQueued);  // paused, not failed
+  EXPECT_FALSE(transferring());
+  const std::size_t requests = server.requestsFor("/pause.mp4").size();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(server.requestsFor("/pause.mp4").size(), requests);
+  route.pause = std::chrono::microseconds(0);
+  server.set("/pause.mp4", route);
+  engine->setReachabilityOverride(true);
+  auto info = waitForAsset(*engine, asset->uuid());
+  ASSERT_EQ(info.state, AssetState::kComplete);
+  EXPECT_TRUE(readFile(info.localPath) == body);
+  EXPECT_NE(server.requestsFor("/pause.mp4").back().range, "");
+}
+
 TEST_F(DownloadTest, ARestartResumesTheTransferThatWasRunning) {
   const std::string body = patternBytes(2 * 1024 * 1024, 8);
   MediaRoute route;
