@@ -88,6 +88,17 @@ void ProgressBoard::update(const std::vector<AssetInfo>& assets) {
   std::fflush(stream_);
 }
 
+void ProgressBoard::note(const std::string& line) {
+  if (interactive_ && drawnLines_ > 0) {
+    // Over the board's first line; the next update draws the board afresh from
+    // the line below, overwriting what is left of the old one.
+    std::fprintf(stream_, "\x1b[%dA\x1b[2K", drawnLines_);
+    drawnLines_ = 0;
+  }
+  std::fprintf(stream_, "%s\n", line.c_str());
+  std::fflush(stream_);
+}
+
 void ProgressBoard::finish() {
   drawnLines_ = 0;
   std::fflush(stream_);

@@ -26,6 +26,8 @@ class ProgressBoard {
 
   // Shows the assets' current state.
   void update(const std::vector<zolvani::reference::AssetInfo>& assets);
+  // Prints a line of text above the board (which is redrawn below it next time).
+  void note(const std::string& line);
   // Leaves the cursor below the board.
   void finish();
 

@@ -56,6 +56,9 @@ std::vector<AssetInfo> watchDownloads(HostRuntime& host, bool showBoard,
   Clock::time_point idleSince = Clock::now();
   std::vector<AssetInfo> assets;
   *drained = false;
+  // The manager's announcements go above the board while it is shown.
+  if (showBoard)
+    host.setEventListener([&board](const std::string& line) { board.note("  " + line); });
   while (true) {
     host.pumpFor(std::chrono::milliseconds(100));
     assets = host.engine().listAssets();
@@ -75,7 +78,10 @@ std::vector<AssetInfo> watchDownloads(HostRuntime& host, bool showBoard,
     }
     if (now >= deadline) break;
   }
-  if (showBoard) board.finish();
+  if (showBoard) {
+    board.finish();
+    host.setEventListener([](const std::string& line) { std::cout << "  " << line << "\n"; });
+  }
   return assets;
 }
 

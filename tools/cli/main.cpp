@@ -26,6 +26,8 @@ int main(int argc, char** argv) {
       "zsm: a host application for the Zolvani subscription manager and the reference "
       "download engine"};
   app.require_subcommand(1);
+  // Global options may also follow the subcommand (`zsm items --json`).
+  app.fallthrough();
   CommandContext context;
   std::string data;
   double timeoutSeconds = 30;
