@@ -321,6 +321,30 @@ TEST_F(EndToEndTest, LaterSyncsDownloadOnlyWhatIsNew) {
   EXPECT_EQ(clips, 1);
 }
 
+TEST_F(EndToEndTest, AFullFeedWithoutAutodeleteDefersNewItems) {
+  Subscribe("morning-news");
+  SyncWatch();
+  // The provider caps this device at one item and forbids deleting old ones: the
+  // three it holds stay, and what comes next waits for room.
+  Admin({"set-rule", "--user", "demo", "--device", deviceId_, "--feed", "morning-news",
+         "--max-assets", "1", "--auto-delete", "false"});
+  Admin({"add-item", "--feed", "morning-news", "--uuid", "news-0004", "--media",
+         "files/morning-news-2.mp4", "--title", "Morning News 4"});
+  Outcome sync = SyncWatch();
+  EXPECT_TRUE(sync.doc["events"]["added"].empty());
+  ASSERT_EQ(sync.doc["events"]["deferred"].size(), 1u);
+  EXPECT_EQ(sync.doc["events"]["deferred"][0]["asset_id"], "news-0004");
+  EXPECT_TRUE(sync.doc["events"]["deleted"].empty());
+
+  Outcome deferred = Zsm({"deferred"});
+  ASSERT_EQ(deferred.status, 0);
+  EXPECT_EQ(deferred.doc["deferred"], json({"news-0004"}));
+  auto items = Items();
+  EXPECT_TRUE(items["news-0004"]["deferred"].get<bool>());
+  EXPECT_NE(items["news-0004"]["state"], "complete");  // not downloaded while deferred
+  EXPECT_EQ(FeedItems("morning-news").size(), 4u);
+}
+
 TEST_F(EndToEndTest, BackgroundWakesSyncAndAnswer) {
   // A fetch with a subscription answers "new data" (the rule looks at the
   // subscription list, not at what arrived).
@@ -329,6 +353,13 @@ TEST_F(EndToEndTest, BackgroundWakesSyncAndAnswer) {
   ASSERT_EQ(fetch.status, 0) << fetch.text;
   EXPECT_EQ(fetch.doc["answer_name"], "new-data");
   EXPECT_EQ(fetch.doc["events"]["added"].size(), 4u);
+
+  // A push asking for a sync answers "new data" whatever the sync found.
+  Outcome push = Zsm({"wake", "push"});
+  ASSERT_EQ(push.status, 0) << push.text;
+  EXPECT_TRUE(push.doc["accepted"].get<bool>());
+  EXPECT_EQ(push.doc["answer_name"], "new-data");
+  EXPECT_EQ(push.doc["events"]["syncs_finished"], 1);
 
   // A push that does not ask for a sync is left unanswered.
   Outcome quiet = Zsm({"wake", "push", "--no-sync"});
