@@ -141,6 +141,16 @@ int runSync(const CommandContext& context, const SyncOptions& options) {
   const HostEvents events = host->events();
   doc["events"] = eventsJson(events);
   if (status != 0) return status;
+  if (!options.watch) {
+    // Transfers run only while a zsm process (the engine) runs; they resume
+    // where they stopped the next time.
+    const auto pending = downloadsSummary(host->engine().listAssets(), false)["pending"].get<int>();
+    doc["pending_downloads"] = pending;
+    if (pending > 0)
+      out.line(std::to_string(pending) +
+               " download(s) waiting; they resume whenever zsm runs (`zsm sync --watch` follows "
+               "them to the end)");
+  }
   out.document(doc);
   out.line("sync finished: " + std::to_string(events.added.size()) + " added, " +
            std::to_string(events.deferred.size()) + " deferred, " +
