@@ -29,13 +29,17 @@ RetentionCleaner::RetentionCleaner(FeedStoreEnvironment environment)
 
 void RetentionCleaner::clean(const std::string& feed, bool checkForCanceled) const {
   // Snapshots of what the engine is working on, taken once before any store
-  // work; they may be slightly stale by the time an item is judged.
-  const std::vector<std::string> queue = env_.engine.downloadEngine
-                                             ? env_.engine.downloadEngine->assetsInQueue()
-                                             : std::vector<std::string>{};
-  const std::vector<std::shared_ptr<ZolvaniAsset>> inTransfer =
-      env_.engine.sessionHelper ? env_.engine.sessionHelper->zfm_processingAssets()
-                                : std::vector<std::shared_ptr<ZolvaniAsset>>{};
+  // work; they may be slightly stale by the time an item is judged. Without
+  // checkForCanceled they cannot change any verdict (an unfinished asset that
+  // still exists is kept either way), so they are not taken: admission calls
+  // this for every new item, and copying a long download queue each time would
+  // make a large sync quadratic.
+  std::vector<std::string> queue;
+  std::vector<std::shared_ptr<ZolvaniAsset>> inTransfer;
+  if (checkForCanceled) {
+    if (env_.engine.downloadEngine) queue = env_.engine.downloadEngine->assetsInQueue();
+    if (env_.engine.sessionHelper) inTransfer = env_.engine.sessionHelper->zfm_processingAssets();
+  }
   // Membership is tested once per tracked item; sets keep a large feed linear.
   // `inTransfer` keeps the objects alive, so their addresses stay unique.
   const std::unordered_set<std::string> queued(queue.begin(), queue.end());

@@ -1,6 +1,7 @@
 #include "support/InMemoryEngine.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 #include <fmt/format.h>
 
@@ -292,9 +293,9 @@ class EngineRoleSet {
     std::vector<std::string> assetsInQueue() override {
       std::lock_guard l(e_->mutex_);
       std::vector<std::string> out = e_->extraQueue_;
+      std::unordered_set<std::string> seen(out.begin(), out.end());
       for (const auto& u : e_->queued_)
-        if (e_->live_.count(u) && std::find(out.begin(), out.end(), u) == out.end())
-          out.push_back(u);
+        if (e_->live_.count(u) && seen.insert(u).second) out.push_back(u);
       return out;
     }
     void addToQueue(std::shared_ptr<ZolvaniAsset> asset, std::uint64_t,
