@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ChildProcess.h"
+#include "ThrottledLink.h"
 
 namespace zsm {
 namespace {
@@ -253,9 +254,15 @@ TEST_F(EndToEndTest, TamperedRequestsAreRefused) {
 }
 
 TEST_F(EndToEndTest, ServerStoppedMidSyncAndRestarted) {
+  // The device reaches the server through a slow link, so that downloads are
+  // still running when the host exits.
+  const int port = ServerPort();
+  ThrottledLink link(port, 32 * 1024);
+  ASSERT_FALSE(link.start());
+  ASSERT_EQ(Zsm({"config", "--server", "http://127.0.0.1:" + std::to_string(link.port())}).status,
+            0);
   Subscribe("morning-news");
   Subscribe("feature-films");
-  const int port = ServerPort();
   Outcome settingsBefore = Zsm({"settings"});
 
   // The server goes away: the sync fails with one clear error and changes nothing.
@@ -267,23 +274,30 @@ TEST_F(EndToEndTest, ServerStoppedMidSyncAndRestarted) {
   EXPECT_EQ(Zsm({"settings"}).doc["last-sync"], settingsBefore.doc["last-sync"]);
   EXPECT_TRUE(Items().empty());
 
-  // Back again: a sync queues the downloads and the host exits before they are
-  // all done; the server stops once more while they wait.
+  // Back again: a sync queues the downloads and the host exits long before they
+  // are done; then the server stops once more.
   StartServer(port, /*generate=*/false);
   Outcome queued = Zsm({"sync"});
   ASSERT_EQ(queued.status, 0) << queued.text;
   EXPECT_EQ(AddedIds(queued).size(), 5u);
+  EXPECT_GT(queued.doc["pending_downloads"].get<int>(), 0);
   server_->terminate(5s);
   server_.reset();
 
-  // Once it is back the next run finishes every download, each asset once.
+  // Once it is back (and the link is fast) the next run finishes every download,
+  // each asset once, each file whole.
   StartServer(port, /*generate=*/false);
+  link.setRate(0);
   Outcome resumed = SyncWatch();
   EXPECT_TRUE(AddedIds(resumed).empty());
   EXPECT_EQ(resumed.doc["downloads"]["failed"], 0);
   auto items = Items();
   EXPECT_EQ(items.size(), 5u);
-  for (const auto& [id, item] : items) EXPECT_EQ(item["state"], "complete") << id;
+  for (const auto& [id, item] : items) {
+    EXPECT_EQ(item["state"], "complete") << id;
+    EXPECT_EQ(item["bytes_done"], item["bytes_total"]) << id;
+  }
+  EXPECT_EQ(fs::file_size(items["news-0003"]["file"].get<std::string>()), 384u * 1024);
 }
 
 TEST_F(EndToEndTest, LaterSyncsDownloadOnlyWhatIsNew) {

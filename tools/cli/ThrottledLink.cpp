@@ -118,9 +118,10 @@ void ThrottledLink::pump(int from, int to, bool throttled) {
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     if (!sendAll(to, buffer, static_cast<std::size_t>(n))) break;
-    if (throttled && rate_ > 0) {
+    const std::uint64_t rate = rate_;
+    if (throttled && rate > 0) {
       nextDue = std::max(nextDue, Clock::now()) +
-                std::chrono::microseconds(static_cast<std::uint64_t>(n) * 1000000 / rate_);
+                std::chrono::microseconds(static_cast<std::uint64_t>(n) * 1000000 / rate);
       while (!stopping_ && Clock::now() < nextDue)
         std::this_thread::sleep_for(
             std::min<Clock::duration>(nextDue - Clock::now(), std::chrono::milliseconds(50)));

@@ -32,6 +32,8 @@ class ThrottledLink {
   ThrottledLink& operator=(const ThrottledLink&) = delete;
 
   std::optional<zolvani::Error> start();
+  // Changes the pace of every connection from now on (0: no limit).
+  void setRate(std::uint64_t bytesPerSecond) { rate_ = bytesPerSecond; }
   void stop();
   int port() const { return port_; }
 
@@ -40,7 +42,7 @@ class ThrottledLink {
   void pump(int from, int to, bool throttled);
 
   const int targetPort_;
-  const std::uint64_t rate_;
+  std::atomic<std::uint64_t> rate_;
   int listener_ = -1;
   int port_ = 0;
   std::atomic<bool> stopping_{false};
