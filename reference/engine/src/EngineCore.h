@@ -169,7 +169,8 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
   // --- Assets ----------------------------------------------------------------
   std::shared_ptr<ReferenceAsset> createAsset(AssetFields fields, AssetReadyCallback ready,
                                               AssetParseCallback parse);
-  std::shared_ptr<ReferenceAsset> findByUUID(std::string_view uuid) const;
+  // Null for unknown and gone assets; a gone asset's deletion is then completed.
+  std::shared_ptr<ReferenceAsset> findByUUID(std::string_view uuid);
   // Also finds gone assets (their records stay until the library looks them up).
   std::shared_ptr<ReferenceAsset> findAny(std::string_view uuid) const;
   std::shared_ptr<ReferenceAsset> findByAssetID(std::string_view assetID) const;
@@ -202,7 +203,7 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
   std::vector<std::pair<std::string, int>> keepAliveTasks() const;
   void registerHandler(std::shared_ptr<ZolvaniEventHandlerDelegate> handler);
   std::vector<std::shared_ptr<ZolvaniEventHandlerDelegate>> liveHandlers() const;
-  std::string metaValue(const std::string& key) const;
+  std::string metaValue(const std::string& key);
   void setMetaValue(const std::string& key, const std::string& value);
 
   ReferenceEngineOptions options;

@@ -150,8 +150,7 @@ std::optional<Error> ReferenceEngine::Impl::start() {
 void ReferenceEngine::Impl::stop() {
   {
     std::lock_guard l(mutex_);
-    stopping_ = true;
-    for (auto& [uuid, cancel] : transferring_) (void)cancel;
+    stopping_ = true;  // running transfers see it at their next progress call
   }
   cv_.notify_all();
   for (auto& t : workers_) t.join();
@@ -202,10 +201,9 @@ std::optional<Error> ReferenceEngine::Impl::reconcile() {
   return std::nullopt;
 }
 
-std::string ReferenceEngine::Impl::metaValue(const std::string& key) const {
-  auto& self = const_cast<Impl&>(*this);
-  std::lock_guard l(self.db.mutex());
-  Statement s(self.db, "SELECT value FROM meta WHERE key=?");
+std::string ReferenceEngine::Impl::metaValue(const std::string& key) {
+  std::lock_guard l(db.mutex());
+  Statement s(db, "SELECT value FROM meta WHERE key=?");
   s.bind(1, key);
   return s.step() ? s.text(0) : std::string();
 }
@@ -282,16 +280,15 @@ std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::createAsset(AssetFields f
   return asset;
 }
 
-std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findByUUID(std::string_view uuid) const {
+std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findByUUID(std::string_view uuid) {
   std::lock_guard l(mutex_);
   auto it = assets_.find(std::string(uuid));
   if (it == assets_.end()) return nullptr;
   if (it->second->fields().state == AssetState::kGone) {
     // A gone asset answers as absent; the engine then completes its deletion so
     // that its record leaves the feed collections.
-    auto self = const_cast<Impl*>(this)->shared_from_this();
-    std::string u(uuid);
-    const_cast<Impl*>(this)->callLater([self, u] { self->deleteAsset(u, 2, nullptr); });
+    callLater(
+        [self = shared_from_this(), u = std::string(uuid)] { self->deleteAsset(u, 2, nullptr); });
     return nullptr;
   }
   return it->second;
