@@ -108,32 +108,45 @@ std::optional<Error> SqliteStoreContext::load() {
   std::lock_guard lock(mutex_);
   auto engine = engine_.lock();
   if (!engine) return engineError(kEngineErrorStore, "engine gone");
-  std::lock_guard dbLock(engine->db.mutex());
+  struct Row {
+    std::shared_ptr<SqliteSubscriptionData> record;
+    std::vector<std::pair<std::int64_t, std::string>> items;  // collection, asset UUID
+  };
+  std::vector<Row> rows;
+  {
+    std::lock_guard dbLock(engine->db.mutex());
+    Statement records(
+        engine->db,
+        "SELECT id, uuid, autodelete, max_bitrate, max_items FROM subscription_data ORDER BY id");
+    Statement items(engine->db,
+                    "SELECT collection, asset_uuid FROM subscription_items WHERE record_id=? "
+                    "ORDER BY collection, position");
+    if (!records.ok() || !items.ok()) return engineError(kEngineErrorStore, engine->db.lastError());
+    while (records.step()) {
+      Row row{std::make_shared<SqliteSubscriptionData>(), {}};
+      row.record->setUuid(records.text(1));
+      row.record->setAutodeleteValue(records.int64(2) != 0);
+      row.record->setMaxBitrateValue(records.int64(3));
+      row.record->setMaxItemsValue(static_cast<std::int16_t>(records.int64(4)));
+      items.reset();
+      items.bind(1, records.int64(0));
+      while (items.step()) row.items.emplace_back(items.int64(0), items.text(1));
+      rows.push_back(std::move(row));
+    }
+  }
+  // Assets are resolved after the database is released (the engine's lock
+  // comes before the database's).
   live_.clear();
-  Statement records(
-      engine->db,
-      "SELECT id, uuid, autodelete, max_bitrate, max_items FROM subscription_data ORDER BY id");
-  Statement items(engine->db,
-                  "SELECT collection, asset_uuid FROM subscription_items WHERE record_id=? "
-                  "ORDER BY collection, position");
-  if (!records.ok() || !items.ok()) return engineError(kEngineErrorStore, engine->db.lastError());
-  while (records.step()) {
-    auto r = std::make_shared<SqliteSubscriptionData>();
-    r->setUuid(records.text(1));
-    r->setAutodeleteValue(records.int64(2) != 0);
-    r->setMaxBitrateValue(records.int64(3));
-    r->setMaxItemsValue(static_cast<std::int16_t>(records.int64(4)));
-    items.reset();
-    items.bind(1, records.int64(0));
-    while (items.step()) {
+  for (auto& row : rows) {
+    for (const auto& [collection, uuid] : row.items) {
       // Gone assets keep their place so that the library's cancellation pass
       // finds and announces them.
-      auto asset = engine->findAny(items.text(1));
+      auto asset = engine->findAny(uuid);
       if (!asset) continue;
-      (items.int64(0) == 0 ? r->feedItemsSet() : r->deferredFeedItemsSet())
+      (collection == 0 ? row.record->feedItemsSet() : row.record->deferredFeedItemsSet())
           .add(asset->assetDataFromAsset());
     }
-    live_.push_back(r);
+    live_.push_back(row.record);
   }
   return std::nullopt;
 }
