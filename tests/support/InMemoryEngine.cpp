@@ -14,22 +14,48 @@ thread_local int blockDepth = 0;
 class InMemorySubscriptionData final : public SubscriptionData {
  public:
   std::string uuid() const override { return uuid_; }
-  void setUuid(std::string uuid) override { uuid_ = std::move(uuid); }
+  void setUuid(std::string uuid) override { touch(), uuid_ = std::move(uuid); }
   std::int16_t maxItemsValue() const override { return maxItems_; }
-  void setMaxItemsValue(std::int16_t value) override { maxItems_ = value; }
+  void setMaxItemsValue(std::int16_t value) override { touch(), maxItems_ = value; }
   bool autodeleteValue() const override { return autodelete_; }
-  void setAutodeleteValue(bool value) override { autodelete_ = value; }
+  void setAutodeleteValue(bool value) override { touch(), autodelete_ = value; }
   std::int64_t maxBitrateValue() const override { return maxBitrate_; }
-  void setMaxBitrateValue(std::int64_t value) override { maxBitrate_ = value; }
-  AssetDataOrderedSet& feedItemsSet() override { return feedItems_; }
-  AssetDataOrderedSet& deferredFeedItemsSet() override { return deferred_; }
+  void setMaxBitrateValue(std::int64_t value) override { touch(), maxBitrate_ = value; }
+  // Handing out a collection may change it, so the record counts as changed.
+  AssetDataOrderedSet& feedItemsSet() override { return touch(), feedItems_; }
+  AssetDataOrderedSet& deferredFeedItemsSet() override { return touch(), deferred_; }
+
+  // The saved form of this record, made afresh only when it changed: saving a
+  // store of many records then costs what changed, not the whole store.
+  bool containsWithoutTouching(const std::shared_ptr<ZolvaniAssetData>& item) const {
+    return feedItems_.contains(item) || deferred_.contains(item);
+  }
+
+  std::shared_ptr<const InMemoryStoreContext::SavedRecord> snapshot() {
+    if (dirty_ || !snapshot_) {
+      auto s = std::make_shared<InMemoryStoreContext::SavedRecord>();
+      s->uuid = uuid_;
+      s->maxItems = maxItems_;
+      s->autodelete = autodelete_;
+      s->maxBitrate = maxBitrate_;
+      for (const auto& i : feedItems_) s->feedItems.push_back(i->uuid());
+      for (const auto& i : deferred_) s->deferredFeedItems.push_back(i->uuid());
+      snapshot_ = std::move(s);
+      dirty_ = false;
+    }
+    return snapshot_;
+  }
 
  private:
+  void touch() { dirty_ = true; }
+
   std::string uuid_;
   std::int16_t maxItems_ = 0;
   bool autodelete_ = false;
   std::int64_t maxBitrate_ = 0;
   AssetDataOrderedSet feedItems_, deferred_;
+  bool dirty_ = true;
+  std::shared_ptr<const InMemoryStoreContext::SavedRecord> snapshot_;
 };
 
 }  // namespace
@@ -187,20 +213,16 @@ bool InMemoryStoreContext::save() {
   std::lock_guard lock(mutex_);
   ++saves_;
   saved_.clear();
-  for (const auto& r : live_) {
-    SavedRecord s{r->uuid(), r->maxItemsValue(), r->autodeleteValue(), r->maxBitrateValue(), {},
-                  {}};
-    for (const auto& i : r->feedItemsSet()) s.feedItems.push_back(i->uuid());
-    for (const auto& i : r->deferredFeedItemsSet()) s.deferredFeedItems.push_back(i->uuid());
-    saved_.push_back(std::move(s));
-  }
+  saved_.reserve(live_.size());
+  for (const auto& r : live_) saved_.push_back(static_cast<InMemorySubscriptionData&>(*r).snapshot());
   return true;
 }
 
 void InMemoryStoreContext::rollback() {
   std::lock_guard lock(mutex_);
   live_.clear();
-  for (const auto& s : saved_) {
+  for (const auto& saved : saved_) {
+    const SavedRecord& s = *saved;
     auto r = std::make_shared<InMemorySubscriptionData>();
     r->setUuid(s.uuid);
     r->setMaxItemsValue(s.maxItems);
@@ -227,19 +249,30 @@ int InMemoryStoreContext::refreshes() const {
 
 std::vector<InMemoryStoreContext::SavedRecord> InMemoryStoreContext::savedRecords() const {
   std::lock_guard lock(mutex_);
-  return saved_;
+  std::vector<SavedRecord> out;
+  for (const auto& s : saved_) out.push_back(*s);
+  return out;
 }
 
 void InMemoryStoreContext::forgetAssetData(const std::shared_ptr<ZolvaniAssetData>& item) {
   std::lock_guard lock(mutex_);
   for (auto& r : live_) {
-    r->feedItemsSet().remove(item);
-    r->deferredFeedItemsSet().remove(item);
+    auto& record = static_cast<InMemorySubscriptionData&>(*r);
+    if (record.containsWithoutTouching(item)) {
+      record.feedItemsSet().remove(item);
+      record.deferredFeedItemsSet().remove(item);
+    }
   }
   const std::string uuid = item->uuid();
-  for (auto& s : saved_) {
-    std::erase(s.feedItems, uuid);
-    std::erase(s.deferredFeedItems, uuid);
+  for (auto& saved : saved_) {
+    auto holds = [&](const std::vector<std::string>& v) {
+      return std::find(v.begin(), v.end(), uuid) != v.end();
+    };
+    if (!holds(saved->feedItems) && !holds(saved->deferredFeedItems)) continue;
+    auto copy = std::make_shared<SavedRecord>(*saved);
+    std::erase(copy->feedItems, uuid);
+    std::erase(copy->deferredFeedItems, uuid);
+    saved = std::move(copy);
   }
 }
 
@@ -444,9 +477,9 @@ class EngineRoleSet {
     std::shared_ptr<ZolvaniAsset> assetWithAssetID(std::string_view assetID,
                                                    std::int64_t) override {
       std::lock_guard l(e_->mutex_);
-      for (const auto& [u, a] : e_->live_)
-        if (a->assetID() == assetID) return a;
-      return nullptr;
+      auto it = e_->byAssetID_.find(assetID);
+      if (it == e_->byAssetID_.end() || it->second.empty()) return nullptr;
+      return e_->live_.at(*it->second.begin());
     }
     std::shared_ptr<ZolvaniAsset> assetWithAssetID(
         std::string assetID, std::string description, std::string manifestUrl,
@@ -587,6 +620,7 @@ std::shared_ptr<InMemoryAsset> InMemoryEngine::makeAsset(AssetCreation creation,
     a->readyCallback = std::move(ready);
     a->parseCallback = std::move(parse);
     live_[uuid] = a;
+    byAssetID_[a->assetID()].insert(uuid);
     created_.push_back(a);
     if (!readyInline) pendingReady_.push_back(a);
   }
@@ -605,6 +639,7 @@ std::shared_ptr<InMemoryAsset> InMemoryEngine::addAsset(std::string assetID, Dat
   a->_setCreationDate(creationDate);
   a->setDownloadComplete(downloadComplete);
   live_[uuid] = a;
+  byAssetID_[a->assetID()].insert(uuid);
   created_.push_back(a);
   return a;
 }
@@ -648,6 +683,10 @@ void InMemoryEngine::removeAsset(const std::string& uuid, std::optional<std::int
     if (it == live_.end()) return;
     gone = it->second;
     live_.erase(it);
+    if (auto ids = byAssetID_.find(gone->assetID()); ids != byAssetID_.end()) {
+      ids->second.erase(uuid);
+      if (ids->second.empty()) byAssetID_.erase(ids);
+    }
     std::erase(queued_, uuid);
     std::erase(extraQueue_, uuid);
     if (reason) deletions_.push_back({uuid, *reason});

@@ -17,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -177,6 +178,8 @@ class InMemoryEngine : public std::enable_shared_from_this<InMemoryEngine> {
   std::vector<std::string> extraQueue_;
   std::vector<std::shared_ptr<ZolvaniAsset>> processing_;
   std::map<std::string, std::shared_ptr<InMemoryAsset>> live_;
+  // Live assets by asset ID, for the duplicate test of every new item.
+  std::map<std::string, std::set<std::string>, std::less<>> byAssetID_;
   std::vector<std::shared_ptr<InMemoryAsset>> created_;
   std::vector<std::shared_ptr<InMemoryAsset>> pendingReady_;
   std::uint64_t nextAsset_ = 1;
@@ -230,7 +233,7 @@ class InMemoryStoreContext final : public ZolvaniManagedObjectContext,
  private:
   mutable std::recursive_mutex mutex_;
   std::vector<std::shared_ptr<SubscriptionData>> live_;
-  std::vector<SavedRecord> saved_;
+  std::vector<std::shared_ptr<const SavedRecord>> saved_;
   int saves_ = 0;
   int refreshes_ = 0;
 };
