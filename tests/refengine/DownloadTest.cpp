@@ -107,6 +107,32 @@ TEST_F(DownloadTest, AChangedValidatorStartsAgainFromZero) {
   EXPECT_EQ(requests.back().ifRange, "\"v1\"");
 }
 
+TEST_F(DownloadTest, ARangeBeyondTheResourceStartsAgainFromZero) {
+  // The resource shrinks under the same validator: the resumed range is not
+  // satisfiable (416), so the partial file is dropped and the body fetched whole.
+  MediaRoute route;
+  route.body = std::make_shared<const std::string>(patternBytes(600000, 12));
+  route.truncateAt = 300000;
+  route.truncations = 1;
+  route.chunk = 10000;
+  route.pause = std::chrono::microseconds(2000);
+  server.set("/shrink.mp4", route);
+  auto asset = makeFileAsset(*engine, server.url("/shrink.mp4"), "shrink");
+  engine->roles().downloadEngine->addToQueue(asset, kQueueIndexAppend, nullptr);
+  for (int i = 0; i < 500 && server.requestsFor("/shrink.mp4").empty(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  const std::string small = patternBytes(100000, 13);
+  server.change("/shrink.mp4", small, "\"v1\"");
+  auto info = waitForAsset(*engine, asset->uuid());
+  ASSERT_EQ(info.state, AssetState::kComplete)
+      << (info.lastError ? info.lastError->describe() : "");
+  EXPECT_TRUE(readFile(info.localPath) == small);
+  auto requests = server.requestsFor("/shrink.mp4");
+  ASSERT_EQ(requests.size(), 3u);
+  EXPECT_EQ(requests[1].range, "bytes=300000-");
+  EXPECT_EQ(requests[2].range, "");
+}
+
 TEST_F(DownloadTest, StatusesFailAtOnceOrRetryWithBackoff) {
   struct Case {
     int status;

@@ -39,6 +39,12 @@ MediaServer::MediaServer() : server_(std::make_unique<httplib::Server>()) {
       if (r.truncations > 0) --r.truncations;
     }
     res.set_header("ETag", route.etag);
+    if (!req.ranges.empty() && req.ranges.front().first >= 0 &&
+        static_cast<std::size_t>(req.ranges.front().first) >= route.body->size()) {
+      res.status = 416;
+      res.set_header("Content-Range", "bytes */" + std::to_string(route.body->size()));
+      return;
+    }
     const std::string ifRange = req.get_header_value("If-Range");
     if (!ifRange.empty() && ifRange != route.etag) {
       // A stale validator gets the whole body again; the HTTP library would

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <mutex>
@@ -67,8 +68,10 @@ struct Transfer {
   const FetchHooks* hooks = nullptr;
   std::uint64_t offset = 0;  // bytes already in the partial file
   long status = 0;
+  int headerStatus = 0;  // of the response whose headers are being read
   std::optional<std::uint64_t> contentLength;
   std::optional<std::uint64_t> rangeStart;
+  std::optional<std::uint64_t> rangeTotal;  // the resource's size, from Content-Range
   std::string etag, lastModified, contentType;
   bool started = false;  // first body byte seen, file opened
   FILE* file = nullptr;
@@ -85,10 +88,23 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
   auto* t = static_cast<Transfer*>(user);
   const size_t n = size * count;
   std::string_view line(data, n);
+  if (line == "\r\n" || line == "\n") {
+    // End of a header block: a range that starts at or beyond the resource's end
+    // is refused here, before any (possibly malformed) body is awaited.
+    if (t->headerStatus == 206 && t->rangeTotal && *t->rangeTotal <= t->offset) {
+      t->abort = Abort::kBadRange;
+      return 0;
+    }
+    return n;
+  }
   if (line.rfind("HTTP/", 0) == 0) {
     // A new response (after a redirect or a 100): forget the previous headers.
+    auto sp = line.find(' ');
+    t->headerStatus =
+        sp == std::string_view::npos ? 0 : std::atoi(std::string(line.substr(sp + 1, 3)).c_str());
     t->contentLength.reset();
     t->rangeStart.reset();
+    t->rangeTotal.reset();
     t->etag.clear();
     t->lastModified.clear();
     t->contentType.clear();
@@ -106,6 +122,8 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
     auto dash = value.find('-');
     if (sp != std::string::npos && dash != std::string::npos && dash > sp)
       t->rangeStart = parseUnsigned(value.substr(sp + 1, dash - sp - 1));
+    if (auto slash = value.find('/'); slash != std::string::npos)
+      t->rangeTotal = parseUnsigned(value.substr(slash + 1));
   } else if (name == "etag") {
     t->etag = value;
   } else if (name == "last-modified") {
@@ -126,7 +144,8 @@ bool beginBody(Transfer* t, CURL* curl) {
   if (t->status != 200 && t->status != 206) return true;  // an error body: ignored
   FetchRequest& r = *t->request;
   if (t->status == 206) {
-    if (!t->rangeStart || *t->rangeStart != t->offset) {
+    if (!t->rangeStart || *t->rangeStart != t->offset ||
+        (t->rangeTotal && *t->rangeTotal <= t->offset)) {
       t->abort = Abort::kBadRange;
       return false;
     }
@@ -138,7 +157,9 @@ bool beginBody(Transfer* t, CURL* curl) {
     t->abort = Abort::kNotMedia;
     return false;
   }
-  t->expectedTotal = t->contentLength ? t->offset + *t->contentLength : 0;
+  t->expectedTotal = t->status == 206 && t->rangeTotal ? *t->rangeTotal
+                     : t->contentLength                ? t->offset + *t->contentLength
+                                                       : 0;
   if (!r.spaceProbe.empty()) {
     // Refused before the first byte is written: the body (when its length is
     // known) and the margin must both fit.
@@ -278,7 +299,9 @@ FetchResult judge(CURLcode code, Transfer& t, const std::string& url) {
       return r;
     case Abort::kBadRange:
       r.outcome = FetchOutcome::kRetry;
-      r.error = engineError(kEngineErrorTransfer, "The server answered a different byte range");
+      r.error = engineError(kEngineErrorTransfer,
+                            "The server answered a different byte range; restarting");
+      r.restartFromZero = true;
       return r;
     case Abort::kNone:
       break;
@@ -371,6 +394,17 @@ FetchResult fetchOnce(FetchRequest& request, const FetchHooks& hooks) {
     }
     std::fclose(t.file);
   }
+  const bool bodyStatus = t.status == 200 || t.status == 206;
+  if (code == CURLE_OK && t.abort == Abort::kNone && bodyStatus && !t.started) {
+    if (t.status == 200) {
+      return {
+          FetchOutcome::kRetry,
+          engineError(kEngineErrorSizeMismatch, "The server sent an empty body for " + request.url),
+          0, 0};
+    }
+    t.status = 416;  // an empty range: the partial file does not fit the resource
+  }
+  if (t.abort == Abort::kBadRange) t.status = 416;
   if (t.status == 416) {
     // The partial file no longer fits the resource: start again from zero.
     std::filesystem::remove(request.partPath, ec);
