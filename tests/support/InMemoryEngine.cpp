@@ -14,7 +14,11 @@ thread_local int blockDepth = 0;
 class InMemorySubscriptionData final : public SubscriptionData {
  public:
   std::string uuid() const override { return uuid_; }
-  void setUuid(std::string uuid) override { touch(), uuid_ = std::move(uuid); }
+  void setUuid(std::string uuid) override {
+    touch();
+    uuid_ = std::move(uuid);
+    if (generation_) ++*generation_;
+  }
   std::int16_t maxItemsValue() const override { return maxItems_; }
   void setMaxItemsValue(std::int16_t value) override { touch(), maxItems_ = value; }
   bool autodeleteValue() const override { return autodelete_; }
@@ -27,6 +31,11 @@ class InMemorySubscriptionData final : public SubscriptionData {
 
   // The saved form of this record, made afresh only when it changed: saving a
   // store of many records then costs what changed, not the whole store.
+  void setGeneration(std::shared_ptr<std::atomic<std::uint64_t>> generation) {
+    generation_ = std::move(generation);
+  }
+  bool dirty() const { return dirty_; }
+
   bool containsWithoutTouching(const std::shared_ptr<ZolvaniAssetData>& item) const {
     return feedItems_.contains(item) || deferred_.contains(item);
   }
@@ -56,6 +65,7 @@ class InMemorySubscriptionData final : public SubscriptionData {
   AssetDataOrderedSet feedItems_, deferred_;
   bool dirty_ = true;
   std::shared_ptr<const InMemoryStoreContext::SavedRecord> snapshot_;
+  std::shared_ptr<std::atomic<std::uint64_t>> generation_;
 };
 
 }  // namespace
@@ -180,28 +190,34 @@ std::vector<std::shared_ptr<SubscriptionData>> InMemoryStoreContext::executeFetc
     if (error) *error = Error::make("InMemoryStore", 1, "fetch failed");
     return {};
   }
-  std::vector<std::shared_ptr<SubscriptionData>> out;
-  for (const auto& r : live_) {
-    if (request.key) {
-      if (*request.key != SubscriptionDataAttributes[3])
-        continue;  // only the key attribute is indexed
-      if (r->uuid() != request.value) continue;
-    }
-    out.push_back(r);
-  }
-  return out;
+  if (!request.key) return live_;
+  if (*request.key != SubscriptionDataAttributes[3]) return {};  // only the key attribute is indexed
+  reindex();
+  auto it = byFeed_.find(request.value);
+  return it == byFeed_.end() ? std::vector<std::shared_ptr<SubscriptionData>>{} : it->second;
+}
+
+void InMemoryStoreContext::reindex() {
+  const std::uint64_t now = generation_->load();
+  if (indexedGeneration_ == now) return;
+  byFeed_.clear();
+  for (const auto& r : live_) byFeed_[r->uuid()].push_back(r);
+  indexedGeneration_ = now;
 }
 
 std::shared_ptr<SubscriptionData> InMemoryStoreContext::insertSubscriptionData() {
   std::lock_guard lock(mutex_);
   auto r = std::make_shared<InMemorySubscriptionData>();
+  r->setGeneration(generation_);
   live_.push_back(r);
+  ++*generation_;
   return r;
 }
 
 void InMemoryStoreContext::deleteObject(const std::shared_ptr<SubscriptionData>& record) {
   std::lock_guard lock(mutex_);
   std::erase(live_, record);
+  ++*generation_;
 }
 
 void InMemoryStoreContext::refreshObject(const std::shared_ptr<ZolvaniAssetData>&, bool) {
@@ -212,9 +228,19 @@ void InMemoryStoreContext::refreshObject(const std::shared_ptr<ZolvaniAssetData>
 bool InMemoryStoreContext::save() {
   std::lock_guard lock(mutex_);
   ++saves_;
-  saved_.clear();
-  saved_.reserve(live_.size());
-  for (const auto& r : live_) saved_.push_back(static_cast<InMemorySubscriptionData&>(*r).snapshot());
+  const std::uint64_t now = generation_->load();
+  if (savedGeneration_ != now || saved_.size() != live_.size()) {
+    saved_.clear();
+    saved_.reserve(live_.size());
+    for (const auto& r : live_) saved_.push_back(static_cast<InMemorySubscriptionData&>(*r).snapshot());
+    savedGeneration_ = now;
+    return true;
+  }
+  // Same records as last time: only the changed ones are snapshotted again.
+  for (std::size_t i = 0; i < live_.size(); ++i) {
+    auto& record = static_cast<InMemorySubscriptionData&>(*live_[i]);
+    if (record.dirty()) saved_[i] = record.snapshot();
+  }
   return true;
 }
 
@@ -224,6 +250,7 @@ void InMemoryStoreContext::rollback() {
   for (const auto& saved : saved_) {
     const SavedRecord& s = *saved;
     auto r = std::make_shared<InMemorySubscriptionData>();
+    r->setGeneration(generation_);
     r->setUuid(s.uuid);
     r->setMaxItemsValue(s.maxItems);
     r->setAutodeleteValue(s.autodelete);
@@ -235,6 +262,7 @@ void InMemoryStoreContext::rollback() {
         r->deferredFeedItemsSet().add(d);
     live_.push_back(r);
   }
+  ++*generation_;
 }
 
 int InMemoryStoreContext::saves() const {

@@ -18,6 +18,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <unordered_map>
 #include <string>
 #include <vector>
 
@@ -236,6 +237,13 @@ class InMemoryStoreContext final : public ZolvaniManagedObjectContext,
   std::vector<std::shared_ptr<const SavedRecord>> saved_;
   int saves_ = 0;
   int refreshes_ = 0;
+  // Bumped whenever a record is inserted, deleted or renamed; the look-up by
+  // feed identifier and the saved list are rebuilt when it moved.
+  std::shared_ptr<std::atomic<std::uint64_t>> generation_ =
+      std::make_shared<std::atomic<std::uint64_t>>(1);
+  std::uint64_t indexedGeneration_ = 0, savedGeneration_ = 0;
+  std::unordered_map<std::string, std::vector<std::shared_ptr<SubscriptionData>>> byFeed_;
+  void reindex();
 };
 
 }  // namespace zolvani::testing
