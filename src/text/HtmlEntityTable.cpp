@@ -108,10 +108,8 @@ static_assert(sortedByUnit(kFullTable), "binary search needs strictly ascending 
 static_assert(sortedByUnit(kShortTable), "binary search needs strictly ascending code units");
 
 // Every name is 2 to 8 ASCII letters or digits, so a name packs into one 64-bit key
-// (first character in the low byte), and a look-up is one hash and one compare.
+// and a look-up is one hash and, nearly always, one compare.
 constexpr std::size_t kMaxNameLength = 8;
-constexpr std::size_t kIndexBits = 10;  // 1024 slots for 253 names
-constexpr std::size_t kIndexSize = std::size_t{1} << kIndexBits;
 
 constexpr std::uint64_t packName(std::string_view name) {
   std::uint64_t key = 0;
@@ -120,35 +118,21 @@ constexpr std::uint64_t packName(std::string_view name) {
   return key;
 }
 
-constexpr std::size_t slotOf(std::uint64_t key) {
-  return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15ull) >> (64 - kIndexBits));
-}
-
-// The key and the length together identify a name: the length keeps a candidate with
-// zero bytes ("lt" followed by NULs) from matching a shorter name.
-struct NameIndex {
-  std::array<std::uint64_t, kIndexSize> keys{};  // 0 marks an empty slot
-  std::array<std::uint8_t, kIndexSize> lengths{};
-  std::array<char16_t, kIndexSize> units{};
-};
-
-constexpr NameIndex buildNameIndex() {
-  NameIndex index;
+constexpr EntityNameIndex buildNameIndex() {
+  EntityNameIndex index{};
   for (const HtmlEntity& entity : kFullTable) {
     const std::string_view name = entity.text.substr(1, entity.text.size() - 2);
     const std::uint64_t key = packName(name);
-    std::size_t slot = slotOf(key);
-    while (index.keys[slot] != 0) slot = (slot + 1) & (kIndexSize - 1);
-    index.keys[slot] = key;
-    index.lengths[slot] = static_cast<std::uint8_t>(name.size());
-    index.units[slot] = entity.unit;
+    std::size_t slot = entityNameSlotOf(key);
+    while (index[slot].key != 0) slot = (slot + 1) & (index.size() - 1);
+    index[slot] = {key, entity.unit, static_cast<std::uint16_t>(name.size())};
   }
   return index;
 }
 
-constexpr NameIndex kNameIndex = buildNameIndex();
-
 }  // namespace
+
+constinit const EntityNameIndex kEntityNameIndex = buildNameIndex();
 
 std::span<const HtmlEntity> fullEntityTable() { return kFullTable; }
 
@@ -169,12 +153,8 @@ std::optional<char16_t> lookupName(std::basic_string_view<Char> name) {
     key |= std::uint64_t{static_cast<std::uint8_t>(unit)} << (8 * i);
   }
   if (all > 0x7F) return std::nullopt;
-  for (std::size_t slot = slotOf(key);; slot = (slot + 1) & (kIndexSize - 1)) {
-    if (kNameIndex.keys[slot] == key && kNameIndex.lengths[slot] == name.size()) {
-      return kNameIndex.units[slot];
-    }
-    if (kNameIndex.keys[slot] == 0) return std::nullopt;
-  }
+  if (const char16_t unit = lookupPackedEntityName(key, name.size())) return unit;
+  return std::nullopt;
 }
 
 }  // namespace

@@ -6,7 +6,9 @@
 // thread.
 #pragma once
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -29,5 +31,33 @@ std::span<const HtmlEntity> shortEntityTable();
 // (of valid UTF-8); names are ASCII, so both forms agree.
 std::optional<char16_t> lookupEntityName(std::u16string_view name);
 std::optional<char16_t> lookupEntityName(std::string_view name);
+
+// The hash index behind the look-up by name: every name packed into one 64-bit key
+// (first character in the low byte, zeros above the name), placed by linear probing.
+// The key and the length together identify a name: the length keeps a candidate with
+// zero bytes ("lt" followed by NULs) from matching a shorter name.
+struct EntityNameSlot {
+  std::uint64_t key;  // 0 marks an empty slot
+  char16_t unit;
+  std::uint16_t length;
+};
+inline constexpr std::size_t kEntityNameIndexBits = 10;  // 1024 slots for 253 names
+using EntityNameIndex = std::array<EntityNameSlot, std::size_t{1} << kEntityNameIndexBits>;
+extern const EntityNameIndex kEntityNameIndex;
+
+constexpr std::size_t entityNameSlotOf(std::uint64_t key) {
+  return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15ull) >> (64 - kEntityNameIndexBits));
+}
+
+// The code unit of the name of `length` bytes packed into `key` as above, or 0 when no
+// name matches (no entry has the unit 0). Inline for the unescaper's inner loop.
+inline char16_t lookupPackedEntityName(std::uint64_t key, std::size_t length) {
+  constexpr std::size_t kMask = (std::size_t{1} << kEntityNameIndexBits) - 1;
+  for (std::size_t slot = entityNameSlotOf(key);; slot = (slot + 1) & kMask) {
+    const EntityNameSlot& entry = kEntityNameIndex[slot];
+    if (entry.key == key && entry.length == length) return entry.unit;
+    if (entry.key == 0) return 0;
+  }
+}
 
 }  // namespace zolvani::text

@@ -88,36 +88,128 @@ std::optional<char16_t> resolveReference(std::basic_string_view<Char> ref) {
   return lookupEntityName(body);
 }
 
-// The first ";" or "&" among the nine bytes at `p` (all readable), or p + 9 when there
-// is none: the window scan without a data-dependent loop, eight bytes at a time.
-inline const char* findSemicolonOrAmpersand(const char* p) {
-  constexpr std::uint64_t kOnes = 0x0101010101010101ull;
-  constexpr std::uint64_t kHigh = 0x8080808080808080ull;
+constexpr std::uint64_t kOnes = 0x0101010101010101ull;
+constexpr std::uint64_t kHigh = 0x8080808080808080ull;
+
+// Eight bytes at `p` with the first in the low byte, whatever the machine's order.
+inline std::uint64_t loadLittle64(const char* p) {
   std::uint64_t word;
   std::memcpy(&word, p, 8);
-  const std::uint64_t semi = word ^ (kOnes * ';');
-  const std::uint64_t amp = word ^ (kOnes * '&');
-  // A high bit marks a zero byte of semi or amp; bits above the first one may be
-  // spurious, so only the lowest is used.
-  const std::uint64_t found = ((semi - kOnes) & ~semi & kHigh) | ((amp - kOnes) & ~amp & kHigh);
-  if (found != 0) {
-    // The lowest byte comes first in memory on a little-endian machine.
-    if constexpr (std::endian::native == std::endian::little) {
-      return p + std::countr_zero(found) / 8;
-    } else {
-      for (int i = 0; i < 8; ++i) {
-        if (p[i] == ';' || p[i] == '&') return p + i;
-      }
-    }
+  if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap64(word);
+  return word;
+}
+
+// The high bit of each byte of `word` that is zero. Bits above the lowest one may be
+// spurious (a borrow runs on), so only the lowest is to be used.
+constexpr std::uint64_t zeroBytes(std::uint64_t word) { return (word - kOnes) & ~word & kHigh; }
+
+// The high bit of each byte that is at least `low`, for words of ASCII bytes (no byte
+// carries into the next).
+constexpr std::uint64_t bytesAtLeast(std::uint64_t ascii, unsigned char low) {
+  return (ascii + kOnes * (0x80 - low)) & kHigh;
+}
+
+// The `count` (1 to 7) characters packed in `digits` moved to the top of a word, with
+// "0" characters filling the bytes below them: a number of eight digits, most
+// significant first in memory order, with the same value.
+constexpr std::uint64_t alignDigits(std::uint64_t digits, std::size_t count) {
+  return (digits << (8 * (8 - count))) | ((kOnes * '0') >> (8 * count));
+}
+
+// The value of the `count` (1 to 7) decimal digits packed in `digits`, or 0 when any of
+// them is not a digit.
+inline std::uint32_t packedDecimalValue(std::uint64_t digits, std::size_t count) {
+  std::uint64_t chunk = alignDigits(digits, count);
+  // Every byte in 0x30..0x3F, and still below 0x40 with 6 added: "0" to "9".
+  if ((chunk & (kOnes * 0xF0)) != kOnes * 0x30) return 0;
+  if (((chunk + kOnes * 6) & (kOnes * 0xF0)) != kOnes * 0x30) return 0;
+  // Pairs, then fours, then all eight digits combined by multiplication.
+  chunk -= kOnes * '0';
+  chunk = chunk * 10 + (chunk >> 8);
+  constexpr std::uint64_t kPairs = 0x000000FF000000FFull;
+  constexpr std::uint64_t kHundredAndMillion = 100 + (1000000ull << 32);
+  constexpr std::uint64_t kOneAndTenThousand = 1 + (10000ull << 32);
+  chunk =
+      ((chunk & kPairs) * kHundredAndMillion + ((chunk >> 16) & kPairs) * kOneAndTenThousand) >> 32;
+  return static_cast<std::uint32_t>(chunk);
+}
+
+// The value of the `count` (0 to 6) hexadecimal digits packed in `digits`, or 0 when
+// there are none or any of them is not a hexadecimal digit.
+inline std::uint32_t packedHexValue(std::uint64_t digits, std::size_t count) {
+  if (count == 0) return 0;
+  const std::uint64_t chunk = alignDigits(digits, count);
+  if ((chunk & kHigh) != 0) return 0;
+  const std::uint64_t digit = bytesAtLeast(chunk, '0') & ~bytesAtLeast(chunk, '9' + 1);
+  const std::uint64_t lower = chunk | (kOnes * 0x20);
+  const std::uint64_t letter = bytesAtLeast(lower, 'a') & ~bytesAtLeast(lower, 'f' + 1);
+  if ((digit | letter) != kHigh) return 0;
+  // One nibble a byte ("A" and "a" are 1 in their low bits, 10 with 9 added), then
+  // neighbours joined: bytes into pairs, pairs into fours, fours into eight.
+  std::uint64_t value = (chunk & (kOnes * 0x0F)) + (letter >> 7) * 9;
+  value = ((value << 4) | (value >> 8)) & 0x00FF00FF00FF00FFull;
+  value = ((value << 8) | (value >> 16)) & 0x0000FFFF0000FFFFull;
+  value = ((value << 16) | (value >> 32)) & 0xFFFFFFFFull;
+  return static_cast<std::uint32_t>(value);
+}
+
+// The code unit that the "&" at `amp` in valid UTF-8 stands for, with `*after` set past
+// its ";", or 0 when it starts no reference that is replaced (no reference stands for
+// 0). Decides the same as resolveReference on the candidate of forEachReference, but
+// reads the nine bytes after "&" as one word, without a loop that depends on the data.
+inline char16_t resolveReferenceAt(const char* amp, const char* end, const char** after) {
+  std::uint64_t word;
+  char ninth;
+  if (end - amp >= 10) {
+    word = loadLittle64(amp + 1);
+    ninth = amp[9];
+  } else {
+    // Near the end: NULs stand for the missing bytes, and are neither ";" nor "&".
+    char tail[9] = {};
+    std::memcpy(tail, amp + 1, static_cast<std::size_t>(end - amp - 1));
+    word = loadLittle64(tail);
+    ninth = tail[8];
   }
-  return p + 8 + (p[8] == ';' || p[8] == '&' ? 0 : 1);
+  // The candidate's body is the bytes before the first ";" or "&", and counts only when
+  // that byte is a ";" and the reference is 4 to 10 bytes long: a body of 2 to 8.
+  const std::uint64_t stops = zeroBytes(word ^ (kOnes * ';')) | zeroBytes(word ^ (kOnes * '&'));
+  std::size_t length;
+  std::uint64_t body;
+  if (stops != 0) {
+    length = static_cast<std::size_t>(std::countr_zero(stops)) / 8;
+    if (length < kMinReferenceLength - 2 || ((word >> (8 * length)) & 0xFF) != ';') return 0;
+    body = word & ((std::uint64_t{1} << (8 * length)) - 1);
+  } else if (ninth == ';') {
+    length = kMaxReferenceLength - 2;
+    body = word;
+  } else {
+    return 0;
+  }
+  *after = amp + length + 2;
+  if ((body & 0xFF) != '#') return lookupPackedEntityName(body, length);
+  const std::uint64_t digits = body >> 8;
+  const std::size_t count = length - 1;
+  std::uint32_t value;
+  switch (digits & 0xFF) {
+    case 'x':
+    case 'X':
+      value = packedHexValue(digits >> 8, count - 1);
+      break;
+    case '+':
+    case '-': {
+      const auto signedValue = parseSignedDecimal(std::string_view(amp + 2, count));
+      value = signedValue && *signedValue > 0 ? static_cast<std::uint32_t>(*signedValue) : 0;
+      break;
+    }
+    default:
+      value = packedDecimalValue(digits, count);
+  }
+  return value < kMaxNumericExclusive ? static_cast<char16_t>(value) : 0;
 }
 
 // The first "&" in [p, end), or end. References sit a few bytes apart in dense text,
 // so this scans eight bytes at a time inline rather than calling memchr.
 inline const char* findAmpersand(const char* p, const char* end) {
-  constexpr std::uint64_t kOnes = 0x0101010101010101ull;
-  constexpr std::uint64_t kHigh = 0x8080808080808080ull;
   if constexpr (std::endian::native == std::endian::little) {
     while (end - p >= 8) {
       std::uint64_t word;
@@ -152,36 +244,19 @@ inline char* copyRun(char* dst, const char* from, const char* to, const char* te
 // examined. Every "&" is therefore judged against the original text only, and the ";"
 // it uses is the first one before the next "&". That makes the direction of the walk
 // unobservable, so the text is processed front to back in one pass.
-//
-// On the bytes of valid UTF-8 the window of 4 to 10 counts bytes, not UTF-16 units;
-// the two counts differ only for a candidate holding a non-ASCII character, and such a
-// candidate is never replaced under either count.
 template <typename Char, typename Replace>
 void forEachReference(std::basic_string_view<Char> text, Replace&& replace) {
   const Char* const end = text.data() + text.size();
   const Char* amp = text.data();
   while (true) {
-    if constexpr (sizeof(Char) == 1) {
-      amp = findAmpersand(amp, end);
-      if (amp == end) return;
-    } else {
-      while (amp < end && *amp != '&') ++amp;
-      if (amp == end) return;
-    }
+    while (amp < end && *amp != '&') ++amp;
+    if (amp == end) return;
     // Look for the ";" within the window, stopping at the next "&".
     const Char* limit = end - amp > static_cast<std::ptrdiff_t>(kMaxReferenceLength)
                             ? amp + kMaxReferenceLength
                             : end;
     const Char* next = amp + 1;
-    if constexpr (sizeof(Char) == 1) {
-      if (limit - amp == static_cast<std::ptrdiff_t>(kMaxReferenceLength)) {
-        next = findSemicolonOrAmpersand(amp + 1);
-      } else {
-        while (next < limit && *next != ';' && *next != '&') ++next;
-      }
-    } else {
-      while (next < limit && *next != ';' && *next != '&') ++next;
-    }
+    while (next < limit && *next != ';' && *next != '&') ++next;
     if (next < limit && *next == ';' &&
         static_cast<std::size_t>(next - amp + 1) >= kMinReferenceLength) {
       const auto length = static_cast<std::size_t>(next - amp + 1);
@@ -197,6 +272,7 @@ void forEachReference(std::basic_string_view<Char> text, Replace&& replace) {
 
 bool isHighSurrogate(char16_t c) { return c >= 0xD800 && c <= 0xDBFF; }
 bool isLowSurrogate(char16_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
+bool isSurrogate(char16_t c) { return c >= 0xD800 && c <= 0xDFFF; }
 
 // Writes `c` (below U+10000, not a surrogate, or U+FFFD) as UTF-8.
 char* putBmp(char16_t c, char* dst) {
@@ -213,6 +289,20 @@ char* putBmp(char16_t c, char* dst) {
   return dst;
 }
 
+// putBmp without branches on the size: the encodings of all three sizes are formed
+// and one is stored as four bytes, of which the leading 1 to 3 count. Used in place of
+// a reference of at least four bytes, so the store stays within the output.
+inline char* putBmpWithin(char16_t c, char* dst) {
+  if constexpr (std::endian::native != std::endian::little) return putBmp(c, dst);
+  const std::uint32_t u = c;
+  const std::uint32_t two = (0xC0 | (u >> 6)) | ((0x80 | (u & 0x3F)) << 8);
+  const std::uint32_t three =
+      (0xE0 | (u >> 12)) | ((0x80 | ((u >> 6) & 0x3F)) << 8) | ((0x80 | (u & 0x3F)) << 16);
+  const std::uint32_t bytes = u < 0x80 ? u : (u < 0x800 ? two : three);
+  std::memcpy(dst, &bytes, 4);
+  return dst + 1 + (u >= 0x80) + (u >= 0x800);
+}
+
 }  // namespace
 
 // Unescaping straight from valid UTF-8 to UTF-8, with the result the UTF-16 route
@@ -221,36 +311,49 @@ char* putBmp(char16_t c, char* dst) {
 // surrogate is written as U+FFFD.
 std::string unescapeValidUtf8(std::string_view text) {
   // A reference of n >= 4 bytes becomes at most 3 bytes, or 4 bytes for a pair made of
-  // two references of 8 bytes, so the result fits in the size of the text.
+  // two references of 8 bytes, so the result fits in the size of the text, and the
+  // output never runs ahead of the input.
   std::string out(text.size(), '\0');
   char* dst = out.data();
   const char* copied = text.data();
   const char* const textEnd = text.data() + text.size();
   char16_t pendingHigh = 0;  // a produced high surrogate waiting for its partner
-  forEachReference(text, [&](const char* begin, const char* end, char16_t unit) {
-    if (pendingHigh != 0 && (begin != copied || !isLowSurrogate(unit))) {
-      dst = putBmp(kReplacementCharacter, dst);
-      pendingHigh = 0;
+  for (const char* amp = findAmpersand(text.data(), textEnd); amp != textEnd;
+       amp = findAmpersand(amp, textEnd)) {
+    const char* after;
+    const char16_t unit = resolveReferenceAt(amp, textEnd, &after);
+    if (unit == 0) {
+      ++amp;
+      continue;
     }
-    dst = copyRun(dst, copied, begin, textEnd);
-    copied = end;
-    if (pendingHigh != 0) {
-      const char32_t c = 0x10000 + ((char32_t{pendingHigh} - 0xD800) << 10) + (unit - 0xDC00);
-      *dst++ = static_cast<char>(0xF0 | (c >> 18));
-      *dst++ = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      *dst++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      *dst++ = static_cast<char>(0x80 | (c & 0x3F));
-      pendingHigh = 0;
-    } else if (isHighSurrogate(unit)) {
-      pendingHigh = unit;
+    if (pendingHigh == 0 && !isSurrogate(unit)) {
+      dst = copyRun(dst, copied, amp, textEnd);
+      dst = putBmpWithin(unit, dst);
     } else {
-      dst = putBmp(isLowSurrogate(unit) ? kReplacementCharacter : unit, dst);
+      if (pendingHigh != 0 && (amp != copied || !isLowSurrogate(unit))) {
+        dst = putBmp(kReplacementCharacter, dst);
+        pendingHigh = 0;
+      }
+      dst = copyRun(dst, copied, amp, textEnd);
+      if (pendingHigh != 0) {
+        const char32_t c = 0x10000 + ((char32_t{pendingHigh} - 0xD800) << 10) + (unit - 0xDC00);
+        *dst++ = static_cast<char>(0xF0 | (c >> 18));
+        *dst++ = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+        *dst++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        *dst++ = static_cast<char>(0x80 | (c & 0x3F));
+        pendingHigh = 0;
+      } else if (isHighSurrogate(unit)) {
+        pendingHigh = unit;
+      } else {
+        // A low surrogate without its partner, or an ordinary unit after a lone high one.
+        dst = putBmp(isSurrogate(unit) ? kReplacementCharacter : unit, dst);
+      }
     }
-  });
+    copied = amp = after;
+  }
   if (pendingHigh != 0) dst = putBmp(kReplacementCharacter, dst);
-  const char* end = text.data() + text.size();
-  std::memcpy(dst, copied, static_cast<std::size_t>(end - copied));
-  dst += end - copied;
+  std::memcpy(dst, copied, static_cast<std::size_t>(textEnd - copied));
+  dst += textEnd - copied;
   out.resize(static_cast<std::size_t>(dst - out.data()));
   return out;
 }

@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <random>
 #include <set>
 #include <string>
 #include <string_view>
 
 #include "text/HtmlEntityTable.h"
+#include "text/HtmlEscaping.h"
 #include "text/Utf16.h"
 #include "zolvani/subscription/TextUtilities.h"
 
@@ -59,10 +61,47 @@ TEST(HtmlUnescapingTest, ReplacesOnlyWellFormedReferencesOnce) {
       // Units outside the Basic Multilingual Plane come as two references.
       {"&#55357;&#56832;", "😀"},
       {"&#xD83D;&#xDE00;!", "😀!"},
+      // Characters on either side of the digit and letter ranges.
+      {"&#x1aF;", "Ư"},
+      {"&#xfffe;", "\xEF\xBF\xBE"},
+      {"&#xffff;", "&#xffff;"},
+      {"&#x0;", "&#x0;"},
+      {"&#x/;&#x:;&#x@;&#xG;&#x`;&#xg;", "&#x/;&#x:;&#x@;&#xG;&#x`;&#xg;"},
+      {"&#/1;&#1:;&#1/;", "&#/1;&#1:;&#1/;"},
+      {"&#0065534;&#00;", "\xEF\xBF\xBE&#00;"},
+      {"&#x00e9;&#233;", "éé"},
+      {"&#xé;&#é;", "&#xé;&#é;"},
+      {std::string_view("&lt\0;&lt;", 9), std::string_view("&lt\0;<", 6)},
+      // References that end at the end of the text, or would run past it.
+      {"x&lt;", "x<"},
+      {"xy&lt", "xy&lt"},
+      {"ab&#x41;", "abA"},
+      {"&#12345", "&#12345"},
+      {"&#x2665; &thetasym", "♥ &thetasym"},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(gtm_stringByUnescapingFromHTML(c.input), c.expected) << "input: " << c.input;
     EXPECT_EQ(stringByDecodingHTMLEntities(c.input), c.expected) << "input: " << c.input;
+  }
+}
+
+// The unescaper of valid UTF-8 reads each candidate as one word; the UTF-16 route
+// walks it unit by unit. Texts built from the pieces of references, in every
+// arrangement, must come out the same both ways.
+TEST(HtmlUnescapingTest, Utf8RouteAgreesWithTheUtf16RouteOnGeneratedText) {
+  static constexpr std::string_view kPieces[] = {
+      "&",  "&",   ";", ";", "#",  "x",    "X",     "+",     "-",        "0",     "1",     "9",
+      "6",  "5",   "a", "F", "f",  "g",    ":",     "/",     "@",        "`",     "D83D",  "DE00",
+      "lt", "amp", "é", " ", "\0", "\x7F", "55357", "56832", "thetasym", "65534", "65535",
+  };
+  std::mt19937 random(20240611);
+  for (int round = 0; round < 20000; ++round) {
+    std::string text;
+    const std::size_t pieces = random() % 16;
+    for (std::size_t i = 0; i < pieces; ++i) text += kPieces[random() % std::size(kPieces)];
+    EXPECT_EQ(gtm_stringByUnescapingFromHTML(text),
+              text::toUtf8(text::unescapeHtml(text::toUtf16(text))))
+        << "input: " << text;
   }
 }
 
