@@ -203,3 +203,44 @@ TEST(ServicesTest, EveryFactoryFieldSurvivesARestart) {
 
 }  // namespace
 }  // namespace zolvani::testing
+
+namespace zolvani::testing {
+namespace {
+
+// Between its creation and its ready callback an asset is neither queued nor
+// transferring; it must still count as in progress, or a clean running in that
+// window would delete it as a cancelled download.
+TEST(ServicesTest, AnAssetBeingPreparedCountsAsProcessed) {
+  TempFolder folder;
+  auto engine = startEngine(testOptions(folder.path()));
+  auto roles = engine->roles();
+  std::atomic<bool> release{false}, inCallback{false};
+  auto asset = roles.assets->assetWithRemoteURL(
+      "http://127.0.0.1:9/none", "prepared", "Prepared", std::nullopt, std::nullopt, -42.0, -42.0,
+      -1, false, std::nullopt,
+      [&](std::shared_ptr<ZolvaniAsset>) {
+        inCallback = true;
+        while (!release) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      },
+      nullptr);
+  ASSERT_NE(asset, nullptr);
+  auto isProcessed = [&] {
+    for (const auto& a : roles.sessionHelper->zfm_processingAssets())
+      if (a->uuid() == asset->uuid()) return true;
+    return false;
+  };
+  EXPECT_TRUE(isProcessed());
+  for (int i = 0; i < 2000 && !inCallback; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_TRUE(isProcessed());
+  release = true;
+  bool left = false;
+  for (int i = 0; i < 2000 && !left; ++i) {
+    left = !isProcessed();
+    if (!left) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_TRUE(left);  // once prepared (and never queued) it is no longer in progress
+}
+
+}  // namespace
+}  // namespace zolvani::testing

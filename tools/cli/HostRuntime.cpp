@@ -58,122 +58,6 @@ class CommandLineUtilities final : public ZFM_UtilitiesWrapper {
   std::int64_t applicationState() override { return 2; }
 };
 
-// Assets whose engine is still preparing them: created, but their ready callback
-// (which queues the download) has not run yet. Retention cleaning counts an
-// unqueued, unfinished, untransferred tracked asset as cancelled; a cleaning
-// that runs in that short window (a fast download elsewhere finishing, on
-// loopback) would otherwise delete assets a sync has just made. The host
-// reports them as being processed until their callback has run.
-class PreparingAssets {
- public:
-  struct Entry {
-    std::shared_ptr<ZolvaniAsset> asset;
-    bool ready = false;
-  };
-  std::shared_ptr<Entry> begin() { return std::make_shared<Entry>(); }
-  void created(const std::shared_ptr<Entry>& entry, std::shared_ptr<ZolvaniAsset> asset) {
-    std::lock_guard lock(mutex_);
-    if (!asset || entry->ready) return;
-    entry->asset = std::move(asset);
-    entries_.push_back(entry);
-  }
-  void finished(const std::shared_ptr<Entry>& entry) {
-    std::lock_guard lock(mutex_);
-    entry->ready = true;
-    std::erase(entries_, entry);
-  }
-  std::vector<std::shared_ptr<ZolvaniAsset>> assets() const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::shared_ptr<ZolvaniAsset>> list;
-    for (const auto& e : entries_) list.push_back(e->asset);
-    return list;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::shared_ptr<Entry>> entries_;
-};
-
-class TrackingAssetFactory final : public ZolvaniAssetFactoryWrapper {
- public:
-  TrackingAssetFactory(std::shared_ptr<ZolvaniAssetFactory> target,
-                       std::shared_ptr<PreparingAssets> preparing)
-      : ZolvaniAssetFactoryWrapper(std::move(target)), preparing_(std::move(preparing)) {}
-
-  using ZolvaniAssetFactoryWrapper::assetWithAssetID;
-
-  std::shared_ptr<ZolvaniAsset> assetWithAssetID(
-      std::string assetID, std::string description, std::string manifestUrl,
-      std::int32_t protectionType, bool includeEncryptionKeys, std::int64_t maximumBitrate,
-      std::optional<Date> publishDate, std::optional<Date> expiryDate, double expiryAfterDownload,
-      double expiryAfterPlay, std::int32_t assetDownloadLimit, bool enableFastPlay,
-      std::optional<Value::Map> userInfo, AssetReadyCallback onReady,
-      AssetParseCallback onParse) override {
-    auto entry = preparing_->begin();
-    wrap(entry, onReady, onParse);
-    auto asset = ZolvaniAssetFactoryWrapper::assetWithAssetID(
-        std::move(assetID), std::move(description), std::move(manifestUrl), protectionType,
-        includeEncryptionKeys, maximumBitrate, publishDate, expiryDate, expiryAfterDownload,
-        expiryAfterPlay, assetDownloadLimit, enableFastPlay, std::move(userInfo),
-        std::move(onReady), std::move(onParse));
-    preparing_->created(entry, asset);
-    return asset;
-  }
-
-  std::shared_ptr<ZolvaniAsset> assetWithRemoteURL(
-      std::string remoteURL, std::string assetID, std::string description,
-      std::optional<Date> publishDate, std::optional<Date> expiryDate, double expiryAfterDownload,
-      double expiryAfterPlay, std::int32_t assetDownloadLimit, bool enableFastPlay,
-      std::optional<Value::Map> userInfo, AssetReadyCallback onReady,
-      AssetParseCallback onParse) override {
-    auto entry = preparing_->begin();
-    wrap(entry, onReady, onParse);
-    auto asset = ZolvaniAssetFactoryWrapper::assetWithRemoteURL(
-        std::move(remoteURL), std::move(assetID), std::move(description), publishDate, expiryDate,
-        expiryAfterDownload, expiryAfterPlay, assetDownloadLimit, enableFastPlay,
-        std::move(userInfo), std::move(onReady), std::move(onParse));
-    preparing_->created(entry, asset);
-    return asset;
-  }
-
- private:
-  void wrap(const std::shared_ptr<PreparingAssets::Entry>& entry, AssetReadyCallback& onReady,
-            AssetParseCallback& onParse) {
-    auto preparing = preparing_;
-    if (!onReady) {
-      preparing->finished(entry);
-      return;
-    }
-    onReady = [preparing, entry, inner = std::move(onReady)](std::shared_ptr<ZolvaniAsset> a) {
-      inner(std::move(a));
-      preparing->finished(entry);
-    };
-    // A stream whose playlist cannot be read never becomes ready.
-    onParse = [preparing, entry, inner = std::move(onParse)](std::shared_ptr<ZolvaniAsset> a,
-                                                             std::optional<Error> error) {
-      if (error) preparing->finished(entry);
-      if (inner) inner(std::move(a), std::move(error));
-    };
-  }
-
-  std::shared_ptr<PreparingAssets> preparing_;
-};
-
-class PreparingAwareSessions final : public NSURLSessionHelperWrapper {
- public:
-  PreparingAwareSessions(std::shared_ptr<NSURLSessionHelper> target,
-                         std::shared_ptr<PreparingAssets> preparing)
-      : NSURLSessionHelperWrapper(std::move(target)), preparing_(std::move(preparing)) {}
-  std::vector<std::shared_ptr<ZolvaniAsset>> zfm_processingAssets() override {
-    auto list = NSURLSessionHelperWrapper::zfm_processingAssets();
-    for (auto& a : preparing_->assets()) list.push_back(std::move(a));
-    return list;
-  }
-
- private:
-  std::shared_ptr<PreparingAssets> preparing_;
-};
-
 AssetNote noteFor(const Value& value) {
   AssetNote note;
   if (const Value::AssetRef* asset = value.asAsset(); asset && *asset) {
@@ -263,10 +147,6 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
   rt->logger_ = std::make_shared<CapturingLogger>(rt->roles_.logger, options.echoLogLevel);
   rt->roles_.logger = rt->logger_;
   rt->roles_.utilities = std::make_shared<CommandLineUtilities>(rt->roles_.utilities);
-  auto preparing = std::make_shared<PreparingAssets>();
-  rt->roles_.assets = std::make_shared<TrackingAssetFactory>(rt->roles_.assets, preparing);
-  rt->roles_.sessionHelper =
-      std::make_shared<PreparingAwareSessions>(rt->roles_.sessionHelper, preparing);
 
   rt->manager_ = ZolvaniSubscriptionManager::create(ManagerEnvironment{rt->roles_, rt->platform_});
   for (const auto& a : rt->engine_->listAssets()) rt->assetIds_[a.uuid] = a.assetID;

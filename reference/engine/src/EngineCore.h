@@ -243,6 +243,11 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
   std::unordered_map<std::string, std::shared_ptr<ReferenceAsset>> assets_;
   std::deque<std::string> queue_;
   std::map<std::string, std::shared_ptr<std::atomic<bool>>> transferring_;
+  // Assets whose ready callbacks have not run yet. They count as being
+  // processed: a clean that runs between an asset's creation and its queueing
+  // must not take it for a cancelled download.
+  std::set<std::string> preparing_;
+  void finishPreparing(const std::string& uuid);
   std::vector<std::thread> workers_;
   bool stopping_ = false;
   std::int64_t nextQueuePos_ = 1;

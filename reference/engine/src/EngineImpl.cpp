@@ -262,22 +262,34 @@ std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::createAsset(AssetFields f
   }
   if (!writeAsset(f)) return nullptr;
   auto asset = std::make_shared<ReferenceAsset>(weak_from_this(), f);
+  const bool willPrepare = f.manifest ? (ready || parse) : (options.callReadyCallbacks && ready);
   {
     std::lock_guard l(mutex_);
     assets_[f.uuid] = asset;
+    if (willPrepare) preparing_.insert(f.uuid);
   }
   if (f.manifest) {
     if (ready || parse) {
-      callLater([self = shared_from_this(), asset, ready = std::move(ready),
-                 parse = std::move(parse)] { self->prepareManifest(asset, ready, parse); });
+      callLater([self = shared_from_this(), asset, uuid = f.uuid, ready = std::move(ready),
+                 parse = std::move(parse)] {
+        self->prepareManifest(asset, ready, parse);
+        self->finishPreparing(uuid);
+      });
     }
   } else if (options.callReadyCallbacks && ready) {
-    callLater([asset, ready = std::move(ready), parse = std::move(parse)] {
+    callLater([self = shared_from_this(), asset, uuid = f.uuid, ready = std::move(ready),
+               parse = std::move(parse)] {
       if (parse) parse(asset, std::nullopt);
       ready(asset);
+      self->finishPreparing(uuid);
     });
   }
   return asset;
+}
+
+void ReferenceEngine::Impl::finishPreparing(const std::string& uuid) {
+  std::lock_guard l(mutex_);
+  preparing_.erase(uuid);
 }
 
 std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findByUUID(std::string_view uuid) {

@@ -58,6 +58,9 @@ std::vector<std::shared_ptr<ZolvaniAsset>> ReferenceEngine::Impl::processing() c
   std::vector<std::shared_ptr<ZolvaniAsset>> out;
   for (const auto& [uuid, cancel] : transferring_)
     if (auto it = assets_.find(uuid); it != assets_.end()) out.push_back(it->second);
+  for (const auto& uuid : preparing_)
+    if (auto it = assets_.find(uuid); it != assets_.end() && !transferring_.count(uuid))
+      out.push_back(it->second);
   return out;
 }
 
