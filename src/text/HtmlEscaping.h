@@ -20,7 +20,9 @@ std::u16string escapeHtml(std::u16string_view text, std::span<const HtmlEntity> 
 // Replaces character references by their code units; see gtm_stringByUnescapingFromHTML.
 std::u16string unescapeHtml(std::u16string_view text);
 
-// The same on valid UTF-8 (the caller checks), giving what the UTF-16 route gives.
-std::string unescapeValidUtf8(std::string_view text);
+// The same on the bytes of UTF-8, giving what the UTF-16 route gives when `text` is
+// valid UTF-8. Sets `*nonAscii` when `text` holds a byte above 0x7F, and only then
+// need the caller check its validity.
+std::string unescapeUtf8(std::string_view text, bool* nonAscii);
 
 }  // namespace zolvani::text
