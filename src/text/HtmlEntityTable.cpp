@@ -118,6 +118,16 @@ constexpr std::uint64_t packName(std::string_view name) {
   return key;
 }
 
+// The UTF-8 form of `unit` (a character of the table, not a surrogate) and its size,
+// packed as EntityNameSlot::utf8 holds them.
+constexpr std::uint32_t utf8Of(char16_t unit) {
+  const std::uint32_t u = unit;
+  if (u < 0x80) return u | (1u << 24);
+  if (u < 0x800) return (0xC0 | (u >> 6)) | ((0x80 | (u & 0x3F)) << 8) | (2u << 24);
+  return (0xE0 | (u >> 12)) | ((0x80 | ((u >> 6) & 0x3F)) << 8) | ((0x80 | (u & 0x3F)) << 16) |
+         (3u << 24);
+}
+
 constexpr EntityNameIndex buildNameIndex() {
   EntityNameIndex index{};
   for (const HtmlEntity& entity : kFullTable) {
@@ -125,7 +135,7 @@ constexpr EntityNameIndex buildNameIndex() {
     const std::uint64_t key = packName(name);
     std::size_t slot = entityNameSlotOf(key);
     while (index[slot].key != 0) slot = (slot + 1) & (index.size() - 1);
-    index[slot] = {key, entity.unit, static_cast<std::uint16_t>(name.size())};
+    index[slot] = {key, utf8Of(entity.unit), entity.unit, static_cast<std::uint16_t>(name.size())};
   }
   return index;
 }
@@ -153,7 +163,7 @@ std::optional<char16_t> lookupName(std::basic_string_view<Char> name) {
     key |= std::uint64_t{static_cast<std::uint8_t>(unit)} << (8 * i);
   }
   if (all > 0x7F) return std::nullopt;
-  if (const char16_t unit = lookupPackedEntityName(key, name.size())) return unit;
+  if (const EntityNameSlot* slot = findPackedEntityName(key, name.size())) return slot->unit;
   return std::nullopt;
 }
 

@@ -38,6 +38,9 @@ std::optional<char16_t> lookupEntityName(std::string_view name);
 // zero bytes ("lt" followed by NULs) from matching a shorter name.
 struct EntityNameSlot {
   std::uint64_t key;  // 0 marks an empty slot
+  // The character's UTF-8 form in the low three bytes (first byte lowest), and the
+  // number of bytes it takes in the top byte, ready to be stored as it is.
+  std::uint32_t utf8;
   char16_t unit;
   std::uint16_t length;
 };
@@ -49,14 +52,14 @@ constexpr std::size_t entityNameSlotOf(std::uint64_t key) {
   return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15ull) >> (64 - kEntityNameIndexBits));
 }
 
-// The code unit of the name of `length` bytes packed into `key` as above, or 0 when no
-// name matches (no entry has the unit 0). Inline for the unescaper's inner loop.
-inline char16_t lookupPackedEntityName(std::uint64_t key, std::size_t length) {
+// The slot of the name of `length` bytes packed into `key` as above, or null when no
+// name matches. Inline for the unescaper's inner loop.
+inline const EntityNameSlot* findPackedEntityName(std::uint64_t key, std::size_t length) {
   constexpr std::size_t kMask = (std::size_t{1} << kEntityNameIndexBits) - 1;
   for (std::size_t slot = entityNameSlotOf(key);; slot = (slot + 1) & kMask) {
     const EntityNameSlot& entry = kEntityNameIndex[slot];
-    if (entry.key == key && entry.length == length) return entry.unit;
-    if (entry.key == 0) return 0;
+    if (entry.key == key && entry.length == length) return &entry;
+    if (entry.key == 0) return nullptr;
   }
 }
 

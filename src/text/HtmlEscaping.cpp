@@ -157,40 +157,11 @@ inline std::uint32_t packedHexValue(std::uint64_t digits, std::size_t count) {
   return static_cast<std::uint32_t>(value);
 }
 
-// The code unit that the "&" at `amp` in valid UTF-8 stands for, with `*after` set past
-// its ";", or 0 when it starts no reference that is replaced (no reference stands for
-// 0). Decides the same as resolveReference on the candidate of forEachReference, but
-// reads the nine bytes after "&" as one word, without a loop that depends on the data.
-inline char16_t resolveReferenceAt(const char* amp, const char* end, const char** after) {
-  std::uint64_t word;
-  char ninth;
-  if (end - amp >= 10) {
-    word = loadLittle64(amp + 1);
-    ninth = amp[9];
-  } else {
-    // Near the end: NULs stand for the missing bytes, and are neither ";" nor "&".
-    char tail[9] = {};
-    std::memcpy(tail, amp + 1, static_cast<std::size_t>(end - amp - 1));
-    word = loadLittle64(tail);
-    ninth = tail[8];
-  }
-  // The candidate's body is the bytes before the first ";" or "&", and counts only when
-  // that byte is a ";" and the reference is 4 to 10 bytes long: a body of 2 to 8.
-  const std::uint64_t stops = zeroBytes(word ^ (kOnes * ';')) | zeroBytes(word ^ (kOnes * '&'));
-  std::size_t length;
-  std::uint64_t body;
-  if (stops != 0) {
-    length = static_cast<std::size_t>(std::countr_zero(stops)) / 8;
-    if (length < kMinReferenceLength - 2 || ((word >> (8 * length)) & 0xFF) != ';') return 0;
-    body = word & ((std::uint64_t{1} << (8 * length)) - 1);
-  } else if (ninth == ';') {
-    length = kMaxReferenceLength - 2;
-    body = word;
-  } else {
-    return 0;
-  }
-  *after = amp + length + 2;
-  if ((body & 0xFF) != '#') return lookupPackedEntityName(body, length);
+// The code unit of the numeric reference whose body ("#" and what follows, before the
+// ";") is the `length` (2 to 8) bytes packed in `body`, or 0 when it is not replaced.
+// The same decision as resolveReference's, on the body read as one word. `sign` is
+// the body's text, read for the rare signed decimal.
+inline char16_t numericReferenceUnit(std::uint64_t body, std::size_t length, const char* text) {
   const std::uint64_t digits = body >> 8;
   const std::size_t count = length - 1;
   std::uint32_t value;
@@ -201,7 +172,7 @@ inline char16_t resolveReferenceAt(const char* amp, const char* end, const char*
       break;
     case '+':
     case '-': {
-      const auto signedValue = parseSignedDecimal(std::string_view(amp + 2, count));
+      const auto signedValue = parseSignedDecimal(std::string_view(text + 1, count));
       value = signedValue && *signedValue > 0 ? static_cast<std::uint32_t>(*signedValue) : 0;
       break;
     }
@@ -211,29 +182,65 @@ inline char16_t resolveReferenceAt(const char* amp, const char* end, const char*
   return value < kMaxNumericExclusive ? static_cast<char16_t>(value) : 0;
 }
 
-// Bit i set where p[i] is "&", for the 64 bytes at `p`; the high bits of those bytes
-// are added to `highBits`, so that the unescaper learns on the way whether the text
-// is all ASCII. Knowing every "&" of a block at once lets the unescaper go from one to
-// the next with a bit operation, instead of a search that waits on the previous one.
-inline std::uint64_t ampersandsIn64(const char* p, unsigned& highBits) {
+// Where the ";" and "&" bytes of a block of 64 bytes are, bit i standing for byte i.
+struct BlockMasks {
+  std::uint64_t ampersands = 0;
+  std::uint64_t semicolons = 0;
+};
+
+// The masks of the 64 bytes at `p`; the high bits of those bytes are added to
+// `highBits`, so that the unescaper learns on the way whether the text is all ASCII.
+// Knowing every "&" and ";" of a block at once lets the unescaper go from one "&" to
+// the next, and find the end of its candidate, with bit operations, instead of
+// searches of which each waits on the one before.
+inline BlockMasks masksOf64(const char* p, unsigned& highBits) {
+  BlockMasks masks;
 #if defined(__SSE2__)
   const __m128i ampersands = _mm_set1_epi8('&');
-  std::uint64_t found = 0;
+  const __m128i semicolons = _mm_set1_epi8(';');
   for (int i = 0; i < 4; ++i) {
     const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * i));
     highBits |= static_cast<unsigned>(_mm_movemask_epi8(block));
-    const auto mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(block, ampersands)));
-    found |= std::uint64_t{mask} << (16 * i);
+    const auto amp = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(block, ampersands)));
+    const auto semi = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(block, semicolons)));
+    masks.ampersands |= std::uint64_t{amp} << (16 * i);
+    masks.semicolons |= std::uint64_t{semi} << (16 * i);
   }
-  return found;
 #else
-  std::uint64_t found = 0;
   for (int i = 0; i < 64; ++i) {
     highBits |= static_cast<unsigned char>(p[i]) >> 7;
-    found |= std::uint64_t{p[i] == '&'} << i;
+    masks.ampersands |= std::uint64_t{p[i] == '&'} << i;
+    masks.semicolons |= std::uint64_t{p[i] == ';'} << i;
   }
-  return found;
 #endif
+  return masks;
+}
+
+// The masks of the block at `offset`, which may be short: NULs stand for the missing
+// bytes, and are neither ";" nor "&".
+inline BlockMasks masksAt(std::string_view text, std::size_t offset, unsigned& highBits) {
+  if (text.size() - offset >= 64) return masksOf64(text.data() + offset, highBits);
+  char padded[64] = {};
+  std::memcpy(padded, text.data() + offset, text.size() - offset);
+  return masksOf64(padded, highBits);
+}
+
+// The 64 bits that follow bit `i` of the 128-bit mask (high:low).
+constexpr std::uint64_t bitsAfter(std::uint64_t low, std::uint64_t high, unsigned i) {
+  return (low >> i >> 1) | (high << (63 - i));
+}
+
+// The `length` (2 to 8) bytes after the "&" at `amp`, packed first in the low byte.
+inline std::uint64_t loadBody(const char* amp, const char* end, std::size_t length) {
+  std::uint64_t word;
+  if (end - amp > 8) {
+    word = loadLittle64(amp + 1);
+  } else {
+    char tail[8] = {};
+    std::memcpy(tail, amp + 1, static_cast<std::size_t>(end - amp - 1));
+    word = loadLittle64(tail);
+  }
+  return word & (~std::uint64_t{0} >> (64 - 8 * length));
 }
 
 // Copies [from, to) to `dst`; short runs with room behind them in the text are copied
@@ -325,6 +332,8 @@ inline char* putBmpWithin(char16_t c, char* dst) {
 // produced surrogate is written as U+FFFD. Works on any bytes; the caller checks
 // validity only when a byte above 0x7F was seen, and then only once.
 std::string unescapeUtf8(std::string_view text, bool* nonAscii) {
+  *nonAscii = false;
+  if (text.empty()) return std::string();
   // A reference of n >= 4 bytes becomes at most 3 bytes, or 4 bytes for a pair made of
   // two references of 8 bytes, so the result fits in the size of the text, and the
   // output never runs ahead of the input.
@@ -335,21 +344,44 @@ std::string unescapeUtf8(std::string_view text, bool* nonAscii) {
   char16_t pendingHigh = 0;  // a produced high surrogate waiting for its partner
   unsigned highBits = 0;
   // Every "&" is examined in order: none lies inside a replaced reference, whose body
-  // stops before the first ";" or "&", so the next "&" is never before its end.
-  for (const char* block = text.data(); block < textEnd; block += 64) {
-    std::uint64_t ampersands;
-    if (textEnd - block >= 64) {
-      ampersands = ampersandsIn64(block, highBits);
-    } else {
-      char padded[64] = {};
-      std::memcpy(padded, block, static_cast<std::size_t>(textEnd - block));
-      ampersands = ampersandsIn64(padded, highBits);
-    }
-    for (; ampersands != 0; ampersands &= ampersands - 1) {
-      const char* amp = block + std::countr_zero(ampersands);
-      const char* after;
-      const char16_t unit = resolveReferenceAt(amp, textEnd, &after);
-      if (unit == 0) continue;
+  // stops before the first ";" or "&". A candidate may run into the next block, whose
+  // masks are therefore made one block ahead.
+  BlockMasks current = masksAt(text, 0, highBits);
+  for (std::size_t offset = 0; offset < text.size(); offset += 64) {
+    const BlockMasks next =
+        text.size() - offset > 64 ? masksAt(text, offset + 64, highBits) : BlockMasks{};
+    const std::uint64_t stops = current.ampersands | current.semicolons;
+    const std::uint64_t nextStops = next.ampersands | next.semicolons;
+    for (std::uint64_t ampersands = current.ampersands; ampersands != 0;
+         ampersands &= ampersands - 1) {
+      const auto i = static_cast<unsigned>(std::countr_zero(ampersands));
+      // The candidate's body is the bytes before the first ";" or "&", and counts only
+      // when that byte is a ";" and the reference is 4 to 10 bytes long: a body of 2
+      // to 8 bytes.
+      const auto length =
+          static_cast<std::size_t>(std::countr_zero(bitsAfter(stops, nextStops, i)));
+      if (length - (kMinReferenceLength - 2) > kMaxReferenceLength - kMinReferenceLength) continue;
+      if (((bitsAfter(current.semicolons, next.semicolons, i) >> length) & 1) == 0) continue;
+      const char* amp = text.data() + offset + i;
+      const std::uint64_t body = loadBody(amp, textEnd, length);
+      char16_t unit;
+      if ((body & 0xFF) != '#') {
+        const EntityNameSlot* slot = findPackedEntityName(body, length);
+        if (slot == nullptr) continue;
+        if (std::endian::native == std::endian::little && pendingHigh == 0) {
+          // The name's UTF-8 form is stored whole; the byte past it is overwritten by
+          // what follows, or cut off at the end.
+          dst = copyRun(dst, copied, amp, textEnd);
+          std::memcpy(dst, &slot->utf8, 4);
+          dst += slot->utf8 >> 24;
+          copied = amp + length + 2;
+          continue;
+        }
+        unit = slot->unit;
+      } else {
+        unit = numericReferenceUnit(body, length, amp + 1);
+        if (unit == 0) continue;
+      }
       if (pendingHigh == 0 && !isSurrogate(unit)) {
         dst = copyRun(dst, copied, amp, textEnd);
         dst = putBmpWithin(unit, dst);
@@ -373,8 +405,9 @@ std::string unescapeUtf8(std::string_view text, bool* nonAscii) {
           dst = putBmp(isSurrogate(unit) ? kReplacementCharacter : unit, dst);
         }
       }
-      copied = after;
+      copied = amp + length + 2;
     }
+    current = next;
   }
   if (pendingHigh != 0) dst = putBmp(kReplacementCharacter, dst);
   std::memcpy(dst, copied, static_cast<std::size_t>(textEnd - copied));
