@@ -361,8 +361,8 @@ std::string unescapeUtf8(std::string_view text, bool* nonAscii) {
       const auto length =
           static_cast<std::size_t>(std::countr_zero(bitsAfter(stops, nextStops, i)));
       if (length - (kMinReferenceLength - 2) > kMaxReferenceLength - kMinReferenceLength) continue;
-      if (((bitsAfter(current.semicolons, next.semicolons, i) >> length) & 1) == 0) continue;
       const char* amp = text.data() + offset + i;
+      if (amp[length + 1] != ';') continue;
       const std::uint64_t body = loadBody(amp, textEnd, length);
       char16_t unit;
       if ((body & 0xFF) != '#') {
