@@ -113,15 +113,15 @@ constexpr std::uint64_t bytesAtLeast(std::uint64_t ascii, unsigned char low) {
   return (ascii + kOnes * (0x80 - low)) & kHigh;
 }
 
-// The `count` (1 to 7) characters packed in `digits` moved to the top of a word, with
-// "0" characters filling the bytes below them: a number of eight digits, most
-// significant first in memory order, with the same value.
+// The first `count` (1 to 7) characters packed in `digits` moved to the top of a word
+// (the bytes after them drop out), with "0" characters filling the bytes below them: a
+// number of eight digits, most significant first in memory order, with the same value.
 constexpr std::uint64_t alignDigits(std::uint64_t digits, std::size_t count) {
   return (digits << (8 * (8 - count))) | ((kOnes * '0') >> (8 * count));
 }
 
-// The value of the `count` (1 to 7) decimal digits packed in `digits`, or 0 when any of
-// them is not a digit.
+// The value of the first `count` (1 to 7) bytes packed in `digits` read as decimal
+// digits, or 0 when any of them is not a digit.
 inline std::uint32_t packedDecimalValue(std::uint64_t digits, std::size_t count) {
   std::uint64_t chunk = alignDigits(digits, count);
   // Every byte in 0x30..0x3F, and still below 0x40 with 6 added: "0" to "9".
@@ -138,8 +138,8 @@ inline std::uint32_t packedDecimalValue(std::uint64_t digits, std::size_t count)
   return static_cast<std::uint32_t>(chunk);
 }
 
-// The value of the `count` (0 to 6) hexadecimal digits packed in `digits`, or 0 when
-// there are none or any of them is not a hexadecimal digit.
+// The value of the first `count` (0 to 6) bytes packed in `digits` read as hexadecimal
+// digits, or 0 when there are none or any of them is not a hexadecimal digit.
 inline std::uint32_t packedHexValue(std::uint64_t digits, std::size_t count) {
   if (count == 0) return 0;
   const std::uint64_t chunk = alignDigits(digits, count);
@@ -157,29 +157,22 @@ inline std::uint32_t packedHexValue(std::uint64_t digits, std::size_t count) {
   return static_cast<std::uint32_t>(value);
 }
 
-// The code unit of the numeric reference whose body ("#" and what follows, before the
-// ";") is the `length` (2 to 8) bytes packed in `body`, or 0 when it is not replaced.
-// The same decision as resolveReference's, on the body read as one word. `sign` is
-// the body's text, read for the rare signed decimal.
-inline char16_t numericReferenceUnit(std::uint64_t body, std::size_t length, const char* text) {
+// The value of the numeric reference whose body ("#" and what follows, before the
+// ";") is the first `length` (2 to 8) of the bytes packed in `body`, or 0 when it is
+// not a number. The reference is replaced when the value is also below 65535. The same
+// decision as resolveReference's, on the body read as one word; `text` is the body's
+// text, read for the rare signed decimal.
+inline std::uint32_t numericReferenceValue(std::uint64_t body, std::size_t length,
+                                           const char* text) {
   const std::uint64_t digits = body >> 8;
   const std::size_t count = length - 1;
-  std::uint32_t value;
-  switch (digits & 0xFF) {
-    case 'x':
-    case 'X':
-      value = packedHexValue(digits >> 8, count - 1);
-      break;
-    case '+':
-    case '-': {
-      const auto signedValue = parseSignedDecimal(std::string_view(text + 1, count));
-      value = signedValue && *signedValue > 0 ? static_cast<std::uint32_t>(*signedValue) : 0;
-      break;
-    }
-    default:
-      value = packedDecimalValue(digits, count);
+  const unsigned first = digits & 0xFF;
+  if ((first | 0x20) == 'x') return packedHexValue(digits >> 8, count - 1);
+  if (first == '+' || first == '-') [[unlikely]] {
+    const auto signedValue = parseSignedDecimal(std::string_view(text + 1, count));
+    return signedValue && *signedValue > 0 ? static_cast<std::uint32_t>(*signedValue) : 0;
   }
-  return value < kMaxNumericExclusive ? static_cast<char16_t>(value) : 0;
+  return packedDecimalValue(digits, count);
 }
 
 // Where the ";" and "&" bytes of a block of 64 bytes are, bit i standing for byte i.
@@ -225,22 +218,22 @@ inline BlockMasks masksAt(std::string_view text, std::size_t offset, unsigned& h
   return masksOf64(padded, highBits);
 }
 
+#if defined(__SIZEOF_INT128__)
+__extension__ using Uint128 = unsigned __int128;
+#endif
+
 // The 64 bits that follow bit `i` of the 128-bit mask (high:low).
 constexpr std::uint64_t bitsAfter(std::uint64_t low, std::uint64_t high, unsigned i) {
   return (low >> i >> 1) | (high << (63 - i));
 }
 
-// The `length` (2 to 8) bytes after the "&" at `amp`, packed first in the low byte.
-inline std::uint64_t loadBody(const char* amp, const char* end, std::size_t length) {
-  std::uint64_t word;
-  if (end - amp > 8) {
-    word = loadLittle64(amp + 1);
-  } else {
-    char tail[8] = {};
-    std::memcpy(tail, amp + 1, static_cast<std::size_t>(end - amp - 1));
-    word = loadLittle64(tail);
-  }
-  return word & (~std::uint64_t{0} >> (64 - 8 * length));
+// The eight bytes after the "&" at `amp`, first in the low byte, of which the
+// candidate's body takes the first 2 to 8; NULs stand for any past the end.
+inline std::uint64_t loadAfter(const char* amp, const char* end) {
+  if (end - amp > 8) return loadLittle64(amp + 1);
+  char tail[8] = {};
+  std::memcpy(tail, amp + 1, static_cast<std::size_t>(end - amp - 1));
+  return loadLittle64(tail);
 }
 
 // Copies [from, to) to `dst`; short runs with room behind them in the text are copied
@@ -316,9 +309,11 @@ inline char* putBmpWithin(char16_t c, char* dst) {
   const std::uint32_t u = c;
   const bool wide = u >= 0x80;
   const bool wider = u >= 0x800;
-  const std::uint32_t two = (0xC0 | (u >> 6)) | ((0x80 | (u & 0x3F)) << 8);
   const std::uint32_t three =
-      (0xE0 | (u >> 12)) | ((0x80 | ((u >> 6) & 0x3F)) << 8) | ((0x80 | (u & 0x3F)) << 16);
+      0x8080E0 | (u >> 12) | ((u & 0xFC0) << 2) | ((u & 0x3F) << 16);  // for u >= 0x800
+  // Below 0x800 the three-byte form starts with E0; past it, the two continuation
+  // bytes are the two-byte form once the first gets its lead bits (C0 for 80).
+  const std::uint32_t two = (three >> 8) | 0x40;
   const std::uint32_t bytes = wider ? three : (wide ? two : u);
   std::memcpy(dst, &bytes, 4);
   return dst + 1 + static_cast<int>(wide) + static_cast<int>(wider);
@@ -350,6 +345,7 @@ std::string unescapeUtf8(std::string_view text, bool* nonAscii) {
   for (std::size_t offset = 0; offset < text.size(); offset += 64) {
     const BlockMasks next =
         text.size() - offset > 64 ? masksAt(text, offset + 64, highBits) : BlockMasks{};
+    const char* const block = text.data() + offset;
     const std::uint64_t stops = current.ampersands | current.semicolons;
     const std::uint64_t nextStops = next.ampersands | next.semicolons;
     for (std::uint64_t ampersands = current.ampersands; ampersands != 0;
@@ -361,12 +357,13 @@ std::string unescapeUtf8(std::string_view text, bool* nonAscii) {
       const auto length =
           static_cast<std::size_t>(std::countr_zero(bitsAfter(stops, nextStops, i)));
       if (length - (kMinReferenceLength - 2) > kMaxReferenceLength - kMinReferenceLength) continue;
-      const char* amp = text.data() + offset + i;
+      const char* amp = block + i;
       if (amp[length + 1] != ';') continue;
-      const std::uint64_t body = loadBody(amp, textEnd, length);
-      char16_t unit;
-      if ((body & 0xFF) != '#') {
-        const EntityNameSlot* slot = findPackedEntityName(body, length);
+      const std::uint64_t after = loadAfter(amp, textEnd);
+      std::uint32_t value;  // the code unit, when from 1 to 65534
+      if ((after & 0xFF) != '#') {
+        const std::uint64_t name = after & (~std::uint64_t{0} >> (64 - 8 * length));
+        const EntityNameSlot* slot = findPackedEntityName(name, length);
         if (slot == nullptr) continue;
         if (std::endian::native == std::endian::little && pendingHigh == 0) {
           // The name's UTF-8 form is stored whole; the byte past it is overwritten by
@@ -377,15 +374,19 @@ std::string unescapeUtf8(std::string_view text, bool* nonAscii) {
           copied = amp + length + 2;
           continue;
         }
-        unit = slot->unit;
+        value = slot->unit;
       } else {
-        unit = numericReferenceUnit(body, length, amp + 1);
-        if (unit == 0) continue;
+        value = numericReferenceValue(after, length, amp + 1);
       }
-      if (pendingHigh == 0 && !isSurrogate(unit)) {
+      // One test admits the common case: a unit below the surrogates, and no high
+      // surrogate waiting.
+      if (((value - 1) | (std::uint32_t{pendingHigh} << 16)) < 0xD7FF) {
         dst = copyRun(dst, copied, amp, textEnd);
-        dst = putBmpWithin(unit, dst);
+        dst = putBmpWithin(static_cast<char16_t>(value), dst);
+      } else if (value - 1 >= kMaxNumericExclusive - 1) {
+        continue;  // 0 when not a number, or too large
       } else {
+        const auto unit = static_cast<char16_t>(value);
         if (pendingHigh != 0 && (amp != copied || !isLowSurrogate(unit))) {
           dst = putBmp(kReplacementCharacter, dst);
           pendingHigh = 0;
@@ -486,7 +487,7 @@ std::string gtm_stringByUnescapingFromHTML(std::string_view text) {
   bool nonAscii = false;
   std::string out = text::unescapeUtf8(text, &nonAscii);
   if (nonAscii && !text::isValidUtf8(text)) {
-    return text::toUtf8(text::unescapeHtml(text::toUtf16(text)));
+    out = text::toUtf8(text::unescapeHtml(text::toUtf16(text)));
   }
   return out;
 }
