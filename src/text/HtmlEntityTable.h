@@ -1,9 +1,9 @@
 // The two fixed tables of named character references and the look-up by name.
 //
 // Both tables are sorted strictly ascending by code unit, so the escaper finds a code
-// unit's name by binary search. The unescaper finds a name's code unit through a hash
-// index built once over the full table. Immutable after first use; safe from any
-// thread.
+// unit's name by binary search. The unescaper finds a name's code unit, and its UTF-8
+// form, through a hash index over the full table that is built at compile time. All
+// of it is immutable; safe from any thread.
 #pragma once
 
 #include <array>

@@ -113,10 +113,6 @@ inline std::uint64_t loadLittle64(const char* p) {
   return word;
 }
 
-// The high bit of each byte of `word` that is zero. Bits above the lowest one may be
-// spurious (a borrow runs on), so only the lowest is to be used.
-constexpr std::uint64_t zeroBytes(std::uint64_t word) { return (word - kOnes) & ~word & kHigh; }
-
 // The high bit of each byte that is at least `low`, for words of ASCII bytes (no byte
 // carries into the next).
 constexpr std::uint64_t bytesAtLeast(std::uint64_t ascii, unsigned char low) {
@@ -227,10 +223,6 @@ inline BlockMasks masksAt(std::string_view text, std::size_t offset, unsigned& h
   std::memcpy(padded, text.data() + offset, text.size() - offset);
   return masksOf64(padded, highBits);
 }
-
-#if defined(__SIZEOF_INT128__)
-__extension__ using Uint128 = unsigned __int128;
-#endif
 
 // The 64 bits that follow bit `i` of the 128-bit mask (high:low).
 constexpr std::uint64_t bitsAfter(std::uint64_t low, std::uint64_t high, unsigned i) {
