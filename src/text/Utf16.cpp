@@ -138,6 +138,7 @@ std::string toUtf8(std::u16string_view utf16) {
 bool isValidUtf8(std::string_view utf8) {
   const auto* p = reinterpret_cast<const unsigned char*>(utf8.data());
   const auto* end = p + utf8.size();
+  const auto continuation = [](unsigned char c) { return (c & 0xC0) == 0x80; };
   while (p < end) {
     while (end - p >= 8) {
       std::uint64_t word;
@@ -146,15 +147,33 @@ bool isValidUtf8(std::string_view utf8) {
       p += 8;
     }
     if (p == end) break;
-    if (*p < 0x80) {
+    const unsigned char lead = *p;
+    if (lead < 0x80) {
       ++p;
       continue;
     }
-    const unsigned char* start = p;
-    if (decodeOne(p, end) == kReplacementCharacter) {
-      // A genuine U+FFFD is three bytes long; an ill-formed read is shorter.
-      if (p - start != 3 || start[0] != 0xEF || start[1] != 0xBF || start[2] != 0xBD) return false;
+    // The allowed range of the byte after the lead, which rules out overlong forms,
+    // surrogates and values above U+10FFFF; the bytes after it are plain
+    // continuation bytes.
+    unsigned char low = 0x80, high = 0xBF;
+    std::ptrdiff_t size;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+      size = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+      size = 3;
+      if (lead == 0xE0) low = 0xA0;
+      if (lead == 0xED) high = 0x9F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      size = 4;
+      if (lead == 0xF0) low = 0x90;
+      if (lead == 0xF4) high = 0x8F;
+    } else {
+      return false;
     }
+    if (end - p < size || p[1] < low || p[1] > high) return false;
+    if (size >= 3 && !continuation(p[2])) return false;
+    if (size == 4 && !continuation(p[3])) return false;
+    p += size;
   }
   return true;
 }

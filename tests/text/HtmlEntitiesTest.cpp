@@ -135,6 +135,32 @@ TEST(HtmlUnescapingTest, LoneSurrogatesAndInvalidUtf8BecomeReplacementCharacters
   }
 }
 
+// Valid text is unescaped in place and invalid text repaired, so the check decides
+// which bytes come out as they are.
+TEST(Utf8ValidityTest, AcceptsExactlyTheWellFormedSequences) {
+  const std::pair<std::string_view, bool> cases[] = {
+      {"plain ascii text, longer than a word", true},
+      {"\xC2\x80\xDF\xBF", true},
+      {"\xC1\xBF", false},  // overlong
+      {"\xE0\xA0\x80\xEF\xBF\xBF", true},
+      {"\xE0\x9F\xBF", false},  // overlong
+      {"\xED\x9F\xBF", true},
+      {"\xED\xA0\x80", false},  // surrogate
+      {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", true},
+      {"\xF0\x8F\xBF\xBF", false},  // overlong
+      {"\xF4\x90\x80\x80", false},  // above U+10FFFF
+      {"\xF5\x80\x80\x80", false},
+      {"abcdefgh\xE2\x82", false},  // cut short at the end
+      {"\xE2\x82\x41", false},
+      {"\xF0\x9F\x98\x41", false},
+      {"\x80", false},
+      {"abcdefghijklmno\xC3\xA9", true},
+  };
+  for (const auto& [text, valid] : cases) {
+    EXPECT_EQ(text::isValidUtf8(text), valid) << text;
+  }
+}
+
 TEST(HtmlEscapingTest, AsciiAndHtmlEscapingChooseTheirTables) {
   struct EscapeCase {
     std::string_view input;
