@@ -16,8 +16,10 @@
 // The UTF-8 unescaper is mostly bit arithmetic on words, which takes markedly fewer
 // instructions with the shifts and bit operations of newer x86-64 processors (BMI1/2,
 // AVX2). Where the toolchain can, it is built twice and the loader picks the build
-// that the processor runs.
-#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && defined(__ELF__)
+// that the processor runs. Not under ThreadSanitizer, whose runtime is not ready yet
+// when the loader makes that choice.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && defined(__ELF__) && \
+    !defined(__SANITIZE_THREAD__)
 #define ZSM_CLONED_FOR_WIDER_CPUS __attribute__((target_clones("arch=x86-64-v3", "default")))
 #else
 #define ZSM_CLONED_FOR_WIDER_CPUS
