@@ -357,7 +357,8 @@ ZSM_CLONED_FOR_WIDER_CPUS std::string unescapeUtf8(std::string_view text, bool* 
       const auto i = static_cast<unsigned>(std::countr_zero(ampersands));
       // The candidate's body is the bytes before the first ";" or "&", and counts only
       // when that byte is a ";" and the reference is 4 to 10 bytes long: a body of 2
-      // to 8 bytes.
+      // to 8 bytes. Bytes, not UTF-16 units: the two counts differ only for a candidate
+      // holding a non-ASCII character, which is never replaced under either count.
       const auto length =
           static_cast<std::size_t>(std::countr_zero(bitsAfter(stops, nextStops, i)));
       if (length - (kMinReferenceLength - 2) > kMaxReferenceLength - kMinReferenceLength) continue;
