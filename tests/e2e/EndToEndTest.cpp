@@ -18,9 +18,13 @@
 
 #include "ChildProcess.h"
 #include "ThrottledLink.h"
+#include "support/ProgramEnvironment.h"
 
 namespace zsm {
 namespace {
+
+// Children run without the leak checker (see ProgramEnvironment.h).
+const bool kChildEnvironment = (zolvani::testing::disableLeakCheckInChildren(), true);
 
 namespace fs = std::filesystem;
 using nlohmann::json;

@@ -9,9 +9,13 @@
 
 #include "ChildProcess.h"
 #include "StoreSnapshot.h"
+#include "support/ProgramEnvironment.h"
 
 namespace zolvani::testing {
 namespace {
+
+// Children run without the leak checker (see ProgramEnvironment.h).
+const bool kChildEnvironment = (disableLeakCheckInChildren(), true);
 
 using namespace std::chrono_literals;
 

@@ -701,6 +701,15 @@ std::size_t InMemoryEngine::fireReadyCallbacks() {
   return ready.size();
 }
 
+void InMemoryEngine::dropCallbacks() {
+  std::lock_guard l(mutex_);
+  for (const auto& a : created_) {
+    a->readyCallback = nullptr;
+    a->parseCallback = nullptr;
+  }
+  pendingReady_.clear();
+}
+
 void InMemoryEngine::deleteExternally(const std::string& uuid) { removeAsset(uuid, std::nullopt); }
 
 void InMemoryEngine::removeAsset(const std::string& uuid, std::optional<std::int64_t> reason) {

@@ -126,6 +126,10 @@ class InMemoryEngine : public std::enable_shared_from_this<InMemoryEngine> {
   std::vector<std::shared_ptr<InMemoryAsset>> createdAssets() const;
   // Runs the ready callbacks of every asset that has not had them yet.
   std::size_t fireReadyCallbacks();
+  // Forgets every ready and parse callback not yet run. Callbacks capture what
+  // made the asset (a data source holding engine roles), so an engine that keeps
+  // them would keep itself alive; a test ends with this.
+  void dropCallbacks();
   // Deletes an asset as if outside the library (no deletion record).
   void deleteExternally(const std::string& uuid);
 

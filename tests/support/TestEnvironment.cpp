@@ -131,6 +131,7 @@ TestBed::TestBed(std::function<void(TestBed&)> beforeCreate) {
 TestBed::~TestBed() {
   if (manager) settle(std::chrono::milliseconds(2000));
   mainQueue->poll();
+  engine->dropCallbacks();
 }
 
 Platform TestBed::platform() {
