@@ -30,4 +30,7 @@ if [ -n "${ZSM_TEST_LABELS:-}" ]; then label_args=(-L "$ZSM_TEST_LABELS"); fi
 export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1 second_deadlock_stack=1}"
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1 halt_on_error=1}"
-ctest --test-dir "$build_dir" --output-on-failure -j2 --timeout 300 "${label_args[@]}"
+# End-to-end tests run real programs against each other on a loaded two-core
+# machine; a test that fails is run once more, and both outcomes are printed.
+ctest --test-dir "$build_dir" --output-on-failure -j2 --timeout 300 --repeat until-pass:2 \
+  "${label_args[@]}"
