@@ -31,8 +31,10 @@ class InMemorySubscriptionData final : public SubscriptionData {
 
   // The saved form of this record, made afresh only when it changed: saving a
   // store of many records then costs what changed, not the whole store.
-  void setGeneration(std::shared_ptr<std::atomic<std::uint64_t>> generation) {
+  void setGeneration(std::shared_ptr<std::atomic<std::uint64_t>> generation,
+                     std::shared_ptr<std::vector<const void*>> changed) {
     generation_ = std::move(generation);
+    changed_ = std::move(changed);
   }
   bool dirty() const { return dirty_; }
 
@@ -56,7 +58,10 @@ class InMemorySubscriptionData final : public SubscriptionData {
   }
 
  private:
-  void touch() { dirty_ = true; }
+  void touch() {
+    if (!dirty_ && changed_) changed_->push_back(this);
+    dirty_ = true;
+  }
 
   std::string uuid_;
   std::int16_t maxItems_ = 0;
@@ -66,6 +71,8 @@ class InMemorySubscriptionData final : public SubscriptionData {
   bool dirty_ = true;
   std::shared_ptr<const InMemoryStoreContext::SavedRecord> snapshot_;
   std::shared_ptr<std::atomic<std::uint64_t>> generation_;
+  // Where the record notes that it changed since its last snapshot.
+  std::shared_ptr<std::vector<const void*>> changed_;
 };
 
 }  // namespace
@@ -191,7 +198,8 @@ std::vector<std::shared_ptr<SubscriptionData>> InMemoryStoreContext::executeFetc
     return {};
   }
   if (!request.key) return live_;
-  if (*request.key != SubscriptionDataAttributes[3]) return {};  // only the key attribute is indexed
+  if (*request.key != SubscriptionDataAttributes[3])
+    return {};  // only the key attribute is indexed
   reindex();
   auto it = byFeed_.find(request.value);
   return it == byFeed_.end() ? std::vector<std::shared_ptr<SubscriptionData>>{} : it->second;
@@ -208,7 +216,7 @@ void InMemoryStoreContext::reindex() {
 std::shared_ptr<SubscriptionData> InMemoryStoreContext::insertSubscriptionData() {
   std::lock_guard lock(mutex_);
   auto r = std::make_shared<InMemorySubscriptionData>();
-  r->setGeneration(generation_);
+  r->setGeneration(generation_, changed_);
   live_.push_back(r);
   ++*generation_;
   return r;
@@ -232,15 +240,23 @@ bool InMemoryStoreContext::save() {
   if (savedGeneration_ != now || saved_.size() != live_.size()) {
     saved_.clear();
     saved_.reserve(live_.size());
-    for (const auto& r : live_) saved_.push_back(static_cast<InMemorySubscriptionData&>(*r).snapshot());
+    slotOf_.clear();
+    for (std::size_t i = 0; i < live_.size(); ++i) {
+      saved_.push_back(static_cast<InMemorySubscriptionData&>(*live_[i]).snapshot());
+      slotOf_[live_[i].get()] = i;
+    }
+    changed_->clear();
     savedGeneration_ = now;
     return true;
   }
-  // Same records as last time: only the changed ones are snapshotted again.
-  for (std::size_t i = 0; i < live_.size(); ++i) {
-    auto& record = static_cast<InMemorySubscriptionData&>(*live_[i]);
-    if (record.dirty()) saved_[i] = record.snapshot();
+  // Same records as last time: only those that changed are snapshotted again.
+  // A pointer is used as a key only; records no longer live are not found.
+  for (const void* record : *changed_) {
+    auto slot = slotOf_.find(record);
+    if (slot == slotOf_.end()) continue;
+    saved_[slot->second] = static_cast<InMemorySubscriptionData&>(*live_[slot->second]).snapshot();
   }
+  changed_->clear();
   return true;
 }
 
@@ -250,7 +266,7 @@ void InMemoryStoreContext::rollback() {
   for (const auto& saved : saved_) {
     const SavedRecord& s = *saved;
     auto r = std::make_shared<InMemorySubscriptionData>();
-    r->setGeneration(generation_);
+    r->setGeneration(generation_, changed_);
     r->setUuid(s.uuid);
     r->setMaxItemsValue(s.maxItems);
     r->setAutodeleteValue(s.autodelete);

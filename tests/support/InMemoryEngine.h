@@ -18,8 +18,8 @@
 #include <mutex>
 #include <optional>
 #include <set>
-#include <unordered_map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "zolvani/subscription/engine/EngineRoles.h"
@@ -247,6 +247,9 @@ class InMemoryStoreContext final : public ZolvaniManagedObjectContext,
       std::make_shared<std::atomic<std::uint64_t>>(1);
   std::uint64_t indexedGeneration_ = 0, savedGeneration_ = 0;
   std::unordered_map<std::string, std::vector<std::shared_ptr<SubscriptionData>>> byFeed_;
+  // Records changed since the last save, and where each live record is saved.
+  std::shared_ptr<std::vector<const void*>> changed_ = std::make_shared<std::vector<const void*>>();
+  std::unordered_map<const void*, std::size_t> slotOf_;
   void reindex();
 };
 
