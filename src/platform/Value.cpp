@@ -2,11 +2,14 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <iterator>
 #include <limits>
+#include <unordered_map>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "zolvani/subscription/Constants.h"
 #include "zolvani/subscription/Error.h"
 #include "zolvani/subscription/engine/ZolvaniAsset.h"
 
@@ -31,7 +34,53 @@ double parseDouble(const std::string& s) {
   return end == begin ? 0.0 : d;
 }
 
+// The keys every asset-data map and notification carries, kept once for the
+// life of the process. Never destroyed, so keys stay readable during exit.
+const std::unordered_map<std::string_view, const std::string*>& wellKnownKeys() {
+  static const auto* table = [] {
+    constexpr std::string_view kKeys[] = {
+        SubscriptionAssetDataAssetIDKey,
+        SubscriptionAssetDataCollectionAssetIDKey,
+        SubscriptionAssetDataCreatedDateKey,
+        SubscriptionAssetDataMediaTypeKey,
+        SubscriptionAssetDataTitleKey,
+        SubscriptionAssetDataDescriptionKey,
+        SubscriptionAssetDataDownloadURLKey,
+        SubscriptionAssetDataMaximumBitrateKey,
+        SubscriptionAssetDataPublishDateKey,
+        SubscriptionAssetDataExpiryDateKey,
+        SubscriptionAssetDataExpiryAfterDownloadKey,
+        SubscriptionAssetDataExpiryAfterPlayKey,
+        SubscriptionAssetDataPermittedMimeTypesKey,
+        SubscriptionAssetDataUserInfoKey,
+        SubscriptionServerCollectionUUIDKey,
+        kSubscriptionManagerStatusDidChangeNotificationStatusKey,
+        kSubscriptionManagerNotificationZolvaniAssetsKey,
+        kSubscriptionManagerNotificationZolvaniAssetUUIDsKey,
+        "",
+    };
+    auto* out = new std::unordered_map<std::string_view, const std::string*>();
+    for (std::string_view key : kKeys) {
+      const auto* text = new std::string(key);
+      out->emplace(*text, text);
+    }
+    return out;
+  }();
+  return *table;
+}
+
 }  // namespace
+
+Value::Key::Key() : Key(std::string_view()) {}
+
+Value::Key::Key(std::string_view text) {
+  const auto& known = wellKnownKeys();
+  if (auto it = known.find(text); it != known.end())
+    // No owner: the text lives as long as the process.
+    text_ = std::shared_ptr<const std::string>(std::shared_ptr<void>(), it->second);
+  else
+    text_ = std::make_shared<const std::string>(text);
+}
 
 bool Value::boolValue() const {
   switch (type()) {
@@ -143,7 +192,9 @@ Value Value::fromJson(const nlohmann::json& j) {
     }
     case json::value_t::object: {
       Map m;
-      for (auto it = j.begin(); it != j.end(); ++it) m.emplace(it.key(), fromJson(it.value()));
+      // The object's members come in key order, so each goes at the end.
+      for (auto it = j.begin(); it != j.end(); ++it)
+        m.emplace_hint(m.end(), it.key(), fromJson(it.value()));
       return Value(std::move(m));
     }
   }
@@ -173,7 +224,7 @@ nlohmann::json Value::toJson() const {
     }
     case Type::kMap: {
       nlohmann::json o = nlohmann::json::object();
-      for (const auto& [k, v] : std::get<Map>(v_)) o[k] = v.toJson();
+      for (const auto& [k, v] : std::get<Map>(v_)) o[k.str()] = v.toJson();
       return o;
     }
     case Type::kAsset:
@@ -183,39 +234,74 @@ nlohmann::json Value::toJson() const {
 }
 
 std::string Value::describe() const {
+  std::string out;
+  appendDescription(out);
+  return out;
+}
+
+std::string Value::describe(const Map& map) {
+  std::string out;
+  appendDescription(map, out);
+  return out;
+}
+
+void Value::appendDescription(const Map& map, std::string& out) {
+  out += '{';
+  bool first = true;
+  for (const auto& [k, v] : map) {
+    if (!first) out += "; ";
+    out += k.str();
+    out += " = ";
+    v.appendDescription(out);
+    first = false;
+  }
+  out += '}';
+}
+
+// Log lines describe whole asset-data maps, so this appends into one buffer
+// rather than building and joining a string per member.
+void Value::appendDescription(std::string& out) const {
   switch (type()) {
     case Type::kNull:
-      return "(null)";
+      out += "(null)";
+      return;
+    case Type::kBool:
+      out += std::get<bool>(v_) ? "true" : "false";
+      return;
+    case Type::kInteger:
+      fmt::format_to(std::back_inserter(out), "{}", std::get<std::int64_t>(v_));
+      return;
     case Type::kDate:
-      return fmt::format("{:.3f}", std::get<Date>(v_).secondsSince1970);
+      fmt::format_to(std::back_inserter(out), "{:.3f}", std::get<Date>(v_).secondsSince1970);
+      return;
     case Type::kAsset: {
       const auto& a = std::get<AssetRef>(v_);
-      return a ? fmt::format("<ZolvaniAsset {} {}>", a->uuid(), a->assetID()) : "(null)";
+      if (a)
+        fmt::format_to(std::back_inserter(out), "<ZolvaniAsset {} {}>", a->uuid(), a->assetID());
+      else
+        out += "(null)";
+      return;
     }
     case Type::kArray: {
-      std::string out = "(";
+      out += '(';
       bool first = true;
       for (const auto& e : std::get<Array>(v_)) {
-        out += first ? "" : ", ";
-        out += e.describe();
+        if (!first) out += ", ";
+        e.appendDescription(out);
         first = false;
       }
-      return out + ")";
+      out += ')';
+      return;
     }
-    case Type::kMap: {
-      std::string out = "{";
-      bool first = true;
-      for (const auto& [k, v] : std::get<Map>(v_)) {
-        out += first ? "" : "; ";
-        out += k + " = " + v.describe();
-        first = false;
-      }
-      return out + "}";
-    }
+    case Type::kMap:
+      appendDescription(std::get<Map>(v_), out);
+      return;
     case Type::kString:
-      return std::get<std::string>(v_);
+      out += std::get<std::string>(v_);
+      return;
     default:
-      return toJson().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+      out += toJson().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+      return;
   }
 }
 

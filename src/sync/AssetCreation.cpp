@@ -86,8 +86,8 @@ std::shared_ptr<ZolvaniAsset> ZolvaniSubscriptionManager::addSubscriptionItemFro
     std::int64_t maximumBitrate = maxBitrateForFeed(assetID);
     if (const Value* v = given(item, SubscriptionAssetDataMaximumBitrateKey))
       maximumBitrate = v->int32Value();
-    logString(
-        fmt::format("Adding new asset from feed item data:\n\n{}\n\n", Value(item).describe()), 4);
+    logString(fmt::format("Adding new asset from feed item data:\n\n{}\n\n", Value::describe(item)),
+              4);
 
     AssetReadyCallback ready = [weak, inFeed, sourceSlot,
                                 takeSource](std::shared_ptr<ZolvaniAsset> readyAsset) {
@@ -123,8 +123,8 @@ std::shared_ptr<ZolvaniAsset> ZolvaniSubscriptionManager::addSubscriptionItemFro
         expiryAfterDownload, expiryAfterPlay, kNoDownloadLimit, false, userInfo, std::move(ready),
         [](std::shared_ptr<ZolvaniAsset>, std::optional<Error>) {});
   } else {
-    logString(
-        fmt::format("Adding new asset from feed item data:\n\n{}\n\n", Value(item).describe()), 4);
+    logString(fmt::format("Adding new asset from feed item data:\n\n{}\n\n", Value::describe(item)),
+              4);
 
     AssetReadyCallback ready = [weak, inFeed, sourceSlot,
                                 takeSource](std::shared_ptr<ZolvaniAsset> readyAsset) {

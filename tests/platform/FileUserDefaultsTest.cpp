@@ -141,7 +141,7 @@ TEST(FileUserDefaultsTest, AKilledWriterLeavesTheOldOrTheNewContent) {
       FileUserDefaults writer(file);
       for (long i = 0;; ++i) {
         const Value::Map& v = (i % 2) ? versionA : versionB;
-        for (const auto& [k, value] : v) writer.setObject(k, value);
+        for (const auto& [k, value] : v) writer.setObject(k.view(), value);
         writer.synchronize();
       }
     }

@@ -1,9 +1,14 @@
 #include "zolvani/subscription/Value.h"
 
+#include <string>
+#include <vector>
+
 #include <limits>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+
+#include "zolvani/subscription/Constants.h"
 
 namespace zolvani {
 namespace {
@@ -49,6 +54,49 @@ TEST(ValueTest, JsonKeepsIntegersDoublesAndLargeUnsignedApart) {
   // A date written as JSON becomes its seconds; a number never reads as a date.
   EXPECT_EQ(Value(Date(12.5)).toJson(), nlohmann::json(12.5));
   EXPECT_EQ(Value(12.5).asDate(), nullptr);
+}
+
+// Well-known keys are shared, not owned, and other keys are owned: a map must
+// order, find and compare them all by their text alone.
+TEST(ValueTest, MapKeysBehaveAsTheirTextWhereverTheyCameFrom) {
+  const std::string wellKnown(SubscriptionAssetDataAssetIDKey);
+  Value::Map map{{"zeta", 1}, {wellKnown, 2}, {"", 3}, {"SubscriptionAssetDataAssetIDKez", 4}};
+  map[std::string("alpha")] = 5;
+
+  std::vector<std::string> order;
+  for (const auto& [k, v] : map) order.push_back(k.str());
+  EXPECT_EQ(order, (std::vector<std::string>{"", wellKnown, "SubscriptionAssetDataAssetIDKez",
+                                             "alpha", "zeta"}));
+
+  struct Case {
+    Value::Key key;
+    std::int64_t expected;
+  } cases[] = {
+      {Value::Key(std::string_view(wellKnown)), 2},
+      {Value::Key(wellKnown.c_str()), 2},
+      {Value::Key(std::string("zeta")), 1},
+      {Value::Key(), 3},
+      {Value::Key("SubscriptionAssetDataAssetIDKez"), 4},
+  };
+  for (const Case& c : cases) {
+    auto it = map.find(c.key);
+    ASSERT_NE(it, map.end()) << c.key.str();
+    EXPECT_EQ(it->second.int64Value(), c.expected) << c.key.str();
+    // Looked up by plain text too, with no key built.
+    EXPECT_EQ(map.find(c.key.view())->second.int64Value(), c.expected);
+    EXPECT_EQ(map.find(c.key.str())->second.int64Value(), c.expected);
+  }
+  EXPECT_EQ(map.find("SubscriptionAssetDataAssetID"), map.end());
+
+  // A copy shares its keys yet is an independent map.
+  Value::Map copy = map;
+  copy.erase("zeta");
+  EXPECT_EQ(map.size(), 5u);
+  EXPECT_EQ(Value(copy) == Value(map), false);
+  copy[std::string("zeta")] = 1;
+  EXPECT_EQ(Value(copy), Value(map));
+  EXPECT_EQ(Value::describe(Value::Map{{wellKnown, Value(Date(5.0))}, {"b", Value::Array{1, "x"}}}),
+            "{" + wellKnown + " = 5.000; b = (1, x)}");
 }
 
 }  // namespace

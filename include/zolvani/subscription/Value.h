@@ -12,6 +12,7 @@
 // distinct threads, one value must not be mutated while another thread reads it.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -37,8 +38,50 @@ struct Bytes {
 
 class Value {
  public:
+  // A map key: immutable text, shared rather than copied. The library's
+  // well-known keys (the asset-data and notification keys) are never
+  // allocated, and copying a map shares its keys, so the per-item asset-data
+  // maps of a large catalog cost little beyond their values. Reads like a
+  // const std::string; compares with any text.
+  class Key {
+   public:
+    Key();
+    Key(std::string_view text);
+    Key(const std::string& text) : Key(std::string_view(text)) {}
+    Key(const char* text) : Key(std::string_view(text)) {}
+
+    const std::string& str() const { return *text_; }
+    operator const std::string&() const { return *text_; }
+    std::string_view view() const { return *text_; }
+    const char* c_str() const { return text_->c_str(); }
+    std::size_t size() const { return text_->size(); }
+    bool empty() const { return text_->empty(); }
+
+    friend bool operator==(const Key& a, const Key& b) {
+      return a.text_ == b.text_ || *a.text_ == *b.text_;
+    }
+    friend bool operator==(const Key& a, std::string_view b) { return a.view() == b; }
+    friend bool operator==(const Key& a, const std::string& b) { return a.view() == b; }
+    friend bool operator==(const Key& a, const char* b) { return a.view() == b; }
+    friend std::strong_ordering operator<=>(const Key& a, const Key& b) {
+      return a.view() <=> b.view();
+    }
+    friend std::strong_ordering operator<=>(const Key& a, std::string_view b) {
+      return a.view() <=> b;
+    }
+    friend std::strong_ordering operator<=>(const Key& a, const std::string& b) {
+      return a.view() <=> std::string_view(b);
+    }
+    friend std::strong_ordering operator<=>(const Key& a, const char* b) {
+      return a.view() <=> std::string_view(b);
+    }
+
+   private:
+    std::shared_ptr<const std::string> text_;
+  };
+
   using Array = std::vector<Value>;
-  using Map = std::map<std::string, Value, std::less<>>;
+  using Map = std::map<Key, Value, std::less<>>;
   using AssetRef = std::shared_ptr<ZolvaniAsset>;
 
   enum class Type { kNull, kBool, kInteger, kDouble, kString, kDate, kBytes, kArray, kMap, kAsset };
@@ -103,12 +146,17 @@ class Value {
   static Value fromJson(const nlohmann::json& json);
   nlohmann::json toJson() const;
 
-  // A readable rendering for log lines.
+  // A readable rendering for log lines; a map is rendered as the Value holding
+  // it would be, without copying it.
   std::string describe() const;
+  static std::string describe(const Map& map);
 
   friend bool operator==(const Value& a, const Value& b) { return a.v_ == b.v_; }
 
  private:
+  void appendDescription(std::string& out) const;
+  static void appendDescription(const Map& map, std::string& out);
+
   std::variant<std::monostate, bool, std::int64_t, double, std::string, Date, Bytes, Array, Map,
                AssetRef>
       v_;
