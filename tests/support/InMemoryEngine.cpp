@@ -515,7 +515,7 @@ class EngineRoleSet {
     explicit Factory(EnginePtr e) : e_(std::move(e)) {}
     std::shared_ptr<ZolvaniAsset> assetWithUUID(std::string_view uuid, std::int64_t) override {
       std::lock_guard l(e_->mutex_);
-      auto it = e_->live_.find(std::string(uuid));
+      auto it = e_->live_.find(uuid);
       return it == e_->live_.end() ? nullptr : it->second;
     }
     std::shared_ptr<ZolvaniAsset> assetWithAssetID(std::string_view assetID,
@@ -696,8 +696,10 @@ std::shared_ptr<InMemoryAsset> InMemoryEngine::asset(const std::string& uuid) co
 
 std::vector<std::shared_ptr<InMemoryAsset>> InMemoryEngine::liveAssets() const {
   std::lock_guard l(mutex_);
+  // In creation order.
   std::vector<std::shared_ptr<InMemoryAsset>> out;
-  for (const auto& [u, a] : live_) out.push_back(a);
+  for (const auto& a : created_)
+    if (auto it = live_.find(a->uuid()); it != live_.end() && it->second == a) out.push_back(a);
   return out;
 }
 

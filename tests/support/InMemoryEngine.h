@@ -19,6 +19,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -122,6 +123,7 @@ class InMemoryEngine : public std::enable_shared_from_this<InMemoryEngine> {
   std::shared_ptr<InMemoryAsset> addAsset(std::string assetID, Date creationDate,
                                           std::optional<Date> downloadComplete = std::nullopt);
   std::shared_ptr<InMemoryAsset> asset(const std::string& uuid) const;
+  // Assets not deleted, in creation order.
   std::vector<std::shared_ptr<InMemoryAsset>> liveAssets() const;
   std::vector<std::shared_ptr<InMemoryAsset>> createdAssets() const;
   // Runs the ready callbacks of every asset that has not had them yet.
@@ -182,7 +184,13 @@ class InMemoryEngine : public std::enable_shared_from_this<InMemoryEngine> {
   std::optional<Error> queueingError_;
   std::vector<std::string> extraQueue_;
   std::vector<std::shared_ptr<ZolvaniAsset>> processing_;
-  std::map<std::string, std::shared_ptr<InMemoryAsset>> live_;
+  // Hashed, and looked up without building a string: the feed store asks for
+  // every tracked asset each time it judges a new one.
+  struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+  };
+  std::unordered_map<std::string, std::shared_ptr<InMemoryAsset>, TextHash, std::equal_to<>> live_;
   // Live assets by asset ID, for the duplicate test of every new item.
   std::map<std::string, std::set<std::string>, std::less<>> byAssetID_;
   std::vector<std::shared_ptr<InMemoryAsset>> created_;
