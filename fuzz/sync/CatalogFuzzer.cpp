@@ -39,15 +39,17 @@ TestBed& currentBed() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string body(reinterpret_cast<const char*>(data), size);
-  auto response = std::make_shared<nlohmann::json>(zolvani::CatalogSync::parseCatalog(body));
-  if (!response->is_object()) *response = nullptr;
+  nlohmann::json response = zolvani::CatalogSync::parseCatalog(body);
+  auto part = [&](const char* key) {
+    return response.is_object() && response.contains(key) ? response[key] : nlohmann::json();
+  };
 
   TestBed& b = currentBed();
   std::optional<zolvani::Value::Array> subscriptions = zolvani::Value::Array{"A", "B", "C", ""};
-  zolvani::sync::ItemAdmission::processDirectItems(b.manager, response);
-  zolvani::sync::ItemAdmission::processFeeds(b.manager, response, subscriptions,
+  zolvani::sync::ItemAdmission::processDirectItems(b.manager, part("contentItems"));
+  zolvani::sync::ItemAdmission::processFeeds(b.manager, part("collections"), subscriptions,
                                              zolvani::Date(1700000000.0), nullptr, [] {});
-  (void)zolvani::CatalogSync::lastSyncDate(*response, zolvani::Date(1800000000.0));
+  (void)zolvani::CatalogSync::lastSyncDate(part("last_updated"), zolvani::Date(1800000000.0));
   b.mainQueue->poll();
   return 0;
 }

@@ -66,6 +66,13 @@ std::optional<Value::Array> subscriptionList(const nlohmann::json& response) {
   return out;
 }
 
+// Moves the member `key` out of `object`; null when it has none.
+nlohmann::json takeMember(nlohmann::json& object, std::string_view key) {
+  if (!object.is_object()) return nullptr;
+  auto it = object.find(key);
+  return it == object.end() ? nlohmann::json() : std::move(*it);
+}
+
 }  // namespace
 
 CatalogSync::CatalogSync(ZolvaniSubscriptionManager& manager) : manager_(manager) {}
@@ -75,8 +82,8 @@ nlohmann::json CatalogSync::parseCatalog(const std::string& body) {
   return ReplyJudge::parse(body);
 }
 
-CatalogSync::LastSync CatalogSync::lastSyncDate(const nlohmann::json& response, Date now) {
-  const nlohmann::json* value = sync::member(response, "last_updated");
+CatalogSync::LastSync CatalogSync::lastSyncDate(const nlohmann::json& lastUpdated, Date now) {
+  const nlohmann::json* value = &lastUpdated;
   // Only a number (or numeric text) is a time; null, objects and arrays are none.
   if (!sync::isScalar(value)) return {now, false};
   const double v = sync::doubleOf(value);
@@ -217,17 +224,15 @@ void CatalogSync::judgeAndProcess(HttpReply reply, SyncCompletion& completion) {
     fail(completion, std::move(*verdict.error));
     return;
   }
-  // The parsed reply is shared, never copied, by the admission steps that run
-  // after this handler has returned.
-  auto response = std::make_shared<nlohmann::json>(std::move(verdict.body));
-  if (!response->is_object()) *response = nullptr;
+  nlohmann::json response = std::move(verdict.body);
+  if (!response.is_object()) response = nullptr;
 
   // Admission compares item dates with the last sync as it stood before this
   // reply, whatever a concurrent finish stores meanwhile.
   const std::optional<Date> lastSync = manager_.lastSubscriptionSyncTime();
-  std::optional<Value::Array> subscriptions = subscriptionList(*response);
+  std::optional<Value::Array> subscriptions = subscriptionList(response);
 
-  if (const nlohmann::json* rules = sync::member(*response, "subscription_rules");
+  if (const nlohmann::json* rules = sync::member(response, "subscription_rules");
       rules && rules->is_object()) {
     for (const auto& [feed, rule] : rules->items()) {
       const std::int32_t maxAssets = sync::int32Of(sync::member(rule, "max_assets"));
@@ -243,36 +248,45 @@ void CatalogSync::judgeAndProcess(HttpReply reply, SyncCompletion& completion) {
   if (verbose(env))
     manager_.logString(
         fmt::format("Received valid response from server...\n\n{}\n\n",
-                    response->dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)),
+                    response.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)),
         4);
 
-  auto self = manager_.shared_from_this();
-  std::shared_ptr<const nlohmann::json> shared = response;
-  if (sync::present(sync::member(*shared, SubscriptionServerAssetsKey)))
-    self->processingQueue()->async(
-        [self, shared] { sync::ItemAdmission::processDirectItems(self, shared); });
+  // The reply is split into what each later step reads, and the rest of the
+  // tree goes now: a catalog's parsed tree is several times its text, and each
+  // admission step lets go of its part as soon as its data source has read it.
+  nlohmann::json lastUpdated = takeMember(response, "last_updated");
+  nlohmann::json directItems = takeMember(response, SubscriptionServerAssetsKey);
+  nlohmann::json collections = takeMember(response, "collections");
+  response = nullptr;
 
-  if (sync::present(sync::member(*shared, "collections"))) {
-    self->processingQueue()->async(
-        [self, shared, subscriptions, lastSync, completion = std::move(completion)]() mutable {
-          auto finish = [self, shared, subscriptions, completion] {
-            self->catalogSync_->finish(*shared, subscriptions, completion);
-          };
-          sync::ItemAdmission::processFeeds(self, shared, subscriptions, lastSync, completion,
-                                            std::move(finish));
-        });
+  auto self = manager_.shared_from_this();
+  if (!directItems.is_null())
+    self->processingQueue()->async([self, items = std::move(directItems)]() mutable {
+      sync::ItemAdmission::processDirectItems(self, std::move(items));
+    });
+
+  if (!collections.is_null()) {
+    self->processingQueue()->async([self, collections = std::move(collections), subscriptions,
+                                    lastSync, lastUpdated = std::move(lastUpdated),
+                                    completion = std::move(completion)]() mutable {
+      auto finish = [self, lastUpdated = std::move(lastUpdated), subscriptions, completion] {
+        self->catalogSync_->finish(lastUpdated, subscriptions, completion);
+      };
+      sync::ItemAdmission::processFeeds(self, std::move(collections), subscriptions, lastSync,
+                                        completion, std::move(finish));
+    });
   } else {
     manager_.logString(
         "Server response was successful, but there was no new subscriptions to process.", 4);
-    finish(*shared, subscriptions, completion);
+    finish(lastUpdated, subscriptions, completion);
   }
 }
 
-void CatalogSync::finish(const nlohmann::json& response,
+void CatalogSync::finish(const nlohmann::json& lastUpdated,
                          const std::optional<Value::Array>& subscriptions,
                          const SyncCompletion& completion) {
   const ManagerEnvironment& env = manager_.environment();
-  const LastSync last = lastSyncDate(response, env.engine.secureClock->date());
+  const LastSync last = lastSyncDate(lastUpdated, env.engine.secureClock->date());
   if (last.fromCatalog)
     manager_.logString(fmt::format("Setting last sync date from catalog last update time: {}",
                                    formatDate(last.date)),

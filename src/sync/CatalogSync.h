@@ -40,14 +40,14 @@ class CatalogSync {
   static nlohmann::json parseCatalog(const std::string& body);
   static constexpr int kMaxDepth = 512;
 
-  // The last-sync date a finished sync stores: the catalog's "last_updated",
-  // read as seconds unless that lies at or after `now`, in which case it is
-  // milliseconds; `now` when the catalog gives none.
+  // The last-sync date a finished sync stores: the catalog's "last_updated"
+  // value, read as seconds unless that lies at or after `now`, in which case it
+  // is milliseconds; `now` when the catalog gives none (null, or not a number).
   struct LastSync {
     Date date;
     bool fromCatalog;
   };
-  static LastSync lastSyncDate(const nlohmann::json& response, Date now);
+  static LastSync lastSyncDate(const nlohmann::json& lastUpdated, Date now);
 
   // "Nov 21, 2026 at 8:30:00 AM" in UTC, for the log lines.
   static std::string formatDate(Date date);
@@ -55,7 +55,7 @@ class CatalogSync {
  private:
   void handleReply(HttpReply reply, SyncCompletion completion);
   void judgeAndProcess(HttpReply reply, SyncCompletion& completion);
-  void finish(const nlohmann::json& response, const std::optional<Value::Array>& subscriptions,
+  void finish(const nlohmann::json& lastUpdated, const std::optional<Value::Array>& subscriptions,
               const SyncCompletion& completion);
   void endSync();
   void fail(SyncCompletion& completion, Error error);

@@ -61,8 +61,8 @@ ZolvaniSubscriptionDefaultDataSource::ZolvaniSubscriptionDefaultDataSource(
     DataSourceServices services)
     : services_(std::move(services)) {}
 
-Value::Map ZolvaniSubscriptionDefaultDataSource::lookupMetadataForAssetID(
-    const std::string&, const Value::Map& knownData) {
+Value::Map ZolvaniSubscriptionDefaultDataSource::lookupMetadataForAssetID(const std::string&,
+                                                                          Value::Map knownData) {
   return knownData;
 }
 
@@ -140,7 +140,7 @@ void ZolvaniSubscriptionDefaultDataSource::admitItem(const nlohmann::json& item,
   }
   const std::string& assetID = sync::stringOf(sync::member(item, SubscriptionServerRemoteUUIDKey));
   if (assetID.empty()) return;
-  Value::Map data = lookupMetadataForAssetID(assetID, *parsed);
+  Value::Map data = lookupMetadataForAssetID(assetID, std::move(*parsed));
   data[std::string(SubscriptionAssetDataAssetIDKey)] = Value(assetID);
   if (!(nonEmptyString(data, SubscriptionAssetDataAssetIDKey) &&
         nonEmptyString(data, SubscriptionAssetDataDownloadURLKey) &&

@@ -33,13 +33,6 @@ std::shared_ptr<ZolvaniSubscriptionDataSource> makeDataSource(ZolvaniSubscriptio
   return factory(DataSourceServices{engine.logger, engine.secureClock});
 }
 
-const nlohmann::json& memberOrNull(const nlohmann::json& object, std::string_view key) {
-  static const nlohmann::json kNull;
-  if (!object.is_object()) return kNull;
-  auto it = object.find(key);
-  return it == object.end() ? kNull : *it;
-}
-
 Value::Map assetsInfo(std::string_view key, Value::Array values) {
   Value::Map info;
   info.emplace(std::string(key), Value(std::move(values)));
@@ -65,7 +58,7 @@ void logNewItem(ZolvaniSubscriptionManager& manager, const Value::Map& item) {
 std::string describeItems(const std::vector<const Value::Map*>& items) {
   std::string out = "(\n";
   for (const Value::Map* item : items) {
-    out += Value(*item).describe();
+    out += Value::describe(*item);
     out += ",\n";
   }
   out += ")";
@@ -88,13 +81,14 @@ std::vector<const Value::Map*> ItemAdmission::sortedItems(const Value& items) {
 }
 
 void ItemAdmission::processDirectItems(const std::shared_ptr<ZolvaniSubscriptionManager>& manager,
-                                       const std::shared_ptr<const nlohmann::json>& response) {
+                                       nlohmann::json contentItems) {
   auto source = makeDataSource(*manager);
   if (!source) return;
-  source->initWithAssets(memberOrNull(*response, SubscriptionServerAssetsKey));
+  source->initWithAssets(contentItems);
   // The default source answers an empty batch with an empty map; anything that
   // is not an array holds no items.
   const Value processed = source->process();
+  contentItems = nullptr;
   const std::vector<const Value::Map*> items = sortedItems(processed);
   manager->logString(fmt::format("Found {} new direct assets in Keelhall sync.", items.size()), 4);
 
@@ -117,7 +111,7 @@ void ItemAdmission::processDirectItems(const std::shared_ptr<ZolvaniSubscription
 }
 
 void ItemAdmission::processFeeds(const std::shared_ptr<ZolvaniSubscriptionManager>& manager,
-                                 const std::shared_ptr<const nlohmann::json>& response,
+                                 nlohmann::json collections,
                                  const std::optional<Value::Array>& subscriptions,
                                  std::optional<Date> lastSync, SyncCompletion completion,
                                  std::function<void()> finish) {
@@ -125,11 +119,12 @@ void ItemAdmission::processFeeds(const std::shared_ptr<ZolvaniSubscriptionManage
   auto source = makeDataSource(*manager);
   Value processed;
   if (source) {
-    source->initWithSubscriptions(memberOrNull(*response, "collections"));
+    source->initWithSubscriptions(collections);
     processed = source->process();
   }
-  static const Value::Map kNoFeeds;
-  const Value::Map& feeds = processed.asMap() ? *processed.asMap() : kNoFeeds;
+  collections = nullptr;
+  Value::Map noFeeds;
+  Value::Map& feeds = processed.asMap() ? *processed.asMap() : noFeeds;
   manager->logString(
       fmt::format("Found {} feeds that have been updated during subscription processing.",
                   feeds.size()),
@@ -148,9 +143,9 @@ void ItemAdmission::processFeeds(const std::shared_ptr<ZolvaniSubscriptionManage
   }
 
   Value::Array added, deferred, deleted;
-  for (const auto& entry : feeds) {
+  for (auto& entry : feeds) {
     const std::string& feed = entry.first;
-    const Value& feedItems = entry.second;
+    Value& feedItems = entry.second;
     manager->logString(fmt::format("Checking on feed({})", feed), 4);
     const bool subscribed =
         subscriptions &&
@@ -176,7 +171,7 @@ void ItemAdmission::processFeeds(const std::shared_ptr<ZolvaniSubscriptionManage
               kFeedStep, 888,
               fmt::format("Received more items in the push for this feed than is allowed.  Dropped "
                           "oldest item from keelhall push data: {}",
-                          Value(*items.back()).describe())),
+                          Value::describe(*items.back()))),
           2);
       items.pop_back();
     }
@@ -215,6 +210,9 @@ void ItemAdmission::processFeeds(const std::shared_ptr<ZolvaniSubscriptionManage
         deferred.emplace_back(std::move(asset));
       }
     }
+    // This feed's asset-data maps are done with; the engine now holds its assets.
+    items.clear();
+    feedItems = Value();
   }
 
   NotificationCenter& center = *env.platform.notificationCenter;

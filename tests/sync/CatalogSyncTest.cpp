@@ -346,9 +346,7 @@ class HostSource : public ZolvaniSubscriptionDefaultDataSource {
       : ZolvaniSubscriptionDefaultDataSource(services) {
     ++instances;
   }
-  Value::Map lookupMetadataForAssetID(const std::string& assetID,
-                                      const Value::Map& known) override {
-    Value::Map more = known;
+  Value::Map lookupMetadataForAssetID(const std::string& assetID, Value::Map more) override {
     more[std::string(SubscriptionAssetDataTitleKey)] = Value("Host title " + assetID);
     more.erase(std::string(SubscriptionAssetDataMaximumBitrateKey));
     return more;

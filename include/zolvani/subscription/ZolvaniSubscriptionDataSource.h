@@ -73,8 +73,8 @@ class ZolvaniSubscriptionDefaultDataSource : public ZolvaniSubscriptionDataSourc
   explicit ZolvaniSubscriptionDefaultDataSource(DataSourceServices services);
 
   // Returns `knownData` unchanged; the hook where a subclass may add metadata.
-  virtual Value::Map lookupMetadataForAssetID(const std::string& assetID,
-                                              const Value::Map& knownData);
+  // The map is handed over, not copied: an override changes it and returns it.
+  virtual Value::Map lookupMetadataForAssetID(const std::string& assetID, Value::Map knownData);
   // Called with each admitted asset-data map.
   virtual void didProcessAssetWithMetadata(const Value::Map& metadata);
   // Called before an asset made from this batch is queued.
