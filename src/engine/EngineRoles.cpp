@@ -71,8 +71,11 @@ void AssetDataOrderedSet::sortByAttribute(std::string_view attribute) {
   std::vector<std::pair<Value, Item>> keyed;
   keyed.reserve(items_.size());
   for (auto& item : items_) keyed.emplace_back(item->valueForKey(attribute), std::move(item));
-  std::stable_sort(keyed.begin(), keyed.end(),
-                   [](const auto& a, const auto& b) { return lessValue(a.first, b.first); });
+  auto less = [](const auto& a, const auto& b) { return lessValue(a.first, b.first); };
+  // A tracked list gains one item at a time and is nearly always in order
+  // already; then the items are put back where they were.
+  if (!std::is_sorted(keyed.begin(), keyed.end(), less))
+    std::stable_sort(keyed.begin(), keyed.end(), less);
   for (std::size_t i = 0; i < keyed.size(); ++i) items_[i] = std::move(keyed[i].second);
 }
 
