@@ -271,9 +271,17 @@ void Value::appendDescription(std::string& out) const {
     case Type::kInteger:
       fmt::format_to(std::back_inserter(out), "{}", std::get<std::int64_t>(v_));
       return;
-    case Type::kDate:
-      fmt::format_to(std::back_inserter(out), "{:.3f}", std::get<Date>(v_).secondsSince1970);
+    case Type::kDate: {
+      const double seconds = std::get<Date>(v_).secondsSince1970;
+      // Whole seconds, which nearly every date is, skip the general
+      // fixed-precision formatter; the text is the same.
+      if (seconds == std::trunc(seconds) && std::fabs(seconds) < 1e15 &&
+          !(seconds == 0 && std::signbit(seconds)))
+        fmt::format_to(std::back_inserter(out), "{}.000", static_cast<std::int64_t>(seconds));
+      else
+        fmt::format_to(std::back_inserter(out), "{:.3f}", seconds);
       return;
+    }
     case Type::kAsset: {
       const auto& a = std::get<AssetRef>(v_);
       if (a)

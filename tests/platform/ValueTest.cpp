@@ -56,6 +56,23 @@ TEST(ValueTest, JsonKeepsIntegersDoublesAndLargeUnsignedApart) {
   EXPECT_EQ(Value(12.5).asDate(), nullptr);
 }
 
+TEST(ValueTest, DatesAreDescribedToTheMillisecond) {
+  struct Case {
+    double seconds;
+    const char* text;
+  } cases[] = {
+      {1750000000.0, "1750000000.000"},
+      {0.0, "0.000"},
+      {-0.0, "-0.000"},
+      {-12.0, "-12.000"},
+      {12.5, "12.500"},
+      {1.0005, "1.000"},
+      {-0.25, "-0.250"},
+      {1e16, "10000000000000000.000"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(Value(Date(c.seconds)).describe(), c.text) << c.seconds;
+}
+
 // Well-known keys are shared, not owned, and other keys are owned: a map must
 // order, find and compare them all by their text alone.
 TEST(ValueTest, MapKeysBehaveAsTheirTextWhereverTheyCameFrom) {
