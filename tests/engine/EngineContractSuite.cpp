@@ -71,6 +71,59 @@ TEST_P(EngineContractTest, FetchByFeedFindsOnlyThatFeedAndFetchAllKeepsInsertion
   });
 }
 
+// Records are named after they are inserted, renamed, and may share a name;
+// look-ups must follow every step, and saves must keep insertion order.
+TEST_P(EngineContractTest, LookupsFollowRenamesAndSharedNamesInInsertionOrder) {
+  auto names = [](const std::vector<std::shared_ptr<SubscriptionData>>& records) {
+    std::vector<std::string> out;
+    for (const auto& r : records)
+      out.push_back(r->uuid() + "/" + std::to_string(r->maxItemsValue()));
+    return out;
+  };
+  auto fetch = [&](ZolvaniManagedObjectContext& ctx, const std::string& feed) {
+    return names(
+        ctx.executeFetchRequest(SubscriptionDataFetchRequest::whereEquals(kKey, feed), nullptr));
+  };
+  using Names = std::vector<std::string>;
+  auto ctx = harness->roles().utilities->managedObjectContext();
+  ctx->performBlockAndWait([&] {
+    auto first = ctx->insertSubscriptionData();
+    first->setUuid("a");
+    first->setMaxItemsValue(1);
+    EXPECT_EQ(fetch(*ctx, "a"), Names{"a/1"});
+    ctx->save();
+    // Two records inserted before either is named.
+    auto second = ctx->insertSubscriptionData();
+    auto third = ctx->insertSubscriptionData();
+    second->setMaxItemsValue(2);
+    third->setMaxItemsValue(3);
+    third->setUuid("b");
+    second->setUuid("b");
+    EXPECT_EQ(fetch(*ctx, "b"), (Names{"b/2", "b/3"}));
+    third->setUuid("a");
+    EXPECT_EQ(fetch(*ctx, "a"), (Names{"a/1", "a/3"}));
+    EXPECT_EQ(fetch(*ctx, "b"), Names{"b/2"});
+    // Renamed twice between look-ups.
+    first->setUuid("x");
+    first->setUuid("c");
+    EXPECT_EQ(fetch(*ctx, "a"), Names{"a/3"});
+    EXPECT_EQ(fetch(*ctx, "c"), Names{"c/1"});
+    EXPECT_TRUE(fetch(*ctx, "x").empty());
+    // An older record joining a newer one's name comes first.
+    first->setUuid("b");
+    EXPECT_EQ(fetch(*ctx, "b"), (Names{"b/1", "b/2"}));
+    first->setUuid("c");
+    ctx->save();
+  });
+  harness->restart();
+  ctx = harness->roles().utilities->managedObjectContext();
+  ctx->performBlockAndWait([&] {
+    EXPECT_EQ(names(ctx->executeFetchRequest(SubscriptionDataFetchRequest::all(), nullptr)),
+              (Names{"c/1", "b/2", "a/3"}));
+    EXPECT_EQ(fetch(*ctx, "a"), Names{"a/3"});
+  });
+}
+
 TEST_P(EngineContractTest, CollectionsHoldTheEnginesOwnRecordsInTheirOrderAcrossARestart) {
   auto roles = harness->roles();
   auto a = harness->makeAsset("A", Date(300));

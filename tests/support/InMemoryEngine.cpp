@@ -11,13 +11,15 @@ namespace {
 thread_local const InMemoryStoreContext* blockContext = nullptr;
 thread_local int blockDepth = 0;
 
+}  // namespace
+
 class InMemorySubscriptionData final : public SubscriptionData {
  public:
   std::string uuid() const override { return uuid_; }
   void setUuid(std::string uuid) override {
     touch();
+    if (journal_) journal_->renamed.emplace_back(this, uuid_);
     uuid_ = std::move(uuid);
-    if (generation_) ++*generation_;
   }
   std::int16_t maxItemsValue() const override { return maxItems_; }
   void setMaxItemsValue(std::int16_t value) override { touch(), maxItems_ = value; }
@@ -31,12 +33,12 @@ class InMemorySubscriptionData final : public SubscriptionData {
 
   // The saved form of this record, made afresh only when it changed: saving a
   // store of many records then costs what changed, not the whole store.
-  void setGeneration(std::shared_ptr<std::atomic<std::uint64_t>> generation,
-                     std::shared_ptr<std::vector<const void*>> changed) {
-    generation_ = std::move(generation);
-    changed_ = std::move(changed);
+  void setJournal(std::shared_ptr<InMemoryStoreJournal> journal) {
+    journal_ = std::move(journal);
+    // A new record is new to its context: it goes into the next save.
+    dirty_ = false;
+    touch();
   }
-  bool dirty() const { return dirty_; }
 
   bool containsWithoutTouching(const std::shared_ptr<ZolvaniAssetData>& item) const {
     return feedItems_.contains(item) || deferred_.contains(item);
@@ -59,7 +61,7 @@ class InMemorySubscriptionData final : public SubscriptionData {
 
  private:
   void touch() {
-    if (!dirty_ && changed_) changed_->push_back(this);
+    if (!dirty_ && journal_) journal_->changed.push_back(this);
     dirty_ = true;
   }
 
@@ -70,12 +72,9 @@ class InMemorySubscriptionData final : public SubscriptionData {
   AssetDataOrderedSet feedItems_, deferred_;
   bool dirty_ = true;
   std::shared_ptr<const InMemoryStoreContext::SavedRecord> snapshot_;
-  std::shared_ptr<std::atomic<std::uint64_t>> generation_;
   // Where the record notes that it changed since its last snapshot.
-  std::shared_ptr<std::vector<const void*>> changed_;
+  std::shared_ptr<InMemoryStoreJournal> journal_;
 };
-
-}  // namespace
 
 // The persistent record of one asset; the same object for the asset's life.
 class InMemoryAssetData final : public ZolvaniAssetData {
@@ -206,26 +205,65 @@ std::vector<std::shared_ptr<SubscriptionData>> InMemoryStoreContext::executeFetc
 }
 
 void InMemoryStoreContext::reindex() {
-  const std::uint64_t now = generation_->load();
-  if (indexedGeneration_ == now) return;
+  auto& renamed = journal_->renamed;
+  if (indexedGeneration_ == journal_->generation) {
+    // Renames since the last look-up move one record each, unless the record
+    // joins others of the same identifier, whose order only a rebuild keeps.
+    bool rebuild = false;
+    for (const auto& [record, previous] : renamed) {
+      auto from = byFeed_.find(previous);
+      if (from == byFeed_.end()) {
+        rebuild = true;
+        break;
+      }
+      auto it = std::find_if(from->second.begin(), from->second.end(),
+                             [&](const auto& r) { return r.get() == record; });
+      if (it == from->second.end()) {
+        rebuild = true;
+        break;
+      }
+      std::shared_ptr<SubscriptionData> moved = *it;
+      from->second.erase(it);
+      if (from->second.empty()) byFeed_.erase(from);
+      auto& to = byFeed_[moved->uuid()];
+      if (!to.empty()) {
+        rebuild = true;
+        break;
+      }
+      to.push_back(std::move(moved));
+    }
+    renamed.clear();
+    if (!rebuild) return;
+  }
   byFeed_.clear();
   for (const auto& r : live_) byFeed_[r->uuid()].push_back(r);
-  indexedGeneration_ = now;
+  renamed.clear();
+  indexedGeneration_ = journal_->generation;
 }
 
 std::shared_ptr<SubscriptionData> InMemoryStoreContext::insertSubscriptionData() {
   std::lock_guard lock(mutex_);
   auto r = std::make_shared<InMemorySubscriptionData>();
-  r->setGeneration(generation_, changed_);
+  r->setJournal(journal_);
   live_.push_back(r);
-  ++*generation_;
+  // A new record has no identifier yet; it is found under the empty one until
+  // it is named, unless an earlier unnamed record waits there too.
+  if (indexedGeneration_ == journal_->generation && journal_->renamed.empty()) {
+    auto& unnamed = byFeed_[std::string()];
+    if (unnamed.empty())
+      unnamed.push_back(r);
+    else
+      ++journal_->generation;
+  } else {
+    ++journal_->generation;
+  }
   return r;
 }
 
 void InMemoryStoreContext::deleteObject(const std::shared_ptr<SubscriptionData>& record) {
   std::lock_guard lock(mutex_);
   std::erase(live_, record);
-  ++*generation_;
+  ++journal_->generation;
 }
 
 void InMemoryStoreContext::refreshObject(const std::shared_ptr<ZolvaniAssetData>&, bool) {
@@ -236,8 +274,8 @@ void InMemoryStoreContext::refreshObject(const std::shared_ptr<ZolvaniAssetData>
 bool InMemoryStoreContext::save() {
   std::lock_guard lock(mutex_);
   ++saves_;
-  const std::uint64_t now = generation_->load();
-  if (savedGeneration_ != now || saved_.size() != live_.size()) {
+  auto& changed = journal_->changed;
+  if (savedGeneration_ != journal_->generation) {
     saved_.clear();
     saved_.reserve(live_.size());
     slotOf_.clear();
@@ -245,28 +283,35 @@ bool InMemoryStoreContext::save() {
       saved_.push_back(static_cast<InMemorySubscriptionData&>(*live_[i]).snapshot());
       slotOf_[live_[i].get()] = i;
     }
-    changed_->clear();
-    savedGeneration_ = now;
+    changed.clear();
+    savedGeneration_ = journal_->generation;
     return true;
   }
-  // Same records as last time: only those that changed are snapshotted again.
-  // A pointer is used as a key only; records no longer live are not found.
-  for (const void* record : *changed_) {
+  // Same records as last time, perhaps with new ones at the end: only those
+  // that changed are snapshotted again, and new ones are appended in the
+  // order they were inserted, which is the order of live_.
+  for (InMemorySubscriptionData* record : changed) {
     auto slot = slotOf_.find(record);
-    if (slot == slotOf_.end()) continue;
-    saved_[slot->second] = static_cast<InMemorySubscriptionData&>(*live_[slot->second]).snapshot();
+    if (slot != slotOf_.end()) {
+      saved_[slot->second] = record->snapshot();
+    } else {
+      slotOf_[record] = saved_.size();
+      saved_.push_back(record->snapshot());
+    }
   }
-  changed_->clear();
+  changed.clear();
   return true;
 }
 
 void InMemoryStoreContext::rollback() {
   std::lock_guard lock(mutex_);
   live_.clear();
+  // The restored records are not changes to save.
+  auto restoring = std::make_shared<InMemoryStoreJournal>();
   for (const auto& saved : saved_) {
     const SavedRecord& s = *saved;
     auto r = std::make_shared<InMemorySubscriptionData>();
-    r->setGeneration(generation_, changed_);
+    r->setJournal(restoring);
     r->setUuid(s.uuid);
     r->setMaxItemsValue(s.maxItems);
     r->setAutodeleteValue(s.autodelete);
@@ -276,9 +321,11 @@ void InMemoryStoreContext::rollback() {
     for (const auto& u : s.deferredFeedItems)
       if (auto d = resolveAssetData ? resolveAssetData(u) : nullptr)
         r->deferredFeedItemsSet().add(d);
+    r->setJournal(journal_);
     live_.push_back(r);
   }
-  ++*generation_;
+  journal_->changed.clear();
+  ++journal_->generation;
 }
 
 int InMemoryStoreContext::saves() const {

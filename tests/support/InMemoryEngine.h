@@ -207,6 +207,20 @@ class InMemoryEngine : public std::enable_shared_from_this<InMemoryEngine> {
   std::shared_ptr<void> roleSet_;
 };
 
+class InMemorySubscriptionData;
+
+// What records tell their store context about themselves. Written under the
+// context's lock (records change inside its store work).
+struct InMemoryStoreJournal {
+  // Moves when records are deleted or restored wholesale: everything derived
+  // from the record list is then rebuilt.
+  std::uint64_t generation = 1;
+  // Records changed since the last save, in the order they first changed.
+  std::vector<InMemorySubscriptionData*> changed;
+  // Records renamed since the last look-up, with their previous identifiers.
+  std::vector<std::pair<const SubscriptionData*, std::string>> renamed;
+};
+
 // The store context: a unit of work over SubscriptionData records.
 class InMemoryStoreContext final : public ZolvaniManagedObjectContext,
                                    public std::enable_shared_from_this<InMemoryStoreContext> {
@@ -249,14 +263,12 @@ class InMemoryStoreContext final : public ZolvaniManagedObjectContext,
   std::vector<std::shared_ptr<const SavedRecord>> saved_;
   int saves_ = 0;
   int refreshes_ = 0;
-  // Bumped whenever a record is inserted, deleted or renamed; the look-up by
-  // feed identifier and the saved list are rebuilt when it moved.
-  std::shared_ptr<std::atomic<std::uint64_t>> generation_ =
-      std::make_shared<std::atomic<std::uint64_t>>(1);
+  // Where records note their changes, so that the look-up by feed identifier
+  // and the saved list follow them instead of being rebuilt for each one.
+  std::shared_ptr<InMemoryStoreJournal> journal_ = std::make_shared<InMemoryStoreJournal>();
   std::uint64_t indexedGeneration_ = 0, savedGeneration_ = 0;
   std::unordered_map<std::string, std::vector<std::shared_ptr<SubscriptionData>>> byFeed_;
-  // Records changed since the last save, and where each live record is saved.
-  std::shared_ptr<std::vector<const void*>> changed_ = std::make_shared<std::vector<const void*>>();
+  // Where each live record is saved.
   std::unordered_map<const void*, std::size_t> slotOf_;
   void reindex();
 };
