@@ -50,6 +50,28 @@ Value lifetime(const nlohmann::json* value) {
   return Value(sync::int64Of(value));
 }
 
+// The asset-data keys, made once: every admitted item's map carries them.
+struct AssetDataKeys {
+  Value::Key collectionAssetID{SubscriptionAssetDataCollectionAssetIDKey};
+  Value::Key createdDate{SubscriptionAssetDataCreatedDateKey};
+  Value::Key mediaType{SubscriptionAssetDataMediaTypeKey};
+  Value::Key assetID{SubscriptionAssetDataAssetIDKey};
+  Value::Key description{SubscriptionAssetDataDescriptionKey};
+  Value::Key downloadURL{SubscriptionAssetDataDownloadURLKey};
+  Value::Key maximumBitrate{SubscriptionAssetDataMaximumBitrateKey};
+  Value::Key publishDate{SubscriptionAssetDataPublishDateKey};
+  Value::Key expiryDate{SubscriptionAssetDataExpiryDateKey};
+  Value::Key expiryAfterDownload{SubscriptionAssetDataExpiryAfterDownloadKey};
+  Value::Key expiryAfterPlay{SubscriptionAssetDataExpiryAfterPlayKey};
+  Value::Key permittedMimeTypes{SubscriptionAssetDataPermittedMimeTypesKey};
+  Value::Key collectionUUID{SubscriptionServerCollectionUUIDKey};
+};
+
+const AssetDataKeys& keys() {
+  static const AssetDataKeys k;
+  return k;
+}
+
 }  // namespace
 
 ZolvaniSubscriptionDefaultDataSource::ZolvaniSubscriptionDefaultDataSource() {
@@ -141,7 +163,7 @@ void ZolvaniSubscriptionDefaultDataSource::admitItem(const nlohmann::json& item,
   const std::string& assetID = sync::stringOf(sync::member(item, SubscriptionServerRemoteUUIDKey));
   if (assetID.empty()) return;
   Value::Map data = lookupMetadataForAssetID(assetID, std::move(*parsed));
-  data[std::string(SubscriptionAssetDataAssetIDKey)] = Value(assetID);
+  data[keys().assetID] = Value(assetID);
   if (!(nonEmptyString(data, SubscriptionAssetDataAssetIDKey) &&
         nonEmptyString(data, SubscriptionAssetDataDownloadURLKey) &&
         mapValue(data, SubscriptionAssetDataCreatedDateKey) &&
@@ -150,7 +172,7 @@ void ZolvaniSubscriptionDefaultDataSource::admitItem(const nlohmann::json& item,
     return;
   }
   debugEvent(location, lines.parsed, fmt::format("Found and parsed item ({}).", assetID), 4);
-  if (feed && !feed->empty()) data[std::string(SubscriptionServerCollectionUUIDKey)] = Value(*feed);
+  if (feed && !feed->empty()) data[keys().collectionUUID] = Value(*feed);
   out.emplace_back(std::move(data));
   didProcessItemWithSourceData(item);
   didProcessAssetWithMetadata(*out.back().asMap());
@@ -204,25 +226,20 @@ std::optional<Value::Map> ZolvaniSubscriptionDefaultDataSource::processItemData(
   const nlohmann::json* playExpiry = sync::keyPath(item, "metadata.expiryAfterPlay");
   const std::string& mime = sync::stringOf(sync::keyPath(item, "metadata.mime"));
 
+  const AssetDataKeys& k = keys();
   Value::Map result;
-  if (fromFeed) result[std::string(SubscriptionAssetDataCollectionAssetIDKey)] = Value(*fromFeed);
-  result[std::string(SubscriptionAssetDataCreatedDateKey)] = Value(createdDate);
-  result[std::string(SubscriptionAssetDataMediaTypeKey)] =
-      Value(static_cast<std::int64_t>(mediaType));
-  result[std::string(SubscriptionAssetDataAssetIDKey)] = Value(assetID);
-  result[std::string(SubscriptionAssetDataDescriptionKey)] = Value(std::move(description));
-  if (!downloadURL.empty())
-    result[std::string(SubscriptionAssetDataDownloadURLKey)] = Value(downloadURL);
-  result[std::string(SubscriptionAssetDataMaximumBitrateKey)] = Value(std::int64_t{2147483647});
-  if (publishDate) result[std::string(SubscriptionAssetDataPublishDateKey)] = Value(*publishDate);
-  if (expiryDate) result[std::string(SubscriptionAssetDataExpiryDateKey)] = Value(*expiryDate);
-  if (sync::present(downloadExpiry))
-    result[std::string(SubscriptionAssetDataExpiryAfterDownloadKey)] = lifetime(downloadExpiry);
-  if (sync::present(playExpiry))
-    result[std::string(SubscriptionAssetDataExpiryAfterPlayKey)] = lifetime(playExpiry);
-  if (!mime.empty())
-    result[std::string(SubscriptionAssetDataPermittedMimeTypesKey)] =
-        Value(Value::Array{Value(mime)});
+  if (fromFeed) result[k.collectionAssetID] = Value(*fromFeed);
+  result[k.createdDate] = Value(createdDate);
+  result[k.mediaType] = Value(static_cast<std::int64_t>(mediaType));
+  result[k.assetID] = Value(assetID);
+  result[k.description] = Value(std::move(description));
+  if (!downloadURL.empty()) result[k.downloadURL] = Value(downloadURL);
+  result[k.maximumBitrate] = Value(std::int64_t{2147483647});
+  if (publishDate) result[k.publishDate] = Value(*publishDate);
+  if (expiryDate) result[k.expiryDate] = Value(*expiryDate);
+  if (sync::present(downloadExpiry)) result[k.expiryAfterDownload] = lifetime(downloadExpiry);
+  if (sync::present(playExpiry)) result[k.expiryAfterPlay] = lifetime(playExpiry);
+  if (!mime.empty()) result[k.permittedMimeTypes] = Value(Value::Array{Value(mime)});
   return result;
 }
 

@@ -45,13 +45,19 @@ class InMemorySubscriptionData final : public SubscriptionData {
   }
 
   std::shared_ptr<const InMemoryStoreContext::SavedRecord> snapshot() {
+    // Handing out a collection marks the record changed even when the caller
+    // only read it (as the feed store does for every new item), so the last
+    // snapshot is kept when it still holds.
+    if (dirty_ && snapshot_ && matches(*snapshot_)) dirty_ = false;
     if (dirty_ || !snapshot_) {
       auto s = std::make_shared<InMemoryStoreContext::SavedRecord>();
       s->uuid = uuid_;
       s->maxItems = maxItems_;
       s->autodelete = autodelete_;
       s->maxBitrate = maxBitrate_;
+      s->feedItems.reserve(feedItems_.count());
       for (const auto& i : feedItems_) s->feedItems.push_back(i->uuid());
+      s->deferredFeedItems.reserve(deferred_.count());
       for (const auto& i : deferred_) s->deferredFeedItems.push_back(i->uuid());
       snapshot_ = std::move(s);
       dirty_ = false;
@@ -60,6 +66,18 @@ class InMemorySubscriptionData final : public SubscriptionData {
   }
 
  private:
+  bool matches(const InMemoryStoreContext::SavedRecord& saved) const {
+    auto same = [](const AssetDataOrderedSet& set, const std::vector<std::string>& uuids) {
+      if (set.count() != uuids.size()) return false;
+      for (std::size_t i = 0; i < uuids.size(); ++i)
+        if (set.at(i)->uuid() != uuids[i]) return false;
+      return true;
+    };
+    return saved.uuid == uuid_ && saved.maxItems == maxItems_ && saved.autodelete == autodelete_ &&
+           saved.maxBitrate == maxBitrate_ && same(feedItems_, saved.feedItems) &&
+           same(deferred_, saved.deferredFeedItems);
+  }
+
   void touch() {
     if (!dirty_ && journal_) journal_->changed.push_back(this);
     dirty_ = true;
