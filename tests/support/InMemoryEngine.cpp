@@ -228,8 +228,9 @@ void InMemoryStoreContext::reindex() {
     // Renames since the last look-up move one record each, unless the record
     // joins others of the same identifier, whose order only a rebuild keeps.
     bool rebuild = false;
-    for (const auto& [record, previous] : renamed) {
-      auto from = byFeed_.find(previous);
+    for (const auto& rename : renamed) {
+      const SubscriptionData* record = rename.first;
+      auto from = byFeed_.find(rename.second);
       if (from == byFeed_.end()) {
         rebuild = true;
         break;
