@@ -35,11 +35,12 @@ struct DataSourceServices {
 class ZolvaniSubscriptionDataSource {
  public:
   virtual ~ZolvaniSubscriptionDataSource() = default;
-  // Feed mode, over the catalog's "collections" value. The JSON must outlive
-  // process().
+  // Feed mode, over the catalog's "collections" value. The JSON lives until
+  // process() returns and is released then (a large catalog's parsed tree is
+  // not kept while its assets are made): copy anything needed later.
   virtual void initWithSubscriptions(const nlohmann::json& collections) = 0;
-  // Direct-item mode, over the catalog's "contentItems" value. The JSON must
-  // outlive process().
+  // Direct-item mode, over the catalog's "contentItems" value; it lives as
+  // long as in feed mode.
   virtual void initWithAssets(const nlohmann::json& contentItems) = 0;
   // Feed mode: a map from feed identifier to an array of asset-data maps.
   // Direct-item mode: an array of asset-data maps.
@@ -79,7 +80,8 @@ class ZolvaniSubscriptionDefaultDataSource : public ZolvaniSubscriptionDataSourc
   virtual void didProcessAssetWithMetadata(const Value::Map& metadata);
   // Called before an asset made from this batch is queued.
   virtual void willAddAsset(const std::shared_ptr<ZolvaniAsset>& asset);
-  // Called with each admitted server item.
+  // Called with each admitted server item, during process(); the item is not
+  // valid after process() returns.
   virtual void didProcessItemWithSourceData(const nlohmann::json& item);
 
   void initWithSubscriptions(const nlohmann::json& collections) override;
