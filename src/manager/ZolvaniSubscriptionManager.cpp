@@ -2,6 +2,8 @@
 // status reports and the logging entry point.
 #include "zolvani/subscription/ZolvaniSubscriptionManager.h"
 
+#include <mutex>
+
 #include <fmt/format.h>
 
 #include "manager/LogFormat.h"
@@ -19,8 +21,11 @@ constexpr std::size_t kProcessingThreads = 8;
 std::once_flag platformOnce;
 std::optional<Platform> platformSlot;
 
-std::once_flag sharedOnce;
-std::shared_ptr<ZolvaniSubscriptionManager> sharedManager;
+// A mutex rather than a once flag: the first calls may throw (nothing is
+// installed yet), and a once flag left by an exception is not reliably
+// released everywhere.
+std::mutex sharedMutex;
+std::shared_ptr<ZolvaniSubscriptionManager> sharedManager;  // guarded by sharedMutex
 
 }  // namespace
 
@@ -55,17 +60,17 @@ std::shared_ptr<ZolvaniSubscriptionManager> ZolvaniSubscriptionManager::instance
 }
 
 std::shared_ptr<ZolvaniSubscriptionManager> ZolvaniSubscriptionManager::internalInstance() {
-  std::call_once(sharedOnce, [] {
-    const ZolvaniEngine* engine = installedEngine();
-    const Platform* platform = installedPlatform();
-    if (!engine || !engine->complete())
-      throw InternalInconsistencyException(
-          "No download engine is installed; call installEngine() before using the manager.");
-    if (!platform)
-      throw InternalInconsistencyException(
-          "No platform is installed; call installPlatform() before using the manager.");
-    sharedManager = create(ManagerEnvironment{*engine, *platform});
-  });
+  std::lock_guard lock(sharedMutex);
+  if (sharedManager) return sharedManager;
+  const ZolvaniEngine* engine = installedEngine();
+  const Platform* platform = installedPlatform();
+  if (!engine || !engine->complete())
+    throw InternalInconsistencyException(
+        "No download engine is installed; call installEngine() before using the manager.");
+  if (!platform)
+    throw InternalInconsistencyException(
+        "No platform is installed; call installPlatform() before using the manager.");
+  sharedManager = create(ManagerEnvironment{*engine, *platform});
   return sharedManager;
 }
 
