@@ -1,6 +1,7 @@
 #include "sync/CatalogSync.h"
 
-#include <ctime>
+#include <chrono>
+#include <cmath>
 
 #include <fmt/format.h>
 
@@ -98,13 +99,19 @@ std::string CatalogSync::formatDate(Date date) {
   const double seconds = date.secondsSince1970;
   if (!(seconds > -6.2e10 && seconds < 2.5e11))
     return fmt::format("{} seconds since 1970", seconds);
-  std::time_t t = static_cast<std::time_t>(seconds);
-  std::tm tm{};
-  gmtime_r(&t, &tm);
-  const int hour12 = tm.tm_hour % 12 == 0 ? 12 : tm.tm_hour % 12;
-  return fmt::format("{} {}, {} at {}:{:02}:{:02} {}", kMonths[tm.tm_mon], tm.tm_mday,
-                     tm.tm_year + 1900, hour12, tm.tm_min, tm.tm_sec,
-                     tm.tm_hour < 12 ? "AM" : "PM");
+  // Calendar arithmetic in UTC, with no time-zone database: the C time
+  // functions would load it on first use, in the middle of a sync.
+  using namespace std::chrono;
+  const sys_seconds t{std::chrono::seconds(static_cast<std::int64_t>(std::floor(seconds)))};
+  const sys_days day = floor<days>(t);
+  const year_month_day ymd(day);
+  const hh_mm_ss time(t - day);
+  const int hour = static_cast<int>(time.hours().count());
+  const int hour12 = hour % 12 == 0 ? 12 : hour % 12;
+  return fmt::format("{} {}, {} at {}:{:02}:{:02} {}",
+                     kMonths[static_cast<unsigned>(ymd.month()) - 1],
+                     static_cast<unsigned>(ymd.day()), static_cast<int>(ymd.year()), hour12,
+                     time.minutes().count(), time.seconds().count(), hour < 12 ? "AM" : "PM");
 }
 
 void CatalogSync::start(std::optional<Date> since, bool subscribedOnly, bool force,

@@ -5,6 +5,7 @@
 #include <future>
 #include <thread>
 
+#include "sync/CatalogSync.h"
 #include "sync/SyncHarness.h"
 
 namespace zolvani::testing {
@@ -40,6 +41,23 @@ std::vector<std::string> names(const std::vector<Notification>& notes) {
   std::vector<std::string> out;
   for (const auto& n : notes) out.push_back(n.name);
   return out;
+}
+
+// The last-sync log lines give dates in UTC on a 12-hour clock; midnight and
+// noon are 12, and a date before 1970 or with a fraction falls in the second it
+// lies in.
+TEST(CatalogSyncDateTest, LogLinesGiveTheDateInUtcOnATwelveHourClock) {
+  struct Case {
+    double seconds;
+    const char* text;
+  } cases[] = {
+      {0, "Jan 1, 1970 at 12:00:00 AM"},          {43200, "Jan 1, 1970 at 12:00:00 PM"},
+      {1750000000, "Jun 15, 2025 at 3:06:40 PM"}, {1763726400, "Nov 21, 2025 at 12:00:00 PM"},
+      {1.9, "Jan 1, 1970 at 12:00:01 AM"},        {-1, "Dec 31, 1969 at 11:59:59 PM"},
+      {-0.5, "Dec 31, 1969 at 11:59:59 PM"},      {3e11, "300000000000 seconds since 1970"},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(CatalogSync::formatDate(Date(c.seconds)), c.text) << c.seconds;
 }
 
 TEST_F(CatalogSyncTest, FirstSyncAdmitsDefersAndTrimsThenASecondSeesOnlyNewerItems) {
