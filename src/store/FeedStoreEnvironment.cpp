@@ -7,12 +7,8 @@
 
 namespace zolvani {
 
-void FeedStoreEnvironment::performStoreWork(
-    const std::function<void(ZolvaniManagedObjectContext&)>& work) const {
-  std::shared_ptr<ZolvaniManagedObjectContext> context =
-      engine.utilities ? engine.utilities->managedObjectContext() : nullptr;
-  if (!context) return;
-  context->performBlockAndWait([&] { work(*context); });
+std::shared_ptr<ZolvaniManagedObjectContext> FeedStoreEnvironment::sharedContext() const {
+  return engine.utilities ? engine.utilities->managedObjectContext() : nullptr;
 }
 
 void FeedStoreEnvironment::saveContext() const {

@@ -39,8 +39,17 @@ struct FeedStoreEnvironment {
   std::function<bool()> deleteOldContentAfterNewContentDownloads;
 
   // Runs `work` synchronously inside the engine's shared context. Without a
-  // context the work does not run and the caller sees "no record".
-  void performStoreWork(const std::function<void(ZolvaniManagedObjectContext&)>& work) const;
+  // context the work does not run and the caller sees "no record". A template,
+  // so that the feed store's several units of work per admitted item wrap no
+  // closure on the heap.
+  template <class Work>
+  void performStoreWork(Work&& work) const {
+    std::shared_ptr<ZolvaniManagedObjectContext> context = sharedContext();
+    if (!context) return;
+    context->performBlockAndWait([&work, &context] { work(*context); });
+  }
+  // The engine's shared context; null without one.
+  std::shared_ptr<ZolvaniManagedObjectContext> sharedContext() const;
   // The engine's saveContext(); its result is not inspected.
   void saveContext() const;
 
