@@ -19,6 +19,7 @@
 
 #include <fmt/format.h>
 
+#include "support/SampleCatalog.h"
 #include "support/TestEnvironment.h"
 #include "sync/CatalogSync.h"
 
@@ -32,35 +33,6 @@ class DiscardingLogger final : public ZolvaniLogger {
   void addDebugEvent(const std::string&, std::int64_t) override {}
   void logEvent(std::int64_t, const std::string&, const Value&) override {}
 };
-
-std::string makeCatalog(int feeds) {
-  std::string out =
-      R"({"response_header":{"response_code":0,"response_string":"OK"},"subscriptions":[)";
-  for (int f = 0; f < feeds; ++f) out += fmt::format("{}\"feed-{:05}\"", f ? "," : "", f);
-  out += R"(],"subscription_rules":{)";
-  for (int f = 0; f < feeds; ++f)
-    out += fmt::format(
-        R"({}"feed-{:05}":{{"max_assets":0,"auto_delete":false,"max_bitrate":4000000}})",
-        f ? "," : "", f);
-  out += R"(},"collections":[)";
-  for (int f = 0; f < feeds; ++f) {
-    out += fmt::format(R"({}{{"remoteUUID":"feed-{:05}","subscribable":true,"contentItems":[)",
-                       f ? "," : "", f);
-    for (int i = 0; i < kItemsPerFeed; ++i) {
-      out += fmt::format(
-          R"({}{{"remoteUUID":"item-{:05}-{:02}","created":{},"metadata.mediaType":{},"metadata":{{)"
-          R"("title":"Episode {} of feed {} &amp; friends","desc":"A description of episode {} that is long enough )"
-          R"(to look like one a real catalog carries, with an entity &lt;b&gt; or two.",)"
-          R"("downloadURL":"https://cdn.example.test/feeds/{:05}/episodes/{:02}/master.m3u8",)"
-          R"("availableFrom":1700000000,"catalogExpiry":1900000000,"downloadExpiry":604800,)"
-          R"("expiryAfterPlay":172800,"mime":"application/x-mpegURL"}}}})",
-          i ? "," : "", f, i, 1700000000 + f * 100 + i, i % 2 ? 3 : 1, i, f, i, f, i);
-    }
-    out += "]}";
-  }
-  out += R"(],"last_updated":1750000000})";
-  return out;
-}
 
 long peakResidentKiB() {
   std::ifstream status("/proc/self/status");
@@ -76,7 +48,7 @@ double seconds(std::chrono::steady_clock::duration d) {
 
 // Prints "<bytes> <seconds> <peak KiB>".
 int measure(int feeds, const std::string& mode) {
-  std::string body = makeCatalog(feeds);
+  std::string body = bench::makeCatalog(feeds, kItemsPerFeed, false);
   const std::size_t bytes = body.size();
   const auto start = std::chrono::steady_clock::now();
   if (mode == "parse") {

@@ -94,8 +94,7 @@ std::vector<std::string> FeedStore::addItem(const std::shared_ptr<ZolvaniAsset>&
     auto record = fetchFeedRecord(context, feed);
     if (!record) return;
     AssetDataOrderedSet& items = record->feedItemsSet();
-    items.add(data);  // an item already tracked keeps its place
-    sortOldestFirst(items);
+    insertOldestFirst(items, data);  // an item already tracked keeps its place
 
     const std::int16_t max = record->maxItemsValue();
     // Auto-delete is not consulted: adding beyond the maximum always trims.
@@ -156,8 +155,7 @@ void FeedStore::addDeferredItem(const std::shared_ptr<ZolvaniAsset>& item,
     auto record = fetchFeedRecord(context, feed);
     if (!record) return;
     AssetDataOrderedSet& deferred = record->deferredFeedItemsSet();
-    deferred.add(std::move(data));
-    sortOldestFirst(deferred);
+    insertOldestFirst(deferred, std::move(data));
     env_.saveContext();
   });
 }

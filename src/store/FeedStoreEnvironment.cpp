@@ -69,8 +69,8 @@ std::vector<std::shared_ptr<SubscriptionData>> fetchAllFeedRecords(
   return records;
 }
 
-void sortOldestFirst(AssetDataOrderedSet& items) {
-  items.sortByAttribute(ZolvaniAssetDataAttributes[9]);
+void insertOldestFirst(AssetDataOrderedSet& items, std::shared_ptr<ZolvaniAssetData> item) {
+  items.insertSorted(std::move(item), ZolvaniAssetDataAttributes[9]);
 }
 
 std::string describeAssetData(const std::shared_ptr<ZolvaniAssetData>& item) {

@@ -77,8 +77,10 @@ std::shared_ptr<SubscriptionData> fetchFeedRecord(ZolvaniManagedObjectContext& c
 std::vector<std::shared_ptr<SubscriptionData>> fetchAllFeedRecords(
     ZolvaniManagedObjectContext& context);
 
-// Sorts a collection oldest first by the engine's ordering attribute.
-void sortOldestFirst(AssetDataOrderedSet& items);
+// Adds an item to a collection and keeps it sorted oldest first by the
+// engine's ordering attribute, as appending and sorting again would; an item
+// already there stays and the collection is sorted.
+void insertOldestFirst(AssetDataOrderedSet& items, std::shared_ptr<ZolvaniAssetData> item);
 
 // Readable renderings of items for log lines; a null item prints "(null)".
 std::string describeAssetData(const std::shared_ptr<ZolvaniAssetData>& item);

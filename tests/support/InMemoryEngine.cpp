@@ -15,6 +15,10 @@ thread_local int blockDepth = 0;
 
 class InMemorySubscriptionData final : public SubscriptionData {
  public:
+  InMemorySubscriptionData() {
+    feedItems_.setRecordsChanges(true);
+    deferred_.setRecordsChanges(true);
+  }
   std::string uuid() const override { return uuid_; }
   void setUuid(std::string uuid) override {
     touch();
@@ -45,37 +49,65 @@ class InMemorySubscriptionData final : public SubscriptionData {
   }
 
   std::shared_ptr<const InMemoryStoreContext::SavedRecord> snapshot() {
+    if (!dirty_ && snapshot_) return snapshot_;
+    dirty_ = false;
+    auto feedChanges = feedItems_.takeChanges();
+    auto deferredChanges = deferred_.takeChanges();
     // Handing out a collection marks the record changed even when the caller
     // only read it (as the feed store does for every new item), so the last
-    // snapshot is kept when it still holds.
-    if (dirty_ && snapshot_ && matches(*snapshot_)) dirty_ = false;
-    if (dirty_ || !snapshot_) {
-      auto s = std::make_shared<InMemoryStoreContext::SavedRecord>();
-      s->uuid = uuid_;
-      s->maxItems = maxItems_;
-      s->autodelete = autodelete_;
-      s->maxBitrate = maxBitrate_;
-      s->feedItems.reserve(feedItems_.count());
-      for (const auto& i : feedItems_) s->feedItems.push_back(i->uuid());
-      s->deferredFeedItems.reserve(deferred_.count());
-      for (const auto& i : deferred_) s->deferredFeedItems.push_back(i->uuid());
-      snapshot_ = std::move(s);
-      dirty_ = false;
+    // snapshot is kept when nothing in it moved.
+    const bool sameRules =
+        snapshot_ && snapshot_->uuid == uuid_ && snapshot_->maxItems == maxItems_ &&
+        snapshot_->autodelete == autodelete_ && snapshot_->maxBitrate == maxBitrate_;
+    if (sameRules && feedChanges.empty() && deferredChanges.empty()) return snapshot_;
+    std::shared_ptr<InMemoryStoreContext::SavedRecord> s;
+    if (!snapshot_) {
+      s = std::make_shared<InMemoryStoreContext::SavedRecord>();
+      rebuild(s->feedItems, feedItems_);
+      rebuild(s->deferredFeedItems, deferred_);
+    } else {
+      // The saved form follows the collections' own change logs, so a save
+      // costs what changed, not the length of the feed. It is changed in place
+      // unless someone besides the saved list still holds it.
+      s = snapshot_.use_count() > 2
+              ? std::make_shared<InMemoryStoreContext::SavedRecord>(*snapshot_)
+              : snapshot_;
+      follow(s->feedItems, feedChanges, feedItems_);
+      follow(s->deferredFeedItems, deferredChanges, deferred_);
     }
+    s->uuid = uuid_;
+    s->maxItems = maxItems_;
+    s->autodelete = autodelete_;
+    s->maxBitrate = maxBitrate_;
+    snapshot_ = std::move(s);
     return snapshot_;
   }
 
  private:
-  bool matches(const InMemoryStoreContext::SavedRecord& saved) const {
-    auto same = [](const AssetDataOrderedSet& set, const std::vector<std::string>& uuids) {
-      if (set.count() != uuids.size()) return false;
-      for (std::size_t i = 0; i < uuids.size(); ++i)
-        if (set.at(i)->uuid() != uuids[i]) return false;
-      return true;
-    };
-    return saved.uuid == uuid_ && saved.maxItems == maxItems_ && saved.autodelete == autodelete_ &&
-           saved.maxBitrate == maxBitrate_ && same(feedItems_, saved.feedItems) &&
-           same(deferred_, saved.deferredFeedItems);
+  static void rebuild(std::vector<std::string>& uuids, const AssetDataOrderedSet& now) {
+    uuids.clear();
+    uuids.reserve(now.count());
+    for (const auto& item : now) uuids.push_back(item->uuid());
+  }
+
+  // Replays a collection's changes onto its saved UUIDs; rebuilds them from
+  // the collection when the changes are a reordering or do not fit.
+  static void follow(std::vector<std::string>& uuids,
+                     const std::vector<AssetDataOrderedSet::Change>& changes,
+                     const AssetDataOrderedSet& now) {
+    using Kind = AssetDataOrderedSet::Change::Kind;
+    for (const auto& change : changes) {
+      const auto at = static_cast<std::ptrdiff_t>(change.index);
+      if (change.kind == Kind::kInserted && change.item && change.index <= uuids.size()) {
+        uuids.insert(uuids.begin() + at, change.item->uuid());
+      } else if (change.kind == Kind::kRemoved && change.item && change.index < uuids.size() &&
+                 uuids[change.index] == change.item->uuid()) {
+        uuids.erase(uuids.begin() + at);
+      } else {
+        return rebuild(uuids, now);
+      }
+    }
+    if (uuids.size() != now.count()) rebuild(uuids, now);
   }
 
   void touch() {
@@ -89,7 +121,7 @@ class InMemorySubscriptionData final : public SubscriptionData {
   std::int64_t maxBitrate_ = 0;
   AssetDataOrderedSet feedItems_, deferred_;
   bool dirty_ = true;
-  std::shared_ptr<const InMemoryStoreContext::SavedRecord> snapshot_;
+  std::shared_ptr<InMemoryStoreContext::SavedRecord> snapshot_;
   // Where the record notes that it changed since its last snapshot.
   std::shared_ptr<InMemoryStoreJournal> journal_;
 };

@@ -2,8 +2,8 @@
 // the download queue and the state every role reads.
 //
 // Lock order, outermost first: the store context's mutex, Impl::mutex_, an
-// asset's mutex, the database's mutex. Callbacks into the host or the library
-// never run while one of these is held.
+// asset's mutex, the database's mutex, the group commit's mutex. Callbacks into the host or the
+// library never run while one of these is held.
 #pragma once
 
 #include <atomic>
@@ -18,8 +18,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Database.h"
 #include "Fetcher.h"
+#include "store/AssetFields.h"
+#include "store/EngineStore.h"
+#include "store/SqliteStoreContext.h"
 #include "zolvani/reference/ReferenceEngine.h"
 
 namespace spdlog {
@@ -27,32 +29,6 @@ class logger;
 }
 
 namespace zolvani::reference {
-
-// Everything the store keeps about one asset.
-struct AssetFields {
-  std::string uuid, assetID, description, url;
-  bool manifest = false;
-  std::int32_t protectionType = 0;
-  bool includeEncryptionKeys = false;
-  std::int64_t maximumBitrate = 0;
-  std::optional<Date> publishDate, expiryDate;
-  double expiryAfterDownload = 0, expiryAfterPlay = 0;
-  std::int32_t downloadLimit = 0;
-  bool fastPlay = false;
-  std::string userInfoJson;
-  Date creationDate;
-  AssetState state = AssetState::kCreated;
-  double fraction = 0;
-  std::uint64_t bytesDone = 0, bytesTotal = 0;
-  std::optional<Date> downloadComplete;
-  std::string localPath;      // relative to the data folder
-  std::int64_t queuePos = 0;  // order in the download queue; 0 when not queued
-  std::string etag, lastModified;
-  std::int64_t errorCode = 0;
-  std::string errorText;
-  std::int64_t bandwidth = 0, segmentsDone = 0, segmentsTotal = 0;
-  std::int64_t seq = 0;  // creation order
-};
 
 class ReferenceAsset;
 
@@ -94,6 +70,15 @@ class ReferenceAsset final : public ZolvaniAsset,
     std::lock_guard l(mutex_);
     return fields_;
   }
+  // Reads part of the fields under the asset's lock, without copying the rest.
+  template <typename F>
+  auto read(F&& reader) const {
+    std::lock_guard l(mutex_);
+    return reader(static_cast<const AssetFields&>(fields_));
+  }
+  AssetState state() const {
+    return read([](const AssetFields& f) { return f.state; });
+  }
   // Changes fields under the asset's lock; returns the new snapshot.
   template <typename F>
   AssetFields update(F&& change) {
@@ -108,53 +93,6 @@ class ReferenceAsset final : public ZolvaniAsset,
   mutable std::mutex mutex_;
   AssetFields fields_;
   std::shared_ptr<ReferenceAssetData> data_;
-};
-
-class SqliteSubscriptionData final : public SubscriptionData {
- public:
-  std::string uuid() const override { return uuid_; }
-  void setUuid(std::string uuid) override { uuid_ = std::move(uuid); }
-  std::int16_t maxItemsValue() const override { return maxItems_; }
-  void setMaxItemsValue(std::int16_t value) override { maxItems_ = value; }
-  bool autodeleteValue() const override { return autodelete_; }
-  void setAutodeleteValue(bool value) override { autodelete_ = value; }
-  std::int64_t maxBitrateValue() const override { return maxBitrate_; }
-  void setMaxBitrateValue(std::int64_t value) override { maxBitrate_ = value; }
-  AssetDataOrderedSet& feedItemsSet() override { return feedItems_; }
-  AssetDataOrderedSet& deferredFeedItemsSet() override { return deferred_; }
-
- private:
-  std::string uuid_;
-  std::int16_t maxItems_ = 0;
-  bool autodelete_ = false;
-  std::int64_t maxBitrate_ = 0;
-  AssetDataOrderedSet feedItems_, deferred_;
-};
-
-// The store context over the SQLite store: records live in memory between
-// saves; save() rewrites the SubscriptionData tables in one transaction.
-class SqliteStoreContext final : public ZolvaniManagedObjectContext {
- public:
-  explicit SqliteStoreContext(std::weak_ptr<ReferenceEngine::Impl> engine)
-      : engine_(std::move(engine)) {}
-  void performBlockAndWait(const std::function<void()>& block) override;
-  std::vector<std::shared_ptr<SubscriptionData>> executeFetchRequest(
-      const SubscriptionDataFetchRequest& request, std::optional<Error>* error) override;
-  std::shared_ptr<SubscriptionData> insertSubscriptionData() override;
-  void deleteObject(const std::shared_ptr<SubscriptionData>& record) override;
-  void refreshObject(const std::shared_ptr<ZolvaniAssetData>& item, bool mergeChanges) override;
-  bool save() override;
-
-  // Loads the saved records (at start).
-  std::optional<Error> load();
-  // Drops an asset's record from every collection, saved or pending.
-  void forgetAsset(const std::string& uuid);
-  std::recursive_mutex& mutex() { return mutex_; }
-
- private:
-  std::weak_ptr<ReferenceEngine::Impl> engine_;
-  std::recursive_mutex mutex_;
-  std::vector<std::shared_ptr<SqliteSubscriptionData>> live_;
 };
 
 class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
@@ -178,7 +116,6 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
                    std::function<void(bool, std::optional<Error>)> onComplete);
   // Writes a live asset's fields; false for a deleted asset or on failure.
   bool persist(const AssetFields& fields);
-  bool writeAsset(const AssetFields& fields);
   AssetInfo info(const AssetFields& fields) const;
   std::vector<AssetInfo> listAssets() const;
 
@@ -207,7 +144,7 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
   void setMetaValue(const std::string& key, const std::string& value);
 
   ReferenceEngineOptions options;
-  Database db;
+  EngineStore store;
   std::shared_ptr<SqliteStoreContext> context;
   std::atomic<bool> started{false};
   mutable std::mutex credentialsMutex;
@@ -241,6 +178,10 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
   mutable std::mutex mutex_;
   std::condition_variable cv_;
   std::unordered_map<std::string, std::shared_ptr<ReferenceAsset>> assets_;
+  // The same assets by their content's asset identifier, oldest first, so
+  // that the duplicate test before each new item does not scan every asset.
+  std::unordered_map<std::string, std::vector<std::shared_ptr<ReferenceAsset>>> byAssetID_;
+  void indexLocked(const std::shared_ptr<ReferenceAsset>& asset);
   std::deque<std::string> queue_;
   std::map<std::string, std::shared_ptr<std::atomic<bool>>> transferring_;
   // Assets whose ready callbacks have not run yet. They count as being

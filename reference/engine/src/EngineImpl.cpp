@@ -9,86 +9,6 @@
 #include "zolvani/subscription/platform/Platform.h"
 
 namespace zolvani::reference {
-namespace {
-
-constexpr std::string_view kSchema = R"sql(
-CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY, value TEXT NOT NULL);
-CREATE TABLE IF NOT EXISTS assets(
-  uuid TEXT PRIMARY KEY, asset_id TEXT NOT NULL, description TEXT NOT NULL, url TEXT NOT NULL,
-  manifest INTEGER NOT NULL, protection_type INTEGER NOT NULL, include_keys INTEGER NOT NULL,
-  max_bitrate INTEGER NOT NULL, publish_date REAL, expiry_date REAL,
-  expiry_after_download REAL NOT NULL, expiry_after_play REAL NOT NULL,
-  download_limit INTEGER NOT NULL, fast_play INTEGER NOT NULL, user_info TEXT NOT NULL,
-  creation_date REAL NOT NULL, state INTEGER NOT NULL, fraction REAL NOT NULL,
-  bytes_done INTEGER NOT NULL, bytes_total INTEGER NOT NULL, download_complete REAL,
-  local_path TEXT NOT NULL, queue_pos INTEGER NOT NULL, etag TEXT NOT NULL,
-  last_modified TEXT NOT NULL, error_code INTEGER NOT NULL, error_text TEXT NOT NULL,
-  bandwidth INTEGER NOT NULL, segments_done INTEGER NOT NULL, segments_total INTEGER NOT NULL,
-  seq INTEGER NOT NULL);
-CREATE INDEX IF NOT EXISTS assets_by_asset_id ON assets(asset_id);
-CREATE TABLE IF NOT EXISTS subscription_data(
-  id INTEGER PRIMARY KEY, uuid TEXT NOT NULL, autodelete INTEGER NOT NULL,
-  max_bitrate INTEGER NOT NULL, max_items INTEGER NOT NULL, last_updated REAL);
-CREATE TABLE IF NOT EXISTS subscription_items(
-  record_id INTEGER NOT NULL REFERENCES subscription_data(id) ON DELETE CASCADE,
-  collection INTEGER NOT NULL, position INTEGER NOT NULL, asset_uuid TEXT NOT NULL,
-  PRIMARY KEY(record_id, collection, asset_uuid));
-CREATE INDEX IF NOT EXISTS items_by_asset ON subscription_items(asset_uuid);
-)sql";
-
-constexpr std::string_view kAssetColumns =
-    "uuid, asset_id, description, url, manifest, protection_type, include_keys, max_bitrate, "
-    "publish_date, expiry_date, expiry_after_download, expiry_after_play, download_limit, "
-    "fast_play, "
-    "user_info, creation_date, state, fraction, bytes_done, bytes_total, download_complete, "
-    "local_path, "
-    "queue_pos, etag, last_modified, error_code, error_text, bandwidth, segments_done, "
-    "segments_total, seq";
-
-std::optional<double> seconds(const std::optional<Date>& d) {
-  return d ? std::optional<double>(d->secondsSince1970) : std::nullopt;
-}
-std::optional<Date> date(const std::optional<double>& s) {
-  return s ? std::optional<Date>(Date(*s)) : std::nullopt;
-}
-
-AssetFields readAsset(const Statement& s) {
-  AssetFields f;
-  f.uuid = s.text(0);
-  f.assetID = s.text(1);
-  f.description = s.text(2);
-  f.url = s.text(3);
-  f.manifest = s.int64(4) != 0;
-  f.protectionType = static_cast<std::int32_t>(s.int64(5));
-  f.includeEncryptionKeys = s.int64(6) != 0;
-  f.maximumBitrate = s.int64(7);
-  f.publishDate = date(s.optionalReal(8));
-  f.expiryDate = date(s.optionalReal(9));
-  f.expiryAfterDownload = s.real(10);
-  f.expiryAfterPlay = s.real(11);
-  f.downloadLimit = static_cast<std::int32_t>(s.int64(12));
-  f.fastPlay = s.int64(13) != 0;
-  f.userInfoJson = s.text(14);
-  f.creationDate = Date(s.real(15));
-  f.state = static_cast<AssetState>(s.int64(16));
-  f.fraction = s.real(17);
-  f.bytesDone = static_cast<std::uint64_t>(s.int64(18));
-  f.bytesTotal = static_cast<std::uint64_t>(s.int64(19));
-  f.downloadComplete = date(s.optionalReal(20));
-  f.localPath = s.text(21);
-  f.queuePos = s.int64(22);
-  f.etag = s.text(23);
-  f.lastModified = s.text(24);
-  f.errorCode = s.int64(25);
-  f.errorText = s.text(26);
-  f.bandwidth = s.int64(27);
-  f.segmentsDone = s.int64(28);
-  f.segmentsTotal = s.int64(29);
-  f.seq = s.int64(30);
-  return f;
-}
-
-}  // namespace
 
 ReferenceEngine::Impl::Impl(ReferenceEngineOptions o) : options(std::move(o)) {
   if (options.parallelTransfers < 1) options.parallelTransfers = 1;
@@ -111,13 +31,8 @@ std::optional<Error> ReferenceEngine::Impl::start() {
   if (ec)
     return engineError(kEngineErrorStore, fmt::format("Cannot create the data folder {}: {}",
                                                       options.dataFolder.string(), ec.message()));
-  {
-    std::lock_guard l(db.mutex());
-    if (auto e = db.open(options.dataFolder / "engine.sqlite3"))
-      return engineError(kEngineErrorStore, "Cannot open the engine's database: " + *e);
-    if (auto e = db.exec(kSchema))
-      return engineError(kEngineErrorStore, "Cannot prepare the database: " + *e);
-  }
+  if (auto e = store.open(options.dataFolder / "engine.sqlite3"))
+    return engineError(kEngineErrorStore, *e);
   logger_ = makeEngineLogger(options);
   eventsFile_ = std::fopen((options.dataFolder / "events.jsonl").c_str(), "a");
   deviceUUID_ = metaValue("device_uuid");
@@ -125,9 +40,15 @@ std::optional<Error> ReferenceEngine::Impl::start() {
     deviceUUID_ = newUUIDString();
     setMetaValue("device_uuid", deviceUUID_);
   }
-  context = std::make_shared<SqliteStoreContext>(weak_from_this());
+  context = std::make_shared<SqliteStoreContext>(store.db(), store.commits());
   if (auto e = reconcile()) return e;
-  if (auto e = context->load()) return e;
+  // Gone assets keep their place in the feeds, so that the library's
+  // cancellation pass finds and announces them.
+  if (auto e = context->load([this](const std::string& uuid) {
+        auto asset = findAny(uuid);
+        return asset ? asset->assetDataFromAsset() : nullptr;
+      }))
+    return e;
   if (!options.user.empty())
     startup(options.keelhallURL, options.user, options.externalDeviceID, options.secret,
             options.key);
@@ -161,16 +82,13 @@ void ReferenceEngine::Impl::stop() {
   }
   callbackCv_.notify_all();
   if (callbackThread_.joinable()) callbackThread_.join();
+  // What the last steps wrote is committed before the engine reports stopped.
+  store.flush();
 }
 
 std::optional<Error> ReferenceEngine::Impl::reconcile() {
   std::vector<AssetFields> all;
-  {
-    std::lock_guard l(db.mutex());
-    Statement s(db, fmt::format("SELECT {} FROM assets ORDER BY seq", kAssetColumns));
-    if (!s.ok()) return engineError(kEngineErrorStore, db.lastError());
-    while (s.step()) all.push_back(readAsset(s));
-  }
+  if (auto e = store.assets().loadAll(&all)) return engineError(kEngineErrorStore, *e);
   std::vector<AssetFields> changed;
   std::vector<std::pair<std::int64_t, std::string>> queued;
   std::lock_guard l(mutex_);
@@ -193,25 +111,21 @@ std::optional<Error> ReferenceEngine::Impl::reconcile() {
     if (f.state == AssetState::kQueued) queued.emplace_back(f.queuePos, f.uuid);
     auto asset = std::make_shared<ReferenceAsset>(weak_from_this(), f);
     assets_[f.uuid] = asset;
+    indexLocked(asset);
   }
   std::sort(queued.begin(), queued.end());
   queue_.clear();
   for (auto& [pos, uuid] : queued) queue_.push_back(uuid);
-  for (const auto& f : changed) writeAsset(f);
+  for (const auto& f : changed) store.assets().update(f);
   return std::nullopt;
 }
 
 std::string ReferenceEngine::Impl::metaValue(const std::string& key) {
-  std::lock_guard l(db.mutex());
-  Statement s(db, "SELECT value FROM meta WHERE key=?");
-  s.bind(1, key);
-  return s.step() ? s.text(0) : std::string();
+  return store.metaValue(key);
 }
 
 void ReferenceEngine::Impl::setMetaValue(const std::string& key, const std::string& value) {
-  std::lock_guard l(db.mutex());
-  Statement s(db, "INSERT OR REPLACE INTO meta(key, value) VALUES(?,?)");
-  s.bind(1, key).bind(2, value).run();
+  store.setMetaValue(key, value);
 }
 
 bool ReferenceEngine::Impl::persist(const AssetFields& f) {
@@ -219,34 +133,14 @@ bool ReferenceEngine::Impl::persist(const AssetFields& f) {
   // transfer or a caller never brings a deleted asset's row back.
   std::lock_guard l(mutex_);
   if (!assets_.count(f.uuid)) return false;
-  return writeAsset(f);
+  if (store.assets().update(f)) return true;
+  if (logger_) log("Could not write asset " + f.uuid + ": " + store.db().lastError(), 0);
+  return false;
 }
 
-bool ReferenceEngine::Impl::writeAsset(const AssetFields& f) {
-  std::lock_guard l(db.mutex());
-  Statement s(
-      db,
-      fmt::format(
-          "INSERT OR REPLACE INTO assets({}) VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,"
-          "?,?,?,?,?,?,?,?,?)",
-          kAssetColumns));
-  s.bind(1, f.uuid).bind(2, f.assetID).bind(3, f.description).bind(4, f.url);
-  s.bind(5, std::int64_t{f.manifest}).bind(6, std::int64_t{f.protectionType});
-  s.bind(7, std::int64_t{f.includeEncryptionKeys}).bind(8, f.maximumBitrate);
-  s.bind(9, seconds(f.publishDate)).bind(10, seconds(f.expiryDate));
-  s.bind(11, f.expiryAfterDownload).bind(12, f.expiryAfterPlay);
-  s.bind(13, std::int64_t{f.downloadLimit})
-      .bind(14, std::int64_t{f.fastPlay})
-      .bind(15, f.userInfoJson);
-  s.bind(16, f.creationDate.secondsSince1970).bind(17, static_cast<std::int64_t>(f.state));
-  s.bind(18, f.fraction).bind(19, static_cast<std::int64_t>(f.bytesDone));
-  s.bind(20, static_cast<std::int64_t>(f.bytesTotal)).bind(21, seconds(f.downloadComplete));
-  s.bind(22, f.localPath).bind(23, f.queuePos).bind(24, f.etag).bind(25, f.lastModified);
-  s.bind(26, f.errorCode).bind(27, f.errorText).bind(28, f.bandwidth).bind(29, f.segmentsDone);
-  s.bind(30, f.segmentsTotal).bind(31, f.seq);
-  if (s.run()) return true;
-  if (logger_) log("Could not write asset " + f.uuid + ": " + db.lastError(), 0);
-  return false;
+void ReferenceEngine::Impl::indexLocked(const std::shared_ptr<ReferenceAsset>& asset) {
+  // Creation order is sequence order, so appending keeps each list oldest first.
+  byAssetID_[asset->assetID()].push_back(asset);
 }
 
 // --- Assets -------------------------------------------------------------------
@@ -260,12 +154,16 @@ std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::createAsset(AssetFields f
     std::lock_guard l(mutex_);
     f.seq = nextSeq_++;
   }
-  if (!writeAsset(f)) return nullptr;
+  if (!store.assets().insert(f)) {
+    log("Could not write asset " + f.uuid + ": " + store.db().lastError(), 0);
+    return nullptr;
+  }
   auto asset = std::make_shared<ReferenceAsset>(weak_from_this(), f);
   const bool willPrepare = f.manifest ? (ready || parse) : (options.callReadyCallbacks && ready);
   {
     std::lock_guard l(mutex_);
     assets_[f.uuid] = asset;
+    indexLocked(asset);
     if (willPrepare) preparing_.insert(f.uuid);
   }
   if (f.manifest) {
@@ -296,7 +194,7 @@ std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findByUUID(std::string_vi
   std::lock_guard l(mutex_);
   auto it = assets_.find(std::string(uuid));
   if (it == assets_.end()) return nullptr;
-  if (it->second->fields().state == AssetState::kGone) {
+  if (it->second->state() == AssetState::kGone) {
     // A gone asset answers as absent; the engine then completes its deletion so
     // that its record leaves the feed collections.
     callLater(
@@ -315,17 +213,12 @@ std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findAny(std::string_view 
 std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findByAssetID(
     std::string_view assetID) const {
   std::lock_guard l(mutex_);
-  std::shared_ptr<ReferenceAsset> best;
-  std::int64_t bestSeq = 0;
-  for (const auto& [uuid, asset] : assets_) {
-    AssetFields f = asset->fields();
-    if (f.assetID != assetID || f.state == AssetState::kGone) continue;
-    if (!best || f.seq < bestSeq) {
-      best = asset;
-      bestSeq = f.seq;
-    }
-  }
-  return best;
+  auto it = byAssetID_.find(std::string(assetID));
+  if (it == byAssetID_.end()) return nullptr;
+  // The oldest asset that is not gone.
+  for (const auto& asset : it->second)
+    if (asset->state() != AssetState::kGone) return asset;
+  return nullptr;
 }
 
 void ReferenceEngine::Impl::deleteAsset(
@@ -347,15 +240,16 @@ void ReferenceEngine::Impl::deleteAsset(
     // removed only once it let go of them.
     cv_.wait_for(l, std::chrono::seconds(20), [&] { return !transferring_.count(uuid); });
     assets_.erase(uuid);
+    if (auto byID = byAssetID_.find(asset->assetID()); byID != byAssetID_.end()) {
+      std::erase(byID->second, asset);
+      if (byID->second.empty()) byAssetID_.erase(byID);
+    }
   }
-  context->forgetAsset(uuid);
-  {
-    std::lock_guard l(db.mutex());
-    Statement a(db, "DELETE FROM assets WHERE uuid=?");
-    a.bind(1, uuid).run();
-    Statement i(db, "DELETE FROM subscription_items WHERE asset_uuid=?");
-    i.bind(1, uuid).run();
-  }
+  context->forgetAsset(asset->assetDataFromAsset());
+  store.assets().remove(uuid);
+  // The row's removal is committed before the files go, so that a restart
+  // never finds a finished asset without its file.
+  store.flush();
   std::error_code ec;
   std::filesystem::remove_all(assetFolder(uuid), ec);
   {
@@ -410,12 +304,46 @@ void ReferenceAsset::_setCreationDate(Date date) {
   if (auto e = engine_.lock()) e->persist(f);
 }
 
-std::string ReferenceAsset::assetID() const { return fields().assetID; }
-std::string ReferenceAsset::description() const { return fields().description; }
-std::optional<Date> ReferenceAsset::downloadCompleteDateTime() const {
-  return fields().downloadComplete;
+std::string ReferenceAsset::assetID() const {
+  return read([](const AssetFields& f) { return f.assetID; });
 }
-double ReferenceAsset::fractionComplete() const { return fields().fraction; }
+std::string ReferenceAsset::description() const {
+  return read([](const AssetFields& f) { return f.description; });
+}
+std::optional<Date> ReferenceAsset::downloadCompleteDateTime() const {
+  return read([](const AssetFields& f) { return f.downloadComplete; });
+}
+double ReferenceAsset::fractionComplete() const {
+  return read([](const AssetFields& f) { return f.fraction; });
+}
+
+std::optional<Date> ReferenceAssetData::downloadCompleteDateTime() const {
+  auto a = asset_.lock();
+  return a ? a->downloadCompleteDateTime() : std::nullopt;
+}
+
+Value ReferenceAssetData::valueForKey(std::string_view attribute) const {
+  auto a = asset_.lock();
+  if (!a) return Value();
+  // One attribute is read under the asset's lock; sorting a long feed reads
+  // many of them.
+  return a->read([&](const AssetFields& f) {
+    auto optDate = [](const std::optional<Date>& d) { return d ? Value(*d) : Value(); };
+    if (attribute == "creationDate") return Value(f.creationDate);
+    if (attribute == "assetID") return Value(f.assetID);
+    if (attribute == "assetDescription") return Value(f.description);
+    if (attribute == "remoteURL") return f.manifest ? Value() : Value(f.url);
+    if (attribute == "manifestURL") return f.manifest ? Value(f.url) : Value();
+    if (attribute == "fileSize") return Value(static_cast<std::int64_t>(f.bytesTotal));
+    if (attribute == "fractionComplete") return Value(f.fraction);
+    if (attribute == "downloadComplete") return Value(f.downloadComplete.has_value());
+    if (attribute == "downloadCompleteDateTime") return optDate(f.downloadComplete);
+    if (attribute == "publishDate") return optDate(f.publishDate);
+    if (attribute == "expiryDate") return optDate(f.expiryDate);
+    if (attribute == "uuid") return Value(f.uuid);
+    return Value();
+  });
+}
 
 std::shared_ptr<ZolvaniAssetData> ReferenceAsset::assetDataFromAsset() {
   std::lock_guard l(mutex_);

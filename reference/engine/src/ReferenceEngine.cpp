@@ -135,7 +135,7 @@ class UtilitiesRole final : public ZFM_Utilities {
     return e_->context;
   }
   void saveContext() override {
-    if (!e_->context->save()) e_->log("Saving the store context failed: " + e_->db.lastError(), 0);
+    if (!e_->context->save()) e_->log("Saving the store context failed: " + e_->store.db().lastError(), 0);
   }
 
  private:

@@ -142,13 +142,14 @@ FetchHooks ReferenceEngine::Impl::hooksFor(const std::shared_ptr<ReferenceAsset>
   };
   if (!stream) {
     hooks.validator = [this, asset](const std::string& etag, const std::string& lastModified) {
-      // Written before the first byte: a restarted process must know which
+      // Committed before the first byte: a restarted process must know which
       // version its partial file belongs to.
       persist(asset->update([&](AssetFields& f) {
         f.etag = etag;
         f.lastModified = lastModified;
         f.bytesDone = 0;
       }));
+      store.flush();
     };
   }
   return hooks;
@@ -206,6 +207,9 @@ void ReferenceEngine::Impl::finish(const std::shared_ptr<ReferenceAsset>& asset,
     x.errorText.clear();
   });
   persist(f);
+  // A finished download is committed at once: its partial file is gone, so a
+  // restart that did not know it finished would fetch it all again.
+  store.flush();
   reportProgress(asset, true);
   log(fmt::format("Finished downloading asset {} ({}), {} bytes", f.uuid, f.description, bytes), 4);
   post(kDownloadEngineDidFinishDownloadingAssetNotification);

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "zolvani/subscription/Error.h"
+#include "zolvani/subscription/engine/AssetDataOrderedSet.h"
 #include "zolvani/subscription/engine/ZolvaniAsset.h"
 
 namespace zolvani {
@@ -34,34 +35,6 @@ inline constexpr std::array<std::string_view, 12> ZolvaniAssetDataAttributes = {
     "assetID",     "assetDescription", "remoteURL",        "manifestURL",
     "fileSize",    "fractionComplete", "downloadComplete", "downloadCompleteDateTime",
     "publishDate", "creationDate",     "expiryDate",       "uuid"};
-
-// An ordered, duplicate-free collection of asset-data references; identity is
-// the object, not its contents.
-class AssetDataOrderedSet {
- public:
-  using Item = std::shared_ptr<ZolvaniAssetData>;
-
-  std::size_t count() const { return items_.size(); }
-  bool empty() const { return items_.empty(); }
-  const Item& at(std::size_t i) const { return items_.at(i); }
-  bool contains(const Item& item) const;
-  std::optional<std::size_t> indexOf(const Item& item) const;
-  // Appends; an object already present stays where it is.
-  void add(Item item);
-  void remove(const Item& item);
-  void removeAt(std::size_t index);
-  void clear() { items_.clear(); }
-  // Stable ascending sort by the value of `attribute` (dates and numbers by
-  // value, strings by text; null first).
-  void sortByAttribute(std::string_view attribute);
-
-  const std::vector<Item>& items() const { return items_; }
-  auto begin() const { return items_.begin(); }
-  auto end() const { return items_.end(); }
-
- private:
-  std::vector<Item> items_;
-};
 
 // The per-feed tracking record the engine stores for the library.
 class SubscriptionData {

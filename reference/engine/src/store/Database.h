@@ -1,8 +1,10 @@
 // Database: a thin wrapper over one SQLite connection.
 //
 // The engine keeps one connection in WAL mode. Statement binds values by
-// position and steps rows; Database runs plain SQL and transactions. Errors
-// come back as strings (the message of the failing call), never as exceptions.
+// position and steps rows; Database runs plain SQL and transactions, and keeps
+// the statements the engine runs over and over prepared for the connection's
+// life. Errors come back as strings (the message of the failing call), never
+// as exceptions.
 //
 // Thread-safety: a Database is not thread-safe by itself; the engine serialises
 // every use through Database::mutex().
@@ -10,10 +12,12 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -64,24 +68,21 @@ class Database {
   // Runs one or more statements; an error message on failure.
   std::optional<std::string> exec(std::string_view sql);
   std::string lastError() const;
+  // A statement prepared on first use and kept until close(), handed out reset
+  // and with its bindings cleared. Check ok() before use.
+  Statement& prepared(std::string_view sql);
+  // Rows changed by the last INSERT, UPDATE or DELETE.
+  std::int64_t changes() const;
+  std::int64_t lastInsertRowId() const;
+  // True while a transaction is open on the connection.
+  bool inTransaction() const;
   std::recursive_mutex& mutex() { return mutex_; }
   sqlite3* handle() { return db_; }
 
  private:
   sqlite3* db_ = nullptr;
   std::recursive_mutex mutex_;
-};
-
-// Begins a transaction and rolls it back unless commit() succeeded.
-class Transaction {
- public:
-  explicit Transaction(Database& db);
-  ~Transaction();
-  bool commit();
-
- private:
-  Database& db_;
-  bool open_ = false;
+  std::unordered_map<std::string, std::unique_ptr<Statement>> prepared_;
 };
 
 }  // namespace zolvani::reference

@@ -1,4 +1,4 @@
-#include "Database.h"
+#include "store/Database.h"
 
 #include <sqlite3.h>
 
@@ -93,9 +93,24 @@ std::optional<std::string> Database::open(const std::filesystem::path& file) {
 }
 
 void Database::close() {
+  prepared_.clear();  // statements are finalised before their connection
   if (db_) sqlite3_close_v2(db_);
   db_ = nullptr;
 }
+
+Statement& Database::prepared(std::string_view sql) {
+  auto it = prepared_.find(std::string(sql));
+  if (it == prepared_.end())
+    it = prepared_.emplace(std::string(sql), std::make_unique<Statement>(*this, sql)).first;
+  it->second->reset();
+  return *it->second;
+}
+
+std::int64_t Database::changes() const { return db_ ? sqlite3_changes64(db_) : 0; }
+
+bool Database::inTransaction() const { return db_ && !sqlite3_get_autocommit(db_); }
+
+std::int64_t Database::lastInsertRowId() const { return db_ ? sqlite3_last_insert_rowid(db_) : 0; }
 
 std::optional<std::string> Database::exec(std::string_view sql) {
   if (!db_) return std::string("database not open");
@@ -110,21 +125,5 @@ std::optional<std::string> Database::exec(std::string_view sql) {
 }
 
 std::string Database::lastError() const { return db_ ? sqlite3_errmsg(db_) : "database not open"; }
-
-Transaction::Transaction(Database& db) : db_(db) { open_ = !db_.exec("BEGIN IMMEDIATE"); }
-
-Transaction::~Transaction() {
-  if (open_) db_.exec("ROLLBACK");
-}
-
-bool Transaction::commit() {
-  if (!open_) return false;
-  open_ = false;
-  if (db_.exec("COMMIT")) {
-    db_.exec("ROLLBACK");
-    return false;
-  }
-  return true;
-}
 
 }  // namespace zolvani::reference

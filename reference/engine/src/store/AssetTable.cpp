@@ -1,0 +1,159 @@
+#include "store/AssetTable.h"
+
+namespace zolvani::reference {
+namespace {
+
+constexpr std::string_view kSelectAll =
+    "SELECT uuid, asset_id, description, url, manifest, protection_type, include_keys, "
+    "max_bitrate, publish_date, expiry_date, expiry_after_download, expiry_after_play, "
+    "download_limit, fast_play, user_info, creation_date, state, fraction, bytes_done, "
+    "bytes_total, download_complete, local_path, queue_pos, etag, last_modified, error_code, "
+    "error_text, bandwidth, segments_done, segments_total, seq FROM assets ORDER BY seq";
+
+constexpr std::string_view kInsert =
+    "INSERT OR REPLACE INTO assets(uuid, asset_id, description, url, manifest, protection_type, "
+    "include_keys, max_bitrate, publish_date, expiry_date, expiry_after_download, "
+    "expiry_after_play, download_limit, fast_play, user_info, creation_date, state, fraction, "
+    "bytes_done, bytes_total, download_complete, local_path, queue_pos, etag, last_modified, "
+    "error_code, error_text, bandwidth, segments_done, segments_total, seq) "
+    "VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)";
+
+constexpr std::string_view kUpdate =
+    "UPDATE assets SET creation_date=?, state=?, fraction=?, bytes_done=?, bytes_total=?, "
+    "download_complete=?, local_path=?, queue_pos=?, etag=?, last_modified=?, error_code=?, "
+    "error_text=?, bandwidth=?, segments_done=?, segments_total=? WHERE uuid=?";
+
+std::optional<double> seconds(const std::optional<Date>& d) {
+  return d ? std::optional<double>(d->secondsSince1970) : std::nullopt;
+}
+std::optional<Date> date(const std::optional<double>& s) {
+  return s ? std::optional<Date>(Date(*s)) : std::nullopt;
+}
+
+AssetFields readRow(const Statement& s) {
+  AssetFields f;
+  f.uuid = s.text(0);
+  f.assetID = s.text(1);
+  f.description = s.text(2);
+  f.url = s.text(3);
+  f.manifest = s.int64(4) != 0;
+  f.protectionType = static_cast<std::int32_t>(s.int64(5));
+  f.includeEncryptionKeys = s.int64(6) != 0;
+  f.maximumBitrate = s.int64(7);
+  f.publishDate = date(s.optionalReal(8));
+  f.expiryDate = date(s.optionalReal(9));
+  f.expiryAfterDownload = s.real(10);
+  f.expiryAfterPlay = s.real(11);
+  f.downloadLimit = static_cast<std::int32_t>(s.int64(12));
+  f.fastPlay = s.int64(13) != 0;
+  f.userInfoJson = s.text(14);
+  f.creationDate = Date(s.real(15));
+  f.state = static_cast<AssetState>(s.int64(16));
+  f.fraction = s.real(17);
+  f.bytesDone = static_cast<std::uint64_t>(s.int64(18));
+  f.bytesTotal = static_cast<std::uint64_t>(s.int64(19));
+  f.downloadComplete = date(s.optionalReal(20));
+  f.localPath = s.text(21);
+  f.queuePos = s.int64(22);
+  f.etag = s.text(23);
+  f.lastModified = s.text(24);
+  f.errorCode = s.int64(25);
+  f.errorText = s.text(26);
+  f.bandwidth = s.int64(27);
+  f.segmentsDone = s.int64(28);
+  f.segmentsTotal = s.int64(29);
+  f.seq = s.int64(30);
+  return f;
+}
+
+}  // namespace
+
+AssetTable::Progress AssetTable::progressOf(const AssetFields& f) {
+  return Progress{f.creationDate.secondsSince1970,
+                  f.state,
+                  f.fraction,
+                  f.bytesDone,
+                  f.bytesTotal,
+                  seconds(f.downloadComplete),
+                  f.localPath,
+                  f.queuePos,
+                  f.etag,
+                  f.lastModified,
+                  f.errorCode,
+                  f.errorText,
+                  f.bandwidth,
+                  f.segmentsDone,
+                  f.segmentsTotal};
+}
+
+std::optional<std::string> AssetTable::loadAll(std::vector<AssetFields>* out) {
+  std::lock_guard l(db_.mutex());
+  Statement s(db_, kSelectAll);
+  if (!s.ok()) return db_.lastError();
+  while (s.step()) {
+    out->push_back(readRow(s));
+    written_[out->back().uuid] = progressOf(out->back());
+  }
+  return std::nullopt;
+}
+
+bool AssetTable::insert(const AssetFields& f) {
+  return commits_.write([&] {
+    Statement& s = db_.prepared(kInsert);
+    s.bind(1, f.uuid).bind(2, f.assetID).bind(3, f.description).bind(4, f.url);
+    s.bind(5, std::int64_t{f.manifest}).bind(6, std::int64_t{f.protectionType});
+    s.bind(7, std::int64_t{f.includeEncryptionKeys}).bind(8, f.maximumBitrate);
+    s.bind(9, seconds(f.publishDate)).bind(10, seconds(f.expiryDate));
+    s.bind(11, f.expiryAfterDownload).bind(12, f.expiryAfterPlay);
+    s.bind(13, std::int64_t{f.downloadLimit}).bind(14, std::int64_t{f.fastPlay});
+    s.bind(15, f.userInfoJson);
+    s.bind(16, f.creationDate.secondsSince1970).bind(17, static_cast<std::int64_t>(f.state));
+    s.bind(18, f.fraction).bind(19, static_cast<std::int64_t>(f.bytesDone));
+    s.bind(20, static_cast<std::int64_t>(f.bytesTotal)).bind(21, seconds(f.downloadComplete));
+    s.bind(22, f.localPath).bind(23, f.queuePos).bind(24, f.etag).bind(25, f.lastModified);
+    s.bind(26, f.errorCode).bind(27, f.errorText).bind(28, f.bandwidth).bind(29, f.segmentsDone);
+    s.bind(30, f.segmentsTotal).bind(31, f.seq);
+    if (!s.run()) return false;
+    written_[f.uuid] = progressOf(f);
+    ++rowWrites_;
+    return true;
+  });
+}
+
+bool AssetTable::update(const AssetFields& f) {
+  return commits_.write([&] {
+    Progress now = progressOf(f);
+    auto it = written_.find(f.uuid);
+    if (it == written_.end()) return false;  // no row to update
+    if (it->second == now) return true;
+    Statement& s = db_.prepared(kUpdate);
+    s.bind(1, now.creationDate).bind(2, static_cast<std::int64_t>(now.state));
+    s.bind(3, now.fraction).bind(4, static_cast<std::int64_t>(now.bytesDone));
+    s.bind(5, static_cast<std::int64_t>(now.bytesTotal)).bind(6, now.downloadComplete);
+    s.bind(7, now.localPath).bind(8, now.queuePos).bind(9, now.etag).bind(10, now.lastModified);
+    s.bind(11, now.errorCode).bind(12, now.errorText).bind(13, now.bandwidth);
+    s.bind(14, now.segmentsDone).bind(15, now.segmentsTotal).bind(16, f.uuid);
+    if (!s.run()) return false;
+    it->second = std::move(now);
+    ++rowWrites_;
+    return true;
+  });
+}
+
+bool AssetTable::remove(const std::string& uuid) {
+  return commits_.write([&] {
+    Statement& row = db_.prepared("DELETE FROM assets WHERE uuid=?");
+    Statement& entries = db_.prepared("DELETE FROM subscription_items WHERE asset_uuid=?");
+    if (!row.bind(1, uuid).run() || !entries.bind(1, uuid).run()) return false;
+    written_.erase(uuid);
+    ++rowWrites_;
+    return true;
+  });
+}
+
+std::uint64_t AssetTable::rowWrites() const {
+  std::lock_guard l(db_.mutex());
+  return rowWrites_;
+}
+
+}  // namespace zolvani::reference

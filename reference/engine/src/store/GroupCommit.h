@@ -1,0 +1,71 @@
+// GroupCommit: many small atomic writes, few commits.
+//
+// Every write the engine makes (an asset's row, a save of the store context,
+// a deletion) is a step: it runs inside one long-lived transaction, under a
+// savepoint, so that the step lands whole or not at all. The transaction is
+// committed once the writes pause for `quiet`, at the latest `longest` after
+// its first step, and on flush(). A commit writes each changed page once,
+// however many steps changed it: a sync that saves after every item costs the
+// pages it changed, not a page set per item.
+//
+// A process killed between commits loses the steps since the last commit, and
+// only those: steps are committed in the order they ran, so the store always
+// holds a prefix of them. A step that needs another to have landed (an item
+// tracked in a feed needs its asset's row) runs after it, and so lands after
+// it or not at all.
+//
+// Thread-safety: write() and flush() may be called from any thread; both take
+// the database's mutex. The committer runs on a thread of its own.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "store/Database.h"
+
+namespace zolvani::reference {
+
+struct GroupCommitOptions {
+  std::chrono::milliseconds quiet{20};
+  std::chrono::milliseconds longest{250};
+};
+
+class GroupCommit {
+ public:
+  GroupCommit(Database& db, GroupCommitOptions options);
+  // Commits what is pending.
+  ~GroupCommit();
+  GroupCommit(const GroupCommit&) = delete;
+  GroupCommit& operator=(const GroupCommit&) = delete;
+
+  // Runs `step` as one atomic write: when it returns false, or a statement of
+  // the savepoint fails, nothing it did stays. Returns the step's outcome.
+  bool write(const std::function<bool()>& step);
+  // Commits now; false when the commit failed (the steps stay pending).
+  bool flush();
+  // Commits made so far.
+  std::uint64_t commits() const;
+  // The message of the last failed commit, if any.
+  std::string lastError() const;
+
+ private:
+  void run();
+  bool commitLocked();
+
+  Database& db_;
+  const GroupCommitOptions options_;
+  mutable std::mutex mutex_;  // guards the fields below; taken after the database's
+  std::condition_variable wake_;
+  bool open_ = false;
+  bool stopping_ = false;
+  std::chrono::steady_clock::time_point firstStep_, lastStep_;
+  std::uint64_t commits_ = 0;
+  std::string lastError_;
+  std::thread committer_;
+};
+
+}  // namespace zolvani::reference
