@@ -76,13 +76,19 @@ void AssetDataOrderedSet::sortByAttribute(std::string_view attribute) {
   // already; then the items are put back where they were.
   const bool moved = !std::is_sorted(keyed.begin(), keyed.end(), less);
   if (moved) std::stable_sort(keyed.begin(), keyed.end(), less);
-  keys_.clear();
+  forgetOrder();
+  bool remembered = true;
   keys_.reserve(keyed.size());
   for (std::size_t i = 0; i < keyed.size(); ++i) {
     items_[i] = std::move(keyed[i].second);
-    keys_.push_back(std::move(keyed[i].first));
+    const Value& key = keyed[i].first;
+    if (rank(key) == 2) remembered = false;
+    if (remembered) keys_.push_back(SortKey{rank(key), rank(key) ? key.doubleValue() : 0.0});
   }
-  sortedBy_ = std::string(attribute);
+  if (remembered)
+    sortedBy_ = std::string(attribute);
+  else
+    keys_.clear();
   if (moved) record(Change::Kind::kReordered, 0, nullptr);
 }
 
@@ -93,11 +99,22 @@ void AssetDataOrderedSet::insertSorted(Item item, std::string_view attribute) {
     sortByAttribute(attribute);
     return;
   }
+  const Value value = item->valueForKey(attribute);
+  if (rank(value) == 2) {
+    add(std::move(item));
+    sortByAttribute(attribute);
+    return;
+  }
   // A stable sort of the sorted members followed by the new one puts it after
   // every member that is not greater: the upper bound of its value.
-  Value key = item->valueForKey(attribute);
-  const auto at = std::upper_bound(keys_.begin(), keys_.end(), key, lessValue) - keys_.begin();
-  keys_.insert(keys_.begin() + at, std::move(key));
+  const SortKey key{rank(value), rank(value) ? value.doubleValue() : 0.0};
+  const auto at =
+      std::upper_bound(keys_.begin(), keys_.end(), key,
+                       [](const SortKey& a, const SortKey& b) {
+                         return a.rank != b.rank ? a.rank < b.rank : a.number < b.number;
+                       }) -
+      keys_.begin();
+  keys_.insert(keys_.begin() + at, key);
   members_.insert(item.get());
   items_.insert(items_.begin() + at, std::move(item));
   record(Change::Kind::kInserted, static_cast<std::size_t>(at),

@@ -121,8 +121,8 @@ TEST(StoreWritesTest, ACollectionChangeWritesTheRowsThatMovedAndReadsBackInOrder
     std::map<std::string, std::int64_t> table;
     for (int i = 0; i < 1000; ++i) {
       set.add(item("item-" + std::to_string(i), 1000 + i));
-      saved.push_back({(i + 1) * CollectionOrder::kGap, set.at(i)->uuid()});
-      table[saved.back().uuid] = saved.back().position;
+      saved.push_back({(i + 1) * CollectionOrder::kGap, set.at(i).get()});
+      table[set.at(i)->uuid()] = saved.back().position;
     }
     set.sortByAttribute(kKey);
     set.setRecordsChanges(true);

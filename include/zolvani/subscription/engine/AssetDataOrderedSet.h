@@ -3,9 +3,10 @@
 // is the object, not its contents.
 //
 // Membership tests are constant-time. The set remembers the attribute it was
-// last sorted by, with each member's value of it, so that insertSorted() puts
-// a new member in place with a binary search instead of sorting the whole
-// collection again. The remembered values are read when the set is sorted or
+// last sorted by, with each member's value of it (when the values are dates,
+// numbers or null, as the ordering attribute's are), so that insertSorted()
+// puts a new member in place with a binary search instead of sorting the
+// whole collection again. The remembered values are read when the set is sorted or
 // a member is inserted in order; an engine that changes a member's sort value
 // while it is in the set re-sorts with sortByAttribute(), which reads afresh.
 //
@@ -85,9 +86,15 @@ class AssetDataOrderedSet {
 
   std::vector<Item> items_;
   std::unordered_set<const ZolvaniAssetData*> members_;
-  // The attribute the set is known to be sorted by, and each member's value.
+  // The attribute the set is known to be sorted by, and each member's value
+  // of it. Only null, number and date values are remembered (a plain pair
+  // that moves as bytes); a set with text values is sorted afresh instead.
+  struct SortKey {
+    int rank = 0;  // 0 null, 1 number or date
+    double number = 0;
+  };
   std::optional<std::string> sortedBy_;
-  std::vector<Value> keys_;
+  std::vector<SortKey> keys_;
   bool recording_ = false;
   std::vector<Change> changes_;
 };

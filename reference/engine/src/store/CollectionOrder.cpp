@@ -11,17 +11,17 @@ using Change = AssetDataOrderedSet::Change;
 // Keeps the last write of each item, in the order items were first written.
 class WriteSet {
  public:
-  void put(const std::string& uuid, std::optional<std::int64_t> position) {
-    auto [it, fresh] = slot_.try_emplace(uuid, rows_.size());
+  void put(const ZolvaniAssetData* item, std::optional<std::int64_t> position) {
+    auto [it, fresh] = slot_.try_emplace(item, rows_.size());
     if (fresh)
-      rows_.push_back({uuid, position});
+      rows_.push_back({item->uuid(), position});
     else
       rows_[it->second].position = position;
   }
   std::vector<CollectionOrder::Write> take() { return std::move(rows_); }
 
  private:
-  std::unordered_map<std::string, std::size_t> slot_;
+  std::unordered_map<const ZolvaniAssetData*, std::size_t> slot_;
   std::vector<CollectionOrder::Write> rows_;
 };
 
@@ -50,7 +50,7 @@ std::int64_t spreadAround(std::vector<CollectionOrder::Entry>& entries, std::siz
     for (std::size_t e = lo; e < hi; ++e) {
       const auto slot = static_cast<std::int64_t>(e - lo + (e >= index ? 1 : 0));
       entries[e].position = left + spacing * (slot + 1);
-      writes.put(entries[e].uuid, entries[e].position);
+      writes.put(entries[e].item, entries[e].position);
     }
     return left + spacing * static_cast<std::int64_t>(index - lo + 1);
   }
@@ -76,20 +76,20 @@ CollectionOrder::Writes CollectionOrder::follow(const std::vector<Change>& chang
   WriteSet writes;
   for (const Change& change : changes) {
     if (!change.item) return rewrite(now);
-    std::string uuid = change.item->uuid();
+    const ZolvaniAssetData* item = change.item.get();
     if (change.kind == Change::Kind::kRemoved) {
-      if (change.index >= entries_.size() || entries_[change.index].uuid != uuid)
+      if (change.index >= entries_.size() || entries_[change.index].item != item)
         return rewrite(now);  // the changes do not fit what was saved
       entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(change.index));
-      writes.put(uuid, std::nullopt);
+      writes.put(item, std::nullopt);
       continue;
     }
     if (change.index > entries_.size()) return rewrite(now);
     std::optional<std::int64_t> position = positionAt(change.index);
     if (!position) position = spreadAround(entries_, change.index, writes);
     entries_.insert(entries_.begin() + static_cast<std::ptrdiff_t>(change.index),
-                    Entry{*position, uuid});
-    writes.put(uuid, *position);
+                    Entry{*position, item});
+    writes.put(item, *position);
   }
   if (entries_.size() != now.count()) return rewrite(now);
   return Writes{false, writes.take()};
@@ -104,8 +104,8 @@ CollectionOrder::Writes CollectionOrder::rewrite(const AssetDataOrderedSet& now)
   std::int64_t position = 0;
   for (const auto& item : now) {
     position += kGap;
-    entries_.push_back(Entry{position, item->uuid()});
-    out.rows.push_back(Write{entries_.back().uuid, position});
+    entries_.push_back(Entry{position, item.get()});
+    out.rows.push_back(Write{item->uuid(), position});
   }
   return out;
 }

@@ -24,9 +24,11 @@ class CollectionOrder {
   // Space between neighbouring positions when they are dealt out afresh.
   static constexpr std::int64_t kGap = std::int64_t{1} << 20;
 
+  // An item's row. The item is one of the collection's members, or one that
+  // a pending change still holds: the record keeps it alive.
   struct Entry {
     std::int64_t position = 0;
-    std::string uuid;
+    const ZolvaniAssetData* item = nullptr;
   };
   // One row to write: the item's new position, or none to delete its row.
   struct Write {

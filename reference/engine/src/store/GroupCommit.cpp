@@ -18,11 +18,10 @@ GroupCommit::~GroupCommit() {
 bool GroupCommit::write(const std::function<bool()>& step) {
   std::lock_guard dbLock(db_.mutex());
   const auto now = std::chrono::steady_clock::now();
+  bool opened = false;
   if (!db_.inTransaction()) {
     if (db_.exec("BEGIN IMMEDIATE")) return false;
-    std::lock_guard l(mutex_);
-    open_ = true;
-    firstStep_ = now;
+    opened = true;
   }
   if (!db_.prepared("SAVEPOINT step").run()) return false;
   bool ok = step();
@@ -37,9 +36,12 @@ bool GroupCommit::write(const std::function<bool()>& step) {
     // SQLite ends a transaction itself after some failures (a full disk);
     // then there is nothing left to commit.
     open_ = db_.inTransaction();
+    if (opened) firstStep_ = now;
     lastStep_ = now;
   }
-  wake_.notify_all();
+  // The committer is woken when a transaction opens; later steps only move
+  // its deadline, which it reads when it wakes.
+  if (opened) wake_.notify_all();
   return ok;
 }
 

@@ -93,8 +93,8 @@ std::optional<std::string> UnitOfWork::load(
       continue;
     }
     const int which = static_cast<int>(collection);
+    orders[{rowId, which}].push_back({position, item.get()});
     record->second->collection(which).add(std::move(item));
-    orders[{rowId, which}].push_back({position, std::move(uuid)});
   }
   for (auto& record : *out) {
     auto& saved = record->saved();
