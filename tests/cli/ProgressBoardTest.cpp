@@ -62,7 +62,10 @@ TEST(ProgressBoardTest, WithoutATerminalEachEventIsOneLine) {
   ProgressBoard board(out.file(), /*interactive=*/false);
   const auto t0 = ProgressBoard::Clock::time_point{} + 1000s;
   const std::uint64_t kib = 1024;
-  board.update({asset("a", AssetState::kQueued, 0, 0), asset("b", AssetState::kQueued, 0, 0)}, t0);
+  // "c" was downloaded before the board looked: no line, and not in the summary.
+  const AssetInfo old = asset("c", AssetState::kComplete, 10 * kib, 10 * kib);
+  board.update({asset("a", AssetState::kQueued, 0, 0), asset("b", AssetState::kQueued, 0, 0), old},
+               t0);
   board.update(
       {asset("a", AssetState::kTransferring, 0, 200 * kib), asset("b", AssetState::kQueued, 0, 0)},
       t0 + 1s);
@@ -76,7 +79,7 @@ TEST(ProgressBoardTest, WithoutATerminalEachEventIsOneLine) {
   AssetInfo failed = asset("b", AssetState::kFailed, 0, 0);
   failed.lastError = zolvani::Error::make("ZolvaniReferenceEngine", 3, "HTTP 404");
   board.update({asset("a", AssetState::kComplete, 200 * kib, 200 * kib), failed}, t0 + 3s);
-  board.update({asset("a", AssetState::kComplete, 200 * kib, 200 * kib), failed}, t0 + 4s);
+  board.update({asset("a", AssetState::kComplete, 200 * kib, 200 * kib), failed, old}, t0 + 4s);
   board.finish(t0 + 4s);
   EXPECT_EQ(out.text(),
             "queued    a\n"

@@ -451,7 +451,7 @@ TEST_F(EndToEndTest, EveryKindOfOutcomeHasItsExitStatusAndMessage) {
       {{"help"}, 0, "Exit status"},
       {{"help", "subscribe"}, 0, "until the next sync"},
       {{"help", "sync"}, 0, "--since"},
-      {{"--help"}, 0, "about 30 seconds"},
+      {{"--help"}, 0, "about ten seconds"},
       {{"--version"}, 0, "zsm 1.0.0"},
       {{"--log-level", "warning", "feeds"}, 0, ""},
       {{"--log-level", "2", "feeds"}, 0, ""},

@@ -1,4 +1,4 @@
-// zsm demo: the whole system on this machine in about a minute. It starts the
+// zsm demo: the whole system on this machine in about ten seconds. It starts the
 // reference content server on a free loopback port with generated content,
 // configures a fresh device in a new folder, subscribes to two feeds with
 // different rules, syncs while showing the downloads, lists the library, has new

@@ -134,12 +134,15 @@ void ProgressBoard::record(const AssetInfo& a, Clock::time_point now) {
   } else {
     t.samples.clear();
   }
+  if (!t.seen) t.doneBefore = a.state == AssetState::kComplete;
   t.state = a.state;
   t.seen = true;
 }
 
 void ProgressBoard::printEvents(const AssetInfo& a, const Track& before, Clock::time_point now) {
   if (before.seen && before.state == a.state) return;
+  // A download finished before the board first looked is no news.
+  if (!before.seen && a.state == AssetState::kComplete) return;
   const std::string name = nameOf(a);
   std::string line;
   switch (a.state) {
@@ -147,8 +150,7 @@ void ProgressBoard::printEvents(const AssetInfo& a, const Track& before, Clock::
       line = "queued    " + name;
       break;
     case AssetState::kTransferring:
-      line = "started   " + name +
-             (a.bytesDone > 0 ? " (resuming at " + bytes(a.bytesDone) + ")" : std::string());
+      line = "started   " + name;
       break;
     case AssetState::kComplete: {
       line = "complete  " + name;
@@ -239,13 +241,14 @@ std::string ProgressBoard::summary(Clock::time_point now) const {
   int complete = 0, failed = 0, pending = 0;
   std::uint64_t moved = 0;
   for (const auto& a : last_) {
+    auto it = tracks_.find(a.uuid);
+    if (it != tracks_.end() && it->second.doneBefore) continue;
     if (a.state == AssetState::kComplete)
       ++complete;
     else if (a.state == AssetState::kFailed)
       ++failed;
     else if (active(a.state))
       ++pending;
-    auto it = tracks_.find(a.uuid);
     if (it != tracks_.end() && it->second.startedAt) {
       const std::uint64_t size =
           a.state == AssetState::kComplete ? std::max(a.bytesDone, a.bytesTotal) : a.bytesDone;

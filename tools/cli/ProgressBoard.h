@@ -42,7 +42,8 @@ class ProgressBoard {
   void note(const std::string& line);
   // Leaves the cursor below the board and prints the summary line.
   void finish(Clock::time_point now = Clock::now());
-  // "downloads: 3 complete, 1 failed, 2 pending; 1.5 MiB in 9.8 s (160.0 KiB/s)"
+  // "downloads: 3 complete, 1 failed, 2 pending; 1.5 MiB in 9.8 s (160.0 KiB/s)",
+  // counting what was not already complete when the board first looked.
   std::string summary(Clock::time_point now) const;
 
   // "[#########.........]  45%"
@@ -58,6 +59,7 @@ class ProgressBoard {
   struct Track {
     zolvani::reference::AssetState state = zolvani::reference::AssetState::kCreated;
     bool seen = false;
+    bool doneBefore = false;  // already complete when the board first saw it
     std::deque<std::pair<Clock::time_point, std::uint64_t>> samples;
     std::optional<Clock::time_point> startedAt;
     Clock::time_point lastSeen;

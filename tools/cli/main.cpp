@@ -243,7 +243,8 @@ int main(int argc, char** argv) {
   // demo
   DemoOptions demoOptions;
   auto* demo = app.add_subcommand(
-      "demo", "run the whole system on this machine (about 30 seconds at the default --link-rate)");
+      "demo",
+      "run the whole system on this machine (about ten seconds at the default --link-rate)");
   demo->add_option("--server-program", demoOptions.serverProgram, "path of zsm-server");
   demo->add_option("--folder", demoOptions.workFolder,
                    "work folder (a new temporary one by default)");
