@@ -62,10 +62,14 @@ TEST(ProgressBoardTest, WithoutATerminalEachEventIsOneLine) {
   ProgressBoard board(out.file(), /*interactive=*/false);
   const auto t0 = ProgressBoard::Clock::time_point{} + 1000s;
   const std::uint64_t kib = 1024;
-  // "c" was downloaded before the board looked: no line, and not in the summary.
+  // "c" was downloaded before the command began: no line, and not in the
+  // summary; "d" finished before the board first looked, but in this command.
   const AssetInfo old = asset("c", AssetState::kComplete, 10 * kib, 10 * kib);
-  board.update({asset("a", AssetState::kQueued, 0, 0), asset("b", AssetState::kQueued, 0, 0), old},
-               t0);
+  const AssetInfo quick = asset("d", AssetState::kComplete, 5 * kib, 5 * kib);
+  board.setAlreadyDone({"uuid-c"});
+  board.update(
+      {asset("a", AssetState::kQueued, 0, 0), asset("b", AssetState::kQueued, 0, 0), old, quick},
+      t0);
   board.update(
       {asset("a", AssetState::kTransferring, 0, 200 * kib), asset("b", AssetState::kQueued, 0, 0)},
       t0 + 1s);
@@ -79,15 +83,17 @@ TEST(ProgressBoardTest, WithoutATerminalEachEventIsOneLine) {
   AssetInfo failed = asset("b", AssetState::kFailed, 0, 0);
   failed.lastError = zolvani::Error::make("ZolvaniReferenceEngine", 3, "HTTP 404");
   board.update({asset("a", AssetState::kComplete, 200 * kib, 200 * kib), failed}, t0 + 3s);
-  board.update({asset("a", AssetState::kComplete, 200 * kib, 200 * kib), failed, old}, t0 + 4s);
+  board.update({asset("a", AssetState::kComplete, 200 * kib, 200 * kib), failed, old, quick},
+               t0 + 4s);
   board.finish(t0 + 4s);
   EXPECT_EQ(out.text(),
             "queued    a\n"
             "queued    b\n"
+            "complete  d  5.0 KiB\n"
             "started   a\n"
             "complete  a  200.0 KiB in 2.0 s (100.0 KiB/s)\n"
             "failed    b: ZolvaniReferenceEngine 3: HTTP 404\n"
-            "downloads: 1 complete, 1 failed, 0 pending; 200.0 KiB in 4.0 s (50.0 KiB/s)\n");
+            "downloads: 2 complete, 1 failed, 0 pending; 205.0 KiB in 4.0 s (51.2 KiB/s)\n");
 }
 
 TEST(ProgressBoardTest, OnATerminalEachDownloadAndTheTotalShowRateAndTimeLeft) {

@@ -132,43 +132,50 @@ nlohmann::json settingsJson(HostRuntime& host) {
 
 int runSettings(const CommandContext& context, const SettingsOptions& options) {
   const Output out = context.output();
-  std::unique_ptr<HostRuntime> host;
-  if (auto error = openHost(context, &host, /*runTransfers=*/false)) return out.fail(*error);
-  auto& m = host->manager();
-  if (!options.key.empty()) {
-    const std::string& k = options.key;
-    const std::string& v = options.value;
-    auto bad = [&](const std::string& expected) {
-      return out.fail(cliError(
-          kCliErrorUsage, "settings set " + k + ": expected " + expected + ", got \"" + v + "\""));
-    };
+  const std::string& k = options.key;
+  const std::string& v = options.value;
+  auto bad = [&](const std::string& expected) {
+    return out.fail(cliError(
+        kCliErrorUsage, "settings set " + k + ": expected " + expected + ", got \"" + v + "\""));
+  };
+  // Checks the value, and with a host sets it: a refused value is a usage error
+  // whether or not the device is configured yet.
+  auto apply = [&](HostRuntime* host) -> std::optional<int> {
     if (k == "max-items") {
       auto n = parseInteger(v, 0, INT32_MAX);
       if (!n) return bad("an integer from 0 to 2147483647 (0 means no limit)");
-      m.setMaximumSubscriptionItemsPerFeed(static_cast<std::int32_t>(*n));
+      if (host) host->manager().setMaximumSubscriptionItemsPerFeed(static_cast<std::int32_t>(*n));
     } else if (k == "autodelete") {
       auto b = parseBool(v);
       if (!b) return bad("true or false");
-      m.setAutodeleteOldItems(*b);
+      if (host) host->manager().setAutodeleteOldItems(*b);
     } else if (k == "max-bitrate") {
       auto n = parseInteger(v, 0, INT32_MAX);
       if (!n) return bad("bits per second from 0 to 2147483647 (0 means no cap)");
-      m.setMaxBitrate(static_cast<std::int32_t>(*n));
+      if (host) host->manager().setMaxBitrate(static_cast<std::int32_t>(*n));
     } else if (k == "last-sync") {
       // The library has no setter for this date; a host may move it through the
       // exported key, for example to fetch what a new device would otherwise skip.
-      auto d = parseDate(v, host->roles().secureClock->date().secondsSince1970);
+      auto d = parseDate(v, host ? host->roles().secureClock->date().secondsSince1970 : 0);
       if (!d) return bad("\"now\", \"now-<span>\" (such as now-7d) or seconds since 1970");
-      host->platform().userDefaults->setDate(LastSyncKey, Date(*d));
+      if (host) host->platform().userDefaults->setDate(LastSyncKey, Date(*d));
     } else if (k == "verbose") {
       auto b = parseBool(v);
       if (!b) return bad("true or false");
-      host->platform().userDefaults->setBool(kVerboseKeelhallLoggingKey, *b);
+      if (host) host->platform().userDefaults->setBool(kVerboseKeelhallLoggingKey, *b);
     } else {
       return out.fail(cliError(kCliErrorUsage,
                                "unknown setting \"" + k +
                                    "\" (max-items, autodelete, max-bitrate, last-sync, verbose)"));
     }
+    return std::nullopt;
+  };
+  if (!k.empty())
+    if (auto refused = apply(nullptr)) return *refused;
+  std::unique_ptr<HostRuntime> host;
+  if (auto error = openHost(context, &host, /*runTransfers=*/false)) return out.fail(*error);
+  if (!k.empty()) {
+    if (auto refused = apply(host.get())) return *refused;
     if (!host->platform().userDefaults->synchronize())
       return out.fail(cliError(kCliErrorConfigFile, "the user-defaults file could not be written"));
   }

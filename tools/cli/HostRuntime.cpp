@@ -195,7 +195,10 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
     rt->roles_.reachability = std::make_shared<AssumedOnline>(rt->roles_.reachability);
 
   rt->manager_ = ZolvaniSubscriptionManager::create(ManagerEnvironment{rt->roles_, rt->platform_});
-  for (const auto& a : rt->engine_->listAssets()) rt->assetIds_[a.uuid] = a.assetID;
+  for (const auto& a : rt->engine_->listAssets()) {
+    rt->assetIds_[a.uuid] = a.assetID;
+    if (a.state == reference::AssetState::kComplete) rt->completeAtOpen_.insert(a.uuid);
+  }
   rt->observeManager();
   rt->manager_->internalStartup();
   *out = std::move(rt);

@@ -26,6 +26,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -115,6 +116,9 @@ class HostRuntime {
   // was free and what margin the engine keeps, not only what it needed.
   std::vector<zolvani::reference::AssetInfo> listAssets();
 
+  // The assets that were complete when the runtime opened.
+  const std::set<std::string>& completeAtOpen() const { return completeAtOpen_; }
+
   // Downloads that failed while this runtime was open, by asset UUID. The
   // library removes a failed feed item at once, so its asset may already be
   // gone from listAssets().
@@ -150,7 +154,8 @@ class HostRuntime {
   std::mutex rulesMutex_;  // one read-modify-write of the rule sources at a time
   HostEvents events_;
   std::map<std::string, zolvani::reference::AssetInfo> failures_;
-  std::map<std::string, std::string> assetIds_;  // asset UUID -> asset ID, for deletions
+  std::map<std::string, std::string> assetIds_;
+  std::set<std::string> completeAtOpen_;  // asset UUID -> asset ID, for deletions
   EventListener listener_;
   std::shared_ptr<CapturingLogger> logger_;
 };

@@ -134,15 +134,13 @@ void ProgressBoard::record(const AssetInfo& a, Clock::time_point now) {
   } else {
     t.samples.clear();
   }
-  if (!t.seen) t.doneBefore = a.state == AssetState::kComplete;
+  if (!t.seen) t.doneBefore = alreadyDone_.count(a.uuid) > 0;
   t.state = a.state;
   t.seen = true;
 }
 
 void ProgressBoard::printEvents(const AssetInfo& a, const Track& before, Clock::time_point now) {
   if (before.seen && before.state == a.state) return;
-  // A download finished before the board first looked is no news.
-  if (!before.seen && a.state == AssetState::kComplete) return;
   const std::string name = nameOf(a);
   std::string line;
   switch (a.state) {
@@ -202,7 +200,8 @@ void ProgressBoard::update(const std::vector<AssetInfo>& assets, Clock::time_poi
   for (const auto& a : assets) {
     const Track before = tracks_[a.uuid];
     record(a, now);
-    if (!interactive_) printEvents(a, before, now);
+    // A download finished before this command began is no news.
+    if (!interactive_ && !tracks_[a.uuid].doneBefore) printEvents(a, before, now);
   }
   last_ = assets;
   if (!interactive_) {
@@ -225,6 +224,8 @@ void ProgressBoard::update(const std::vector<AssetInfo>& assets, Clock::time_poi
   drawnLines_ = static_cast<int>(assets.size()) + 1;
   std::fflush(stream_);
 }
+
+void ProgressBoard::setAlreadyDone(std::set<std::string> uuids) { alreadyDone_ = std::move(uuids); }
 
 void ProgressBoard::note(const std::string& line) {
   if (interactive_ && drawnLines_ > 0) {
@@ -249,10 +250,12 @@ std::string ProgressBoard::summary(Clock::time_point now) const {
       ++failed;
     else if (active(a.state))
       ++pending;
+    const std::uint64_t size =
+        a.state == AssetState::kComplete ? std::max(a.bytesDone, a.bytesTotal) : a.bytesDone;
     if (it != tracks_.end() && it->second.startedAt) {
-      const std::uint64_t size =
-          a.state == AssetState::kComplete ? std::max(a.bytesDone, a.bytesTotal) : a.bytesDone;
       if (size > it->second.bytesAtStart) moved += size - it->second.bytesAtStart;
+    } else if (a.state == AssetState::kComplete) {
+      moved += size;  // done before the board first looked, within this command
     }
   }
   const double took = began_ ? seconds(now - *began_) : 0;

@@ -19,6 +19,7 @@
 #include <deque>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,10 @@ class ProgressBoard {
   // True when `stream` is a terminal and TERM is not "dumb".
   static bool isTerminal(std::FILE* stream);
 
+  // Downloads that were complete before the command began: no events, and not
+  // in the summary.
+  void setAlreadyDone(std::set<std::string> uuids);
+
   // Shows the assets' current state as of `now`.
   void update(const std::vector<zolvani::reference::AssetInfo>& assets,
               Clock::time_point now = Clock::now());
@@ -43,7 +48,7 @@ class ProgressBoard {
   // Leaves the cursor below the board and prints the summary line.
   void finish(Clock::time_point now = Clock::now());
   // "downloads: 3 complete, 1 failed, 2 pending; 1.5 MiB in 9.8 s (160.0 KiB/s)",
-  // counting what was not already complete when the board first looked.
+  // counting what was not complete before the command began.
   std::string summary(Clock::time_point now) const;
 
   // "[#########.........]  45%"
@@ -59,7 +64,7 @@ class ProgressBoard {
   struct Track {
     zolvani::reference::AssetState state = zolvani::reference::AssetState::kCreated;
     bool seen = false;
-    bool doneBefore = false;  // already complete when the board first saw it
+    bool doneBefore = false;  // complete before the command began
     std::deque<std::pair<Clock::time_point, std::uint64_t>> samples;
     std::optional<Clock::time_point> startedAt;
     Clock::time_point lastSeen;
@@ -77,6 +82,7 @@ class ProgressBoard {
   int drawnLines_ = 0;
   std::optional<Clock::time_point> began_;
   std::map<std::string, Track> tracks_;  // per asset UUID
+  std::set<std::string> alreadyDone_;
   std::vector<zolvani::reference::AssetInfo> last_;
 };
 

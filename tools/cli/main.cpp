@@ -92,7 +92,7 @@ int main(int argc, char** argv) {
                                        : "takes error, warning, info, debug or a number >= 0";
           },
           "LEVEL"));
-  app.add_option("--timeout", timeoutSeconds, "seconds to wait for the server")
+  app.add_option("--timeout", timeoutSeconds, "seconds to wait for the server, 0.1 to 3600")
       ->check(CLI::Range(0.1, 3600.0));
   std::function<int()> action;
 
