@@ -116,6 +116,15 @@ TEST(ProgressBoardTest, OnATerminalEachDownloadAndTheTotalShowRateAndTimeLeft) {
             std::string::npos)
       << text;
   EXPECT_NE(last.find("total:"), std::string::npos);
+
+  // A queued download's size is not known yet: the estimate becomes a bound.
+  board.update({asset("a", AssetState::kTransferring, 200 * kib, 1000 * kib),
+                asset("b", AssetState::kTransferring, 200 * kib, 500 * kib),
+                asset("c", AssetState::kQueued, 0, 0)},
+               t0 + 2s);
+  EXPECT_NE(out.text().find("total: 3 running, 400.0 KiB, 200.0 KiB/s, at least 0:06 left"),
+            std::string::npos)
+      << out.text();
 }
 
 }  // namespace

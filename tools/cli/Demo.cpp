@@ -55,6 +55,7 @@ std::string findServerProgram(const std::string& given, const char* argv0) {
 
 // Runs a sync on the open device and follows its downloads.
 std::optional<Error> syncAndWatch(HostRuntime& host, std::chrono::milliseconds timeout) {
+  host.markCompleteBaseline();
   bool ok = false;
   std::optional<Error> failure;
   auto waited = runToCompletion(

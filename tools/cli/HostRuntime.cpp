@@ -197,7 +197,7 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
   rt->manager_ = ZolvaniSubscriptionManager::create(ManagerEnvironment{rt->roles_, rt->platform_});
   for (const auto& a : rt->engine_->listAssets()) {
     rt->assetIds_[a.uuid] = a.assetID;
-    if (a.state == reference::AssetState::kComplete) rt->completeAtOpen_.insert(a.uuid);
+    if (a.state == reference::AssetState::kComplete) rt->completeBefore_.insert(a.uuid);
   }
   rt->observeManager();
   rt->manager_->internalStartup();
@@ -319,6 +319,12 @@ HostEvents HostRuntime::events() const {
 std::size_t HostRuntime::logMark() const { return logger_->size(); }
 
 std::vector<LogLine> HostRuntime::logSince(std::size_t mark) const { return logger_->since(mark); }
+
+void HostRuntime::markCompleteBaseline() {
+  completeBefore_.clear();
+  for (const auto& a : engine_->listAssets())
+    if (a.state == reference::AssetState::kComplete) completeBefore_.insert(a.uuid);
+}
 
 std::map<std::string, reference::AssetInfo> HostRuntime::failedDownloads() const {
   std::lock_guard lock(mutex_);

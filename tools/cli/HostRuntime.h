@@ -116,8 +116,10 @@ class HostRuntime {
   // was free and what margin the engine keeps, not only what it needed.
   std::vector<zolvani::reference::AssetInfo> listAssets();
 
-  // The assets that were complete when the runtime opened.
-  const std::set<std::string>& completeAtOpen() const { return completeAtOpen_; }
+  // The assets that were complete when the runtime opened, or at the last
+  // markCompleteBaseline(): what a progress display has no news about.
+  const std::set<std::string>& completeBefore() const { return completeBefore_; }
+  void markCompleteBaseline();
 
   // Downloads that failed while this runtime was open, by asset UUID. The
   // library removes a failed feed item at once, so its asset may already be
@@ -155,7 +157,7 @@ class HostRuntime {
   HostEvents events_;
   std::map<std::string, zolvani::reference::AssetInfo> failures_;
   std::map<std::string, std::string> assetIds_;
-  std::set<std::string> completeAtOpen_;  // asset UUID -> asset ID, for deletions
+  std::set<std::string> completeBefore_;  // asset UUID -> asset ID, for deletions
   EventListener listener_;
   std::shared_ptr<CapturingLogger> logger_;
 };

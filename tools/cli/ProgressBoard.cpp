@@ -174,7 +174,7 @@ void ProgressBoard::printEvents(const AssetInfo& a, const Track& before, Clock::
 }
 
 std::string ProgressBoard::totalLine() const {
-  std::uint64_t done = 0, total = 0;
+  std::uint64_t done = 0, total = 0, knownDone = 0, knownTotal = 0;
   double speed = 0;
   bool sizeKnown = true;
   int running = 0;
@@ -183,16 +183,24 @@ std::string ProgressBoard::totalLine() const {
     ++running;
     done += a.bytesDone;
     total += a.bytesTotal;
-    if (a.bytesTotal == 0) sizeKnown = false;
+    if (a.bytesTotal == 0 || a.manifest) {
+      sizeKnown = false;
+    } else {
+      knownDone += a.bytesDone;
+      knownTotal += a.bytesTotal;
+    }
     auto it = tracks_.find(a.uuid);
     if (it != tracks_.end()) speed += recentRate(it->second).value_or(0);
   }
   std::string line = "total: " + std::to_string(running) + " running, " + bytes(done);
   if (sizeKnown && total > 0) line += " / " + bytes(total);
   line += ", " + rate(speed);
+  // Downloads whose size is not known yet (still queued, or streams) add time
+  // that cannot be told: the estimate is then a lower bound.
   std::optional<double> left;
-  if (sizeKnown && speed > 0 && total >= done) left = static_cast<double>(total - done) / speed;
-  return line + ", " + duration(left) + " left";
+  if (speed > 0 && knownTotal >= knownDone && knownTotal > 0)
+    left = static_cast<double>(knownTotal - knownDone) / speed;
+  return line + ", " + (left && !sizeKnown ? "at least " : "") + duration(left) + " left";
 }
 
 void ProgressBoard::update(const std::vector<AssetInfo>& assets, Clock::time_point now) {

@@ -59,7 +59,7 @@ std::vector<AssetInfo> watchDownloads(HostRuntime& host, bool showBoard,
                                       std::chrono::milliseconds timeout, bool* drained) {
   using Clock = std::chrono::steady_clock;
   ProgressBoard board(stdout, ProgressBoard::isTerminal(stdout));
-  board.setAlreadyDone(host.completeAtOpen());
+  board.setAlreadyDone(host.completeBefore());
   const auto deadline = Clock::now() + timeout;
   // A finished download lets the manager promote a deferred item on its
   // processing queue a moment later; the queue counts as drained only after it
