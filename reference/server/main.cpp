@@ -20,6 +20,24 @@ int Fail(const Status& s) {
   return 1;
 }
 
+// The level names zsm also takes ("warning" as well as spdlog's "warn"), and
+// zsm's numbers: 0 error, 1 warning, 2 to 4 info, 5 and above debug.
+std::optional<spdlog::level::level_enum> LogLevel(const std::string& text) {
+  if (text == "error" || text == "err") return spdlog::level::err;
+  if (text == "warning" || text == "warn") return spdlog::level::warn;
+  if (text == "info") return spdlog::level::info;
+  if (text == "debug") return spdlog::level::debug;
+  if (text == "trace") return spdlog::level::trace;
+  if (text == "off") return spdlog::level::off;
+  if (text.empty() || text.size() > 4 || text.find_first_not_of("0123456789") != std::string::npos)
+    return std::nullopt;
+  const int n = std::stoi(text);
+  if (n == 0) return spdlog::level::err;
+  if (n == 1) return spdlog::level::warn;
+  if (n <= 4) return spdlog::level::info;
+  return spdlog::level::debug;
+}
+
 Status OpenStore(const std::string& dataDir, std::unique_ptr<ContentStore>* store) {
   return ContentStore::Open(dataDir, store);
 }
@@ -84,9 +102,18 @@ int main(int argc, char** argv) {
   spdlog::set_default_logger(spdlog::stderr_color_mt("zsm-server"));
   CLI::App app{"zsm-server: reference content server for the subscription protocol"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("zsm-server ") + ZSM_VERSION);
   std::string logLevel = "info";
-  app.add_option("--log-level", logLevel, "trace, debug, info, warn, error or off")
-      ->capture_default_str();
+  app.add_option("--log-level", logLevel,
+                 "error, warning, info, debug, trace or off; or a number, 0 error ... 4 info, "
+                 "5 debug")
+      ->capture_default_str()
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            return LogLevel(text) ? std::string()
+                                  : "takes error, warning, info, debug, trace, off or a number";
+          },
+          "LEVEL"));
 
   std::string dataDir;
   auto addData = [&dataDir](CLI::App* cmd) {
@@ -179,7 +206,7 @@ int main(int argc, char** argv) {
   listPushes->add_flag("--consume", consume, "mark the listed notices delivered");
 
   CLI11_PARSE(app, argc, argv);
-  spdlog::set_level(spdlog::level::from_str(logLevel));
+  spdlog::set_level(*LogLevel(logLevel));
 
   if (serve->parsed()) {
     return Serve(dataDir, address, port, seedFile, generate, publicUrl, threads);

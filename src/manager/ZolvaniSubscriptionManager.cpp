@@ -107,8 +107,11 @@ void ZolvaniSubscriptionManager::initInternal() {
     pushToken_ = defaults.objectForKey(kEngineDevicePushTokenKey).value_or(Value());
   }
   // A fresh installation treats "now" as its last sync, so only content
-  // published after the first launch counts as new.
-  if (!lastSubscriptionSyncTime()) defaults.setDate(LastSyncKey, env_.engine.secureClock->date());
+  // published after the first launch counts as new. Only an absent key counts
+  // as fresh: a stored value that is not a date reads as no date, but it is
+  // the host's and stays.
+  if (!defaults.objectForKey(LastSyncKey))
+    defaults.setDate(LastSyncKey, env_.engine.secureClock->date());
   if (!defaults.objectForKey(MaxSubscriptionsKey)) defaults.setInteger(MaxSubscriptionsKey, 0);
   if (!defaults.objectForKey(AutoDeleteKey)) defaults.setBool(AutoDeleteKey, true);
   defaults.synchronize();

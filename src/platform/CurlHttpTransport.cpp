@@ -64,9 +64,22 @@ HttpReply CurlHttpTransport::send(const HttpRequest& request) {
 
   std::string body;
   HttpResponse response;
+  // A request is sent byte for byte as it was signed, or not at all: text that
+  // libcurl would have to percent-encode (raw non-ASCII, spaces, control
+  // characters) is refused here, before any connection is made.
+  if (std::any_of(request.url.begin(), request.url.end(), [](char c) {
+        const auto b = static_cast<unsigned char>(c);
+        return b <= 0x20 || b >= 0x7f;
+      })) {
+    reply.error = Error::make(std::string(kCurlErrorDomain), CURLE_URL_MALFORMAT,
+                              curl_easy_strerror(CURLE_URL_MALFORMAT));
+    return reply;
+  }
   char errorText[CURL_ERROR_SIZE] = {0};
   CURL* h = curl.get();
   curl_easy_setopt(h, CURLOPT_URL, request.url.c_str());
+  // Dot segments ("/a/../b") stay in the path: the signature covers them.
+  curl_easy_setopt(h, CURLOPT_PATH_AS_IS, 1L);
   curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, request.method.c_str());
   if (request.method == "POST" || !request.body.empty()) {
     curl_easy_setopt(h, CURLOPT_POST, 1L);

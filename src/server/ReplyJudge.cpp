@@ -8,6 +8,8 @@
 
 #include <fmt/format.h>
 
+#include "server/DepthLimitedJson.h"
+
 namespace zolvani {
 
 ReplyJudge::ReplyJudge(LogFunction log, StatusFunction reportStatus)
@@ -23,29 +25,12 @@ Error ReplyJudge::error(std::int64_t code, std::string description) {
   return Error::make(std::string(kSubscriptionManagerErrorDomain), code, std::move(description));
 }
 
-namespace {
-
-// True when `value` nests arrays and objects deeper than `limit`; walks with a
-// stack of its own, so hostile nesting cannot exhaust the thread's stack here.
-bool nestsDeeperThan(const nlohmann::json& value, std::size_t limit) {
-  std::vector<std::pair<const nlohmann::json*, std::size_t>> pending{{&value, 0}};
-  while (!pending.empty()) {
-    auto [node, depth] = pending.back();
-    pending.pop_back();
-    if (!node->is_structured()) continue;
-    if (depth >= limit) return true;
-    for (const auto& child : *node) pending.emplace_back(&child, depth + 1);
-  }
-  return false;
-}
-
-}  // namespace
-
-nlohmann::json ReplyJudge::parse(const std::optional<std::string>& body) {
+nlohmann::json ReplyJudge::parse(const std::optional<std::string>& body, std::size_t maxNesting,
+                                 std::vector<std::string>* prunedPlaces) {
   if (!body || body->empty()) return nullptr;
-  nlohmann::json parsed = nlohmann::json::parse(*body, nullptr, /*allow_exceptions=*/false);
-  if (parsed.is_discarded() || nestsDeeperThan(parsed, kMaxReplyNesting)) return nullptr;
-  return parsed;
+  DepthLimitedJson parsed = DepthLimitedJson::parse(*body, maxNesting);
+  if (prunedPlaces) *prunedPlaces = std::move(parsed.places);
+  return std::move(parsed.value);
 }
 
 namespace {
@@ -136,7 +121,9 @@ ReplyVerdict ReplyJudge::judge(const HttpReply& reply, ReplyRules rules,
     return verdict;
   }
 
-  verdict.body = parse(reply.body);
+  verdict.body =
+      parse(reply.body, rules == ReplyRules::kCatalog ? kMaxCatalogNesting : kMaxReplyNesting,
+            &verdict.prunedPlaces);
   const std::int32_t code = responseCode(verdict.body);
   const std::string text = code != 0 ? responseString(verdict.body) : std::string();
   switch (rules) {

@@ -11,9 +11,10 @@
 // a body that is not JSON, or lacks "response_header", reads as code 0; a
 // "response_code" that is a float truncates toward zero, a numeric string reads
 // as its number, any other type reads as 0; the code is then narrowed to a
-// signed 32-bit integer. A reply nested deeper than kMaxReplyNesting reads as
-// not JSON, so that no later reader recurses itself to death on it. Nothing in
-// here throws.
+// signed 32-bit integer. A container nested deeper than kMaxReplyNesting
+// (kMaxCatalogNesting for the catalog) is left out of the parsed reply, so
+// that no later reader recurses itself to death on it, while the rest of the
+// reply reads as usual (see DepthLimitedJson). Nothing in here throws.
 //
 // Thread-safety: immutable after construction; judge() may run on any thread
 // (the library calls it on the main queue, where its status reports belong).
@@ -24,6 +25,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -97,6 +99,9 @@ enum class ReplyRules {
 struct ReplyVerdict {
   std::optional<Error> error;  // set on failure
   nlohmann::json body;         // the parsed reply; null when it was not JSON
+  // Where members nested too deep were left out of `body` (JSON pointers,
+  // cut short; see DepthLimitedJson).
+  std::vector<std::string> prunedPlaces;
   bool ok() const { return !error.has_value(); }
 };
 
@@ -113,9 +118,13 @@ class ReplyJudge {
   static Error error(std::int64_t code, std::string description);
 
   static constexpr std::size_t kMaxReplyNesting = 128;
+  // A catalog carries feeds, items and their metadata: more room than a reply.
+  static constexpr std::size_t kMaxCatalogNesting = 512;
 
   // Lenient readings of a parsed reply (see the file comment).
-  static nlohmann::json parse(const std::optional<std::string>& body);
+  static nlohmann::json parse(const std::optional<std::string>& body,
+                              std::size_t maxNesting = kMaxReplyNesting,
+                              std::vector<std::string>* prunedPlaces = nullptr);
   static std::int32_t responseCode(const nlohmann::json& reply);
   static std::string responseString(const nlohmann::json& reply);
   // The reply's "subscriptions" when it is an array; none otherwise.

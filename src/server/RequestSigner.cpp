@@ -35,12 +35,19 @@ RequestSigner::RequestSigner(std::function<std::string()> secret, std::function<
     : secret_(std::move(secret)), verbose_(std::move(verbose)), log_(std::move(log)) {}
 
 std::optional<UrlParts> RequestSigner::parseUrl(std::string_view url) {
-  if (url.empty() || url.find('\0') != std::string_view::npos) return std::nullopt;
+  // The signature covers the URL text as configured, so only text that goes
+  // over the wire byte for byte is a URL: raw non-ASCII, spaces and control
+  // characters would be percent-encoded on the way out and no longer match.
+  if (url.empty() || std::any_of(url.begin(), url.end(), [](char c) {
+        const auto b = static_cast<unsigned char>(c);
+        return b <= 0x20 || b >= 0x7f;
+      }))
+    return std::nullopt;
   std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle(curl_url(), &curl_url_cleanup);
   if (!handle) return std::nullopt;
   const std::string text(url);
-  if (curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) !=
-      CURLUE_OK)
+  if (curl_url_set(handle.get(), CURLUPART_URL, text.c_str(),
+                   CURLU_NON_SUPPORT_SCHEME | CURLU_PATH_AS_IS) != CURLUE_OK)
     return std::nullopt;
   UrlParts parts;
   parts.host = urlPart(handle.get(), CURLUPART_HOST).value_or("");

@@ -29,30 +29,37 @@ bool verbose(const ManagerEnvironment& env) {
   return env.platform.userDefaults->boolForKey(kVerboseKeelhallLoggingKey);
 }
 
-// Deeper than `limit` anywhere outside strings; a cheap pass that keeps hostile
-// nesting away from the parser and from every recursive walk after it.
-bool nestsDeeperThan(const std::string& text, int limit) {
-  int depth = 0;
-  bool inString = false, escaped = false;
-  for (char c : text) {
-    if (inString) {
-      if (escaped)
-        escaped = false;
-      else if (c == '\\')
-        escaped = true;
-      else if (c == '"')
-        inString = false;
-      continue;
-    }
-    if (c == '"')
-      inString = true;
-    else if (c == '[' || c == '{') {
-      if (++depth > limit) return true;
-    } else if (c == ']' || c == '}') {
-      --depth;
-    }
+// The item a pruned place lies in, named by its identifier, for the log line:
+// direct items sit at /contentItems/i, feed items at /collections/i/contentItems/j.
+std::string prunedItemName(const nlohmann::json& response, const std::string& place) {
+  std::vector<std::string> steps;
+  for (std::size_t at = 1; at <= place.size();) {
+    std::size_t next = place.find('/', at);
+    if (next == std::string::npos) next = place.size();
+    steps.push_back(place.substr(at, next - at));
+    at = next + 1;
   }
-  return false;
+  auto index = [](const std::string& step) -> std::optional<std::size_t> {
+    if (step.empty() || step.find_first_not_of("0123456789") != std::string::npos ||
+        step.size() > 9)
+      return std::nullopt;
+    return static_cast<std::size_t>(std::stoul(step));
+  };
+  auto nth = [](const nlohmann::json* list, std::optional<std::size_t> i) -> const nlohmann::json* {
+    if (!list || !list->is_array() || !i || *i >= list->size()) return nullptr;
+    return &(*list)[*i];
+  };
+  const std::string_view assets = SubscriptionServerAssetsKey;
+  const nlohmann::json* item = nullptr;
+  if (steps.size() >= 2 && steps[0] == assets)
+    item = nth(sync::member(response, assets), index(steps[1]));
+  else if (steps.size() >= 4 && steps[0] == "collections" && steps[2] == assets)
+    if (const nlohmann::json* feed = nth(sync::member(response, "collections"), index(steps[1])))
+      item = nth(sync::member(*feed, assets), index(steps[3]));
+  const nlohmann::json* id = item ? sync::member(*item, SubscriptionServerRemoteUUIDKey) : nullptr;
+  if (id && id->is_string())
+    return fmt::format("item {} at {}", id->get_ref<const std::string&>(), place);
+  return fmt::format("the value at {}", place);
 }
 
 // The feed identifiers of "subscriptions"; none when it is not an array.
@@ -79,8 +86,7 @@ nlohmann::json takeMember(nlohmann::json& object, std::string_view key) {
 CatalogSync::CatalogSync(ZolvaniSubscriptionManager& manager) : manager_(manager) {}
 
 nlohmann::json CatalogSync::parseCatalog(const std::string& body) {
-  if (nestsDeeperThan(body, kMaxDepth)) return nullptr;
-  return ReplyJudge::parse(body);
+  return ReplyJudge::parse(body, kMaxDepth);
 }
 
 CatalogSync::LastSync CatalogSync::lastSyncDate(const nlohmann::json& lastUpdated, Date now) {
@@ -220,9 +226,6 @@ void CatalogSync::fail(SyncCompletion& completion, Error error) {
 
 void CatalogSync::judgeAndProcess(HttpReply reply, SyncCompletion& completion) {
   const ManagerEnvironment& env = manager_.environment();
-  // Nesting beyond any real catalog is refused before it is parsed, and then
-  // reads like any other body that is not JSON.
-  if (reply.body && nestsDeeperThan(*reply.body, kMaxDepth)) reply.body.reset();
   ReplyVerdict verdict =
       manager_.serverClient_->judge().judge(reply, ReplyRules::kCatalog, kCatalogTexts);
   // The body text goes as soon as it has been parsed.
@@ -233,6 +236,12 @@ void CatalogSync::judgeAndProcess(HttpReply reply, SyncCompletion& completion) {
   }
   nlohmann::json response = std::move(verdict.body);
   if (!response.is_object()) response = nullptr;
+  // A member nested beyond any real catalog was left out; the item that
+  // carried it is processed without it, and the host hears which one.
+  for (const std::string& place : verdict.prunedPlaces)
+    manager_.logString(fmt::format("Catalog: dropped a member nested deeper than {} levels from {}",
+                                   kMaxDepth, prunedItemName(response, place)),
+                       0);
 
   // Admission compares item dates with the last sync as it stood before this
   // reply, whatever a concurrent finish stores meanwhile.

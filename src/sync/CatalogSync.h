@@ -21,6 +21,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "server/ReplyJudge.h"
 #include "zolvani/subscription/ZolvaniSubscriptionManager.h"
 
 namespace zolvani {
@@ -35,10 +36,10 @@ class CatalogSync {
   // Syncs whose reply has not been handled yet.
   std::int32_t numSyncs() const { return numSyncs_.load(); }
 
-  // Parses a catalog body without throwing: a body that is not JSON, or that
-  // nests deeper than kMaxDepth, reads as null.
+  // Parses a catalog body without throwing: a body that is not JSON reads as
+  // null; containers nested deeper than kMaxDepth are left out of the tree.
   static nlohmann::json parseCatalog(const std::string& body);
-  static constexpr int kMaxDepth = 512;
+  static constexpr std::size_t kMaxDepth = ReplyJudge::kMaxCatalogNesting;
 
   // The last-sync date a finished sync stores: the catalog's "last_updated"
   // value, read as seconds unless that lies at or after `now`, in which case it

@@ -8,10 +8,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -34,6 +36,7 @@ struct Outcome {
   int status = -1;
   json doc;  // the command's JSON document (null when it printed none)
   std::string text;
+  std::string errors;  // what the command wrote to standard error
 };
 
 class EndToEndTest : public ::testing::Test {
@@ -84,8 +87,13 @@ class EndToEndTest : public ::testing::Test {
 
   Outcome Program(std::vector<std::string> args, const fs::path& log) {
     Outcome run;
+    std::error_code ec;
+    const std::uintmax_t before = fs::exists(log) ? fs::file_size(log, ec) : 0;
     auto error = ChildProcess::run(args, log, 60s, &run.text, &run.status);
     EXPECT_FALSE(error) << error->describe();
+    std::ifstream in(log);
+    in.seekg(static_cast<std::streamoff>(before));
+    run.errors.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     run.doc = json::parse(run.text, nullptr, false);
     if (run.doc.is_discarded()) run.doc = nullptr;
     return run;
@@ -95,6 +103,13 @@ class EndToEndTest : public ::testing::Test {
     args.insert(args.begin(),
                 {ZSM_CLI_PROGRAM, "--data", (device.empty() ? device_ : device).string(), "--json",
                  "--timeout", "15"});
+    return Program(std::move(args), work_ / "zsm.log");
+  }
+
+  // zsm as a person runs it: text output, standard output not a terminal.
+  Outcome ZsmText(std::vector<std::string> args, const fs::path& device = {}) {
+    args.insert(args.begin(), {ZSM_CLI_PROGRAM, "--data",
+                               (device.empty() ? device_ : device).string(), "--timeout", "15"});
     return Program(std::move(args), work_ / "zsm.log");
   }
 
@@ -237,12 +252,12 @@ TEST_F(EndToEndTest, TamperedRequestsAreRefused) {
     ASSERT_EQ(Zsm({"settings", "set", "last-sync", "now-86400"}, device).status, 0);
 
     Outcome subscribe = Zsm({"subscribe", "morning-news"}, device);
-    EXPECT_EQ(subscribe.status, 1);
+    EXPECT_EQ(subscribe.status, 3);
     EXPECT_EQ(subscribe.doc["error"]["domain"], "ZolvaniSubscriptionManager");
     EXPECT_EQ(subscribe.doc["error"]["code"], -1);  // HTTP 403
 
     Outcome sync = Zsm({"sync"}, device);
-    EXPECT_EQ(sync.status, 1);
+    EXPECT_EQ(sync.status, 3);
     EXPECT_EQ(sync.doc["error"]["code"], -1);
     // Nothing was tracked or downloaded, and the refused sync did not move the
     // device's last-sync date.
@@ -273,7 +288,7 @@ TEST_F(EndToEndTest, ServerStoppedMidSyncAndRestarted) {
   server_->terminate(5s);
   server_.reset();
   Outcome failed = Zsm({"sync"});
-  EXPECT_EQ(failed.status, 1);
+  EXPECT_EQ(failed.status, 3);
   EXPECT_TRUE(failed.doc["error"].is_object()) << failed.text;
   EXPECT_EQ(Zsm({"settings"}).doc["last-sync"], settingsBefore.doc["last-sync"]);
   EXPECT_TRUE(Items().empty());
@@ -285,6 +300,14 @@ TEST_F(EndToEndTest, ServerStoppedMidSyncAndRestarted) {
   ASSERT_EQ(queued.status, 0) << queued.text;
   EXPECT_EQ(AddedIds(queued).size(), 5u);
   EXPECT_GT(queued.doc["pending_downloads"].get<int>(), 0);
+  // Looking does not download: listings leave the transfers where they are.
+  const auto before = Items();
+  std::this_thread::sleep_for(1500ms);
+  for (const auto& [id, item] : Items()) {
+    ASSERT_TRUE(before.count(id)) << id;
+    EXPECT_EQ(item["bytes_done"], before.at(id)["bytes_done"]) << id;
+    EXPECT_EQ(item["state"], before.at(id)["state"]) << id;
+  }
   server_->terminate(5s);
   server_.reset();
 
@@ -400,11 +423,132 @@ TEST_F(EndToEndTest, UsageAndConfigurationErrorsAreOneLine) {
   EXPECT_EQ(sync.doc["error"]["code"], 2);  // not configured
 
   Outcome bad = Zsm({"settings", "set", "max-items", "lots"});
-  EXPECT_EQ(bad.status, 1);
+  EXPECT_EQ(bad.status, 2);
   EXPECT_EQ(bad.doc["error"]["code"], 1);
+  // A refused value is a usage error even before the device is configured.
+  EXPECT_EQ(Zsm({"settings", "set", "max-items", "-1"}, fresh).status, 2);
   Outcome unknownFeed = Zsm({"subscribe", "no-such-feed"});
-  EXPECT_EQ(unknownFeed.status, 1);
+  EXPECT_EQ(unknownFeed.status, 3);
   EXPECT_EQ(unknownFeed.doc["error"]["domain"], "ZolvaniSubscriptionManager");
+}
+
+TEST_F(EndToEndTest, EveryKindOfOutcomeHasItsExitStatusAndMessage) {
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    const char* said;  // in standard output or standard error
+  };
+  const Case cases[] = {
+      {{"sycn"}, 2, "unknown command \"sycn\" (did you mean \"sync\"?)"},
+      {{"frobnicate"}, 2, "unknown command \"frobnicate\""},
+      {{}, 2, "a command is required"},
+      {{"help", "frobnicate"}, 2, "unknown command"},
+      {{"subscribe", "morning-news", "--max-items", "-5"}, 2, "2147483647"},
+      {{"subscribe", "morning-news", "--max-bitrate", "-1"}, 2, "2147483647"},
+      {{"subscribe", "morning-news", "--autodelete", "maybe"}, 2, "on or off"},
+      {{"settings", "set", "max-items", "-1"}, 2, "from 0 to 2147483647"},
+      {{"sync", "--since", "yesterday"}, 2, "7d"},
+      {{"--log-level", "loud", "feeds"}, 2, "error, warning"},
+      {{"publish", "--url", "http://x/y", "--content-type", "9"}, 2, "0 to 5"},
+      {{"help"}, 0, "Exit status"},
+      {{"help", "subscribe"}, 0, "until the next sync"},
+      {{"help", "sync"}, 0, "--since"},
+      {{"--help"}, 0, "about ten seconds"},
+      {{"--version"}, 0, "zsm 1.0.0"},
+      {{"--log-level", "warning", "feeds"}, 0, ""},
+      {{"--log-level", "2", "feeds"}, 0, ""},
+      {{"subscribe", "no-such-feed"}, 3, "ZolvaniSubscriptionManager"},
+  };
+  for (const Case& c : cases) {
+    std::string name;
+    for (const auto& a : c.args) name += a + " ";
+    SCOPED_TRACE(name);
+    Outcome run = ZsmText(c.args);
+    EXPECT_EQ(run.status, c.status) << run.text << run.errors;
+    EXPECT_NE((run.text + run.errors).find(c.said), std::string::npos) << run.text << run.errors;
+  }
+  // The server program takes the same level names, and says its version.
+  for (const char* level : {"warning", "error", "debug", "1"}) {
+    Outcome run =
+        Program({ZSM_SERVER_PROGRAM, "--log-level", level, "--version"}, work_ / "admin.log");
+    EXPECT_EQ(run.status, 0) << level;
+    EXPECT_EQ(run.text, "zsm-server 1.0.0\n");
+  }
+
+  // A server that cannot be reached, and a download that cannot be had.
+  const fs::path unreachable = work_ / "unreachable";
+  ASSERT_EQ(Zsm({"config", "--server", "http://127.0.0.1:1", "--user", "demo", "--key", "k",
+                 "--secret", "s"},
+                unreachable)
+                .status,
+            0);
+  Outcome offline = Zsm({"sync"}, unreachable);
+  EXPECT_EQ(offline.status, 3);
+  Outcome publish = Zsm({"publish", "--title", "Clip", "--url", "http://x/y"}, unreachable);
+  EXPECT_EQ(publish.status, 3);
+  EXPECT_EQ(publish.doc["error"]["domain"], "ZolvaniTransport.curl") << publish.text;
+
+  Admin({"add-item", "--feed", "morning-news", "--uuid", "news-broken", "--url",
+         url_ + "/media/files/not-there.mp4", "--title", "Broken"});
+  Subscribe("morning-news");
+  Outcome sync = Zsm({"sync", "--watch", "--watch-timeout", "25"});
+  EXPECT_EQ(sync.status, 4) << sync.text << sync.errors;
+  EXPECT_EQ(sync.doc["downloads"]["failed"], 1);
+  EXPECT_EQ(sync.doc["ok"], false);
+}
+
+TEST_F(EndToEndTest, ANewDeviceIsToldHowToCatchUpAndWhereItsRulesCameFrom) {
+  const fs::path fresh = work_ / "fresh";
+  ASSERT_EQ(Zsm({"config", "--server", url_, "--user", "demo", "--key", "demo-public-key",
+                 "--secret", "demo-secret"},
+                fresh)
+                .status,
+            0);
+  Outcome never = Zsm({"status"}, fresh);
+  ASSERT_EQ(never.status, 0) << never.errors;
+  EXPECT_EQ(never.doc["last_sync"], nullptr);
+  EXPECT_NE(ZsmText({"status"}, fresh).text.find("never"), std::string::npos);
+
+  Outcome subscribe =
+      ZsmText({"subscribe", "morning-news", "--max-items", "2", "--autodelete", "off"}, fresh);
+  ASSERT_EQ(subscribe.status, 0) << subscribe.errors;
+  EXPECT_NE(subscribe.text.find("until the next sync"), std::string::npos) << subscribe.text;
+  Outcome feeds = Zsm({"feeds"}, fresh);
+  ASSERT_EQ(feeds.doc["feeds"].size(), 1u);
+  EXPECT_EQ(feeds.doc["feeds"][0]["rules_from"], "subscribe");
+  EXPECT_EQ(feeds.doc["feeds"][0]["max_items"], 2);
+
+  // The sample feed items are older than the device: the first sync leaves
+  // them out, and says how to fetch them.
+  Outcome first = ZsmText({"sync"}, fresh);
+  ASSERT_EQ(first.status, 0) << first.errors;
+  EXPECT_NE(first.text.find("hint: this device's first sync"), std::string::npos) << first.text;
+  EXPECT_NE(first.text.find("zsm sync --since 7d"), std::string::npos);
+  // Later syncs have nothing to hint at.
+  EXPECT_EQ(ZsmText({"sync"}, fresh).text.find("hint:"), std::string::npos);
+  feeds = Zsm({"feeds"}, fresh);
+  EXPECT_EQ(feeds.doc["feeds"][0]["rules_from"], "server");
+  EXPECT_EQ(feeds.doc["feeds"][0]["max_items"], 5);
+
+  // Catching up, followed without a terminal: one line per event, no bars, and
+  // a summary at the end.
+  Outcome caughtUp = ZsmText({"sync", "--since", "1d", "--watch", "--watch-timeout", "25"}, fresh);
+  ASSERT_EQ(caughtUp.status, 0) << caughtUp.text << caughtUp.errors;
+  EXPECT_NE(caughtUp.text.find("catching up"), std::string::npos);
+  EXPECT_EQ(caughtUp.text.find("[#"), std::string::npos) << caughtUp.text;
+  for (const char* id : {"news-0001", "news-0002", "news-0003"}) {
+    const std::string done = std::string("complete  ") + id;
+    const auto at = caughtUp.text.find(done);
+    EXPECT_NE(at, std::string::npos) << id << "\n" << caughtUp.text;
+    EXPECT_EQ(caughtUp.text.find(done, at + 1), std::string::npos) << id << " twice";
+  }
+  // Three news items, and the direct item unless the first sync already had it.
+  EXPECT_TRUE(caughtUp.text.find("downloads: 3 complete, 0 failed, 0 pending") !=
+                  std::string::npos ||
+              caughtUp.text.find("downloads: 4 complete, 0 failed, 0 pending") != std::string::npos)
+      << caughtUp.text;
+  Outcome synced = Zsm({"status"}, fresh);
+  EXPECT_TRUE(synced.doc["last_sync"].is_number()) << synced.text;
 }
 
 }  // namespace

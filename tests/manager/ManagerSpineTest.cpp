@@ -52,6 +52,24 @@ TEST(ManagerCreationTest, ExistingSettingsAndThePushTokenAreKept) {
   EXPECT_EQ(bed.manager->pushToken(), Value("token-abc"));
 }
 
+TEST(ManagerCreationTest, StoredSettingsOfAnyTypeAreNeverReplaced) {
+  struct Case {
+    std::string_view key;
+    Value stored;
+  };
+  const Case cases[] = {
+      {LastSyncKey, Value(12345)},          {LastSyncKey, Value("yesterday")},
+      {LastSyncKey, Value(true)},           {AutoDeleteKey, Value(0)},
+      {MaxSubscriptionsKey, Value("5")},    {MaxSubscriptionsKey, Value(Date(3))},
+      {AutoDeleteKey, Value(Value::Map{})},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.key));
+    TestBed bed([&](TestBed& b) { b.defaults->setObject(c.key, c.stored); });
+    EXPECT_EQ(bed.defaults->objectForKey(c.key), std::optional<Value>(c.stored));
+  }
+}
+
 TEST(ManagerCreationTest, ObserversOfTheFourEngineNotificationsAreRegistered) {
   TestBed bed;
   for (auto name :

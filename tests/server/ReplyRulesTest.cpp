@@ -258,11 +258,22 @@ TEST(ReplyRulesTest, WronglyTypedRepliesReadLeniently) {
   };
   for (const Case& c : cases)
     EXPECT_EQ(ReplyJudge::responseCode(ReplyJudge::parse(std::string(c.body))), c.code) << c.body;
-  // Hostile nesting reads as a body that is not JSON, without exhausting the stack.
+  // A hostile member is left out, without exhausting the stack; the rest of the
+  // reply reads as usual. Only text that is not JSON reads as null.
   const std::string deep = R"({"response_header":{"response_code":5},"x":)" +
                            std::string(100000, '[') + std::string(100000, ']') + "}";
-  EXPECT_TRUE(ReplyJudge::parse(deep).is_null());
-  EXPECT_EQ(ReplyJudge::responseCode(ReplyJudge::parse(deep)), 0);
+  const nlohmann::json pruned = ReplyJudge::parse(deep);
+  EXPECT_EQ(ReplyJudge::responseCode(pruned), 5);
+  // "x" keeps what fits within the limit: the reply's own level and 127 more.
+  std::size_t levels = 0;
+  for (const nlohmann::json* at = &pruned.at("x"); at->is_array(); ++levels) {
+    if (at->empty()) break;
+    at = &(*at)[0];
+  }
+  EXPECT_EQ(levels + 1, ReplyJudge::kMaxReplyNesting - 1);
+  const std::string justInside = R"({"x":)" + std::string(127, '[') + std::string(127, ']') + "}";
+  EXPECT_TRUE(ReplyJudge::parse(justInside).contains("x"));
+  EXPECT_TRUE(ReplyJudge::parse(std::string(100000, '[')).is_null());
 
   // Over the wire: a numeric-text code with a numeric text fails with that code,
   // and a "subscriptions" that is not an array reads as none.

@@ -69,6 +69,38 @@ TEST(RequestSigningTest, TrailingSlashAndEmptyKeyAreSignedAsSent) {
   EXPECT_FALSE(nlohmann::json::parse(requests[0].body).contains("push_registration"));
 }
 
+TEST(RequestSigningTest, ThePathSentIsThePathSignedOrNothingIsSent) {
+  struct Case {
+    const char* basePath;  // appended to the loopback server's base URL
+    bool sent;
+  } cases[] = {
+      {"/a/../b", true},    {"/./x", true},  {"/a/.", true},        {"/%C3%BC", true},
+      {"/\xC3\xBC", false}, {"/a b", false}, {"/tab\there", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.basePath);
+    Loopback lb;
+    const std::string host = "127.0.0.1:" + std::to_string(lb.server.port());
+    lb.bed.engine->setCredentials(lb.server.baseUrl() + c.basePath, "alice", kSecret, kPublicKey);
+    auto outcome = std::make_shared<Outcome>();
+    lb.bed.manager->subscriptionsOnComplete(lb.lookup(outcome));
+    ASSERT_TRUE(lb.await(outcome));
+    const auto requests = lb.server.requests();
+    if (!c.sent) {
+      EXPECT_TRUE(requests.empty());
+      ASSERT_TRUE(outcome->error);
+      EXPECT_EQ(outcome->error->domain, kCurlErrorDomain);
+      continue;
+    }
+    ASSERT_EQ(requests.size(), 1u);
+    // The server's view: the path exactly as it arrived, signed as such.
+    const std::string& target = requests[0].target;
+    EXPECT_EQ(target.substr(0, target.find('?')),
+              std::string(c.basePath) + "/Subscriptions/client/subscriptions");
+    expectSigned(requests[0], "http://" + host + c.basePath, "subscriptions", host);
+  }
+}
+
 TEST(RequestSigningTest, HostHeaderDropsOnlyTheDefaultPorts) {
   struct Case {
     const char* url;

@@ -330,6 +330,14 @@ TEST_F(CatalogSyncTest, HostileCatalogsNeitherCrashNorLoseTheRest) {
       R"({"collections":)" + std::string(600, '[') + std::string(600, ']') + "}";
   std::string huge =
       R"({"subscriptions":["A"],"padding":")" + std::string(50u << 20, 'x') + R"("})";
+  // One item carries a member nested 100,000 levels deep; the member goes, the
+  // item and its neighbours stay.
+  nlohmann::json withDeepMember = catalog(
+      {feed("A", {item("before", t + 1), item("carrier", t + 2), item("after", t + 3)})}, {"A"});
+  withDeepMember["collections"][0]["contentItems"][1]["extra"] = "@deep@";
+  std::string deepMember = withDeepMember.dump();
+  deepMember.replace(deepMember.find(R"("@deep@")"), 8,
+                     std::string(100000, '[') + std::string(100000, ']'));
   const Case cases[] = {
       {"not JSON", "<html>oops</html>", {}, kNow},
       {"empty", "", {}, kNow},
@@ -339,6 +347,7 @@ TEST_F(CatalogSyncTest, HostileCatalogsNeitherCrashNorLoseTheRest) {
       {"wrong types", wrongTypes.dump(), {"ok", "s"}, 1750000000.0},
       {"collections as an object", objectCollections.dump(), {}, kNow},
       {"odd subscriptions", numericSubscriptions.dump(), {"ok"}, kNow},
+      {"one member nested too deep", deepMember, {"before", "carrier", "after"}, kNow},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -353,6 +362,12 @@ TEST_F(CatalogSyncTest, HostileCatalogsNeitherCrashNorLoseTheRest) {
     EXPECT_EQ(createdIDs(*fresh.engine), c.created);
     EXPECT_EQ(fresh.manager->lastSubscriptionSyncTime().value_or(Date()).secondsSince1970,
               c.lastSync);
+    if (c.body == deepMember) {
+      bool named = false;
+      for (const auto& line : fresh.engine->logLines())
+        named |= line.level == 0 && line.message.find("item carrier") != std::string::npos;
+      EXPECT_TRUE(named) << "no level-0 line names the item that lost a member";
+    }
   }
 }
 

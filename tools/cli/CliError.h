@@ -19,9 +19,11 @@ enum CliErrorCode : std::int64_t {
   kCliErrorUsage = 1,          // an argument that cannot be used
   kCliErrorNotConfigured = 2,  // the device has no server, user or keys yet
   kCliErrorConfigFile = 3,     // config.json could not be read or written
-  kCliErrorTimeout = 4,        // the operation did not finish in time
+  kCliErrorTimeout = 4,        // the server did not answer in time
   kCliErrorServerProgram = 5,  // the content server program could not be run
-  kCliErrorIncomplete = 6,     // downloads failed or the demo's checks did not hold
+  kCliErrorIncomplete = 6,     // the demo's checks did not hold
+  kCliErrorDownloads = 7,      // downloads failed or did not finish in time
+  kCliErrorServer = 8,         // the server did not accept what was asked of it
 };
 
 inline zolvani::Error cliError(CliErrorCode code, std::string description) {

@@ -8,6 +8,8 @@
 #include <map>
 
 #include "CliError.h"
+#include "ExitStatus.h"
+#include "UserInput.h"
 #include "zolvani/subscription/Constants.h"
 #include "zolvani/subscription/platform/Platform.h"
 
@@ -15,9 +17,10 @@ namespace zsm {
 
 using namespace zolvani;
 
-std::optional<Error> openHost(const CommandContext& context,
-                              std::unique_ptr<HostRuntime>* runtime) {
+std::optional<Error> openHost(const CommandContext& context, std::unique_ptr<HostRuntime>* runtime,
+                              bool runTransfers) {
   HostOptions options;
+  options.runTransfers = runTransfers;
   options.paths = context.paths;
   if (auto error = CliConfig::load(context.paths, &options.config)) return error;
   options.echoLogLevel = context.logLevel;
@@ -99,9 +102,9 @@ std::optional<std::int64_t> parseInteger(const std::string& text, std::int64_t l
 std::optional<double> parseDate(const std::string& text, double now) {
   if (text == "now") return now;
   if (text.rfind("now-", 0) == 0) {
-    auto back = parseInteger(text.substr(4), 0, 100LL * 365 * 86400);
+    auto back = parseSpan(text.substr(4));
     if (!back) return std::nullopt;
-    return now - static_cast<double>(*back);
+    return now - *back;
   }
   errno = 0;
   char* end = nullptr;
@@ -129,43 +132,50 @@ nlohmann::json settingsJson(HostRuntime& host) {
 
 int runSettings(const CommandContext& context, const SettingsOptions& options) {
   const Output out = context.output();
-  std::unique_ptr<HostRuntime> host;
-  if (auto error = openHost(context, &host)) return out.fail(*error);
-  auto& m = host->manager();
-  if (!options.key.empty()) {
-    const std::string& k = options.key;
-    const std::string& v = options.value;
-    auto bad = [&](const std::string& expected) {
-      return out.fail(cliError(
-          kCliErrorUsage, "settings set " + k + ": expected " + expected + ", got \"" + v + "\""));
-    };
+  const std::string& k = options.key;
+  const std::string& v = options.value;
+  auto bad = [&](const std::string& expected) {
+    return out.fail(cliError(
+        kCliErrorUsage, "settings set " + k + ": expected " + expected + ", got \"" + v + "\""));
+  };
+  // Checks the value, and with a host sets it: a refused value is a usage error
+  // whether or not the device is configured yet.
+  auto apply = [&](HostRuntime* host) -> std::optional<int> {
     if (k == "max-items") {
-      auto n = parseInteger(v, INT32_MIN, INT32_MAX);
-      if (!n) return bad("a 32-bit integer (0 means no limit)");
-      m.setMaximumSubscriptionItemsPerFeed(static_cast<std::int32_t>(*n));
+      auto n = parseInteger(v, 0, INT32_MAX);
+      if (!n) return bad("an integer from 0 to 2147483647 (0 means no limit)");
+      if (host) host->manager().setMaximumSubscriptionItemsPerFeed(static_cast<std::int32_t>(*n));
     } else if (k == "autodelete") {
       auto b = parseBool(v);
       if (!b) return bad("true or false");
-      m.setAutodeleteOldItems(*b);
+      if (host) host->manager().setAutodeleteOldItems(*b);
     } else if (k == "max-bitrate") {
-      auto n = parseInteger(v, INT32_MIN, INT32_MAX);
-      if (!n) return bad("a 32-bit integer in bits per second (0 means no cap)");
-      m.setMaxBitrate(static_cast<std::int32_t>(*n));
+      auto n = parseInteger(v, 0, INT32_MAX);
+      if (!n) return bad("bits per second from 0 to 2147483647 (0 means no cap)");
+      if (host) host->manager().setMaxBitrate(static_cast<std::int32_t>(*n));
     } else if (k == "last-sync") {
       // The library has no setter for this date; a host may move it through the
       // exported key, for example to fetch what a new device would otherwise skip.
-      auto d = parseDate(v, host->roles().secureClock->date().secondsSince1970);
-      if (!d) return bad("\"now\", \"now-<seconds>\" or seconds since 1970");
-      host->platform().userDefaults->setDate(LastSyncKey, Date(*d));
+      auto d = parseDate(v, host ? host->roles().secureClock->date().secondsSince1970 : 0);
+      if (!d) return bad("\"now\", \"now-<span>\" (such as now-7d) or seconds since 1970");
+      if (host) host->platform().userDefaults->setDate(LastSyncKey, Date(*d));
     } else if (k == "verbose") {
       auto b = parseBool(v);
       if (!b) return bad("true or false");
-      host->platform().userDefaults->setBool(kVerboseKeelhallLoggingKey, *b);
+      if (host) host->platform().userDefaults->setBool(kVerboseKeelhallLoggingKey, *b);
     } else {
       return out.fail(cliError(kCliErrorUsage,
                                "unknown setting \"" + k +
                                    "\" (max-items, autodelete, max-bitrate, last-sync, verbose)"));
     }
+    return std::nullopt;
+  };
+  if (!k.empty())
+    if (auto refused = apply(nullptr)) return *refused;
+  std::unique_ptr<HostRuntime> host;
+  if (auto error = openHost(context, &host, /*runTransfers=*/false)) return out.fail(*error);
+  if (!k.empty()) {
+    if (auto refused = apply(host.get())) return *refused;
     if (!host->platform().userDefaults->synchronize())
       return out.fail(cliError(kCliErrorConfigFile, "the user-defaults file could not be written"));
   }
@@ -187,7 +197,7 @@ int runSettings(const CommandContext& context, const SettingsOptions& options) {
 int runStatus(const CommandContext& context) {
   const Output out = context.output();
   std::unique_ptr<HostRuntime> host;
-  if (auto error = openHost(context, &host)) return out.fail(*error);
+  if (auto error = openHost(context, &host, /*runTransfers=*/false)) return out.fail(*error);
   auto& m = host->manager();
   bool accepted = false;
   std::optional<Error> failure;
@@ -204,14 +214,18 @@ int runStatus(const CommandContext& context) {
   if (waited) return out.fail(*waited);
 
   std::map<std::string, int> states;
-  for (const auto& a : host->engine().listAssets())
+  for (const auto& a : host->listAssets())
     ++states[std::string(reference::assetStateName(a.state))];
   const CliConfig& config = host->options().config;
   nlohmann::json doc = {
       {"server", config.serverUrl}, {"user", config.user},  {"device_id", config.deviceId},
       {"accepted", accepted},       {"status", m.status()}, {"status_name", statusName(m.status())},
       {"started", m.started()},     {"assets", states},     {"feeds", host->trackedFeeds()}};
-  if (auto last = m.lastSubscriptionSyncTime()) {
+  // A new installation stores its first launch as its last sync; until a sync
+  // has finished there is no date worth showing.
+  const bool synced = host->everSynced();
+  doc["synced"] = synced;
+  if (auto last = m.lastSubscriptionSyncTime(); last && synced) {
     doc["last_sync"] = last->secondsSince1970;
   } else {
     doc["last_sync"] = nullptr;
@@ -222,7 +236,7 @@ int runStatus(const CommandContext& context) {
     out.line("user:      " + config.user + "   device: " + config.deviceId);
     out.line("status:    " + statusName(m.status()));
     out.line("last sync: " + (doc["last_sync"].is_null()
-                                  ? std::string("never")
+                                  ? std::string("never (this device has not synced yet)")
                                   : isoDate(doc["last_sync"].get<double>())));
     std::string assets;
     for (const auto& [state, count] : states)
@@ -234,10 +248,10 @@ int runStatus(const CommandContext& context) {
     if (!out.json()) return out.fail(*failure);
     std::cerr << "error: " << failure->describe() << "\n";
     out.document(doc);
-    return 1;
+    return exitStatusFor(*failure);
   }
   if (!accepted)
-    return out.fail(cliError(kCliErrorIncomplete, "the server did not accept the configuration"));
+    return out.fail(cliError(kCliErrorServer, "the server did not accept the configuration"));
   out.document(doc);
   return 0;
 }

@@ -1,6 +1,7 @@
 // The zsm subcommands. Each takes the invocation's common context and its own
 // options, runs one host operation over a fresh HostRuntime and returns the
-// process exit status (0 on success, 1 with one error line on failure).
+// process exit status (0 on success; on failure one error line and the status
+// of ExitStatus.h).
 //
 // Thread-safety: commands run on the main thread of the program, which also
 // drives the manager's main queue.
@@ -31,9 +32,12 @@ struct CommandContext {
   Output output() const { return Output(json); }
 };
 
-// Opens the runtime over the configuration stored in the data folder.
+// Opens the runtime over the configuration stored in the data folder. Commands
+// that only look pass `runTransfers` false, so that no download starts or
+// resumes while they run.
 std::optional<zolvani::Error> openHost(const CommandContext& context,
-                                       std::unique_ptr<HostRuntime>* runtime);
+                                       std::unique_ptr<HostRuntime>* runtime,
+                                       bool runTransfers = true);
 
 // Starts an asynchronous manager operation with `start`, handing it a `done`
 // function that its completion calls, and drives the main queue until then.
@@ -83,6 +87,9 @@ int runPublish(const CommandContext& context, const PublishOptions& options);
 
 // --- Sync and wakes ---------------------------------------------------------------
 struct SyncOptions {
+  // Seconds to move the stored last-sync date back to, before syncing; a new
+  // device's way to fetch what was published before its first launch.
+  std::optional<double> since;
   bool force = false;
   bool watch = false;
   // How long --watch waits for the download queue to drain.

@@ -38,7 +38,7 @@ nlohmann::json feedsJson(HostRuntime& host) {
   auto& m = host.manager();
   nlohmann::json feeds = nlohmann::json::array();
   std::map<std::string, std::string> assetIds;
-  for (const auto& a : host.engine().listAssets()) assetIds[a.uuid] = a.assetID;
+  for (const auto& a : host.listAssets()) assetIds[a.uuid] = a.assetID;
   auto named = [&assetIds](const std::string& uuid) {
     auto it = assetIds.find(uuid);
     return it == assetIds.end() || it->second.empty() ? uuid : it->second;
@@ -53,6 +53,7 @@ nlohmann::json feedsJson(HostRuntime& host) {
                      {"max_items", m.maxItemsPerFeed(feed)},
                      {"autodelete", m.autoDeleteForFeed(feed)},
                      {"max_bitrate", m.maxBitrateForFeed(feed)},
+                     {"rules_from", host.rulesFrom(feed)},
                      {"items", items},
                      {"deferred", deferred}});
   }
@@ -67,7 +68,7 @@ nlohmann::json itemsJson(HostRuntime& host, const std::string& onlyFeed) {
     const auto tracked = static_cast<std::size_t>(std::max(0, m.numberOfItemsInFeed(feed)));
     for (std::size_t i = 0; i < uuids.size(); ++i) feedOf[uuids[i]] = {feed, i >= tracked};
   }
-  auto assets = host.engine().listAssets();
+  auto assets = host.listAssets();
   std::stable_sort(assets.begin(), assets.end(), [](const AssetInfo& a, const AssetInfo& b) {
     return a.creationDate < b.creationDate;
   });
@@ -98,10 +99,22 @@ nlohmann::json eventsJson(const HostEvents& events) {
           {"syncs_finished", events.syncsFinished}};
 }
 
+namespace {
+
+std::string rulesFromText(const std::string& source) {
+  if (source == "server") return "rules from the server, at the last sync";
+  if (source == "subscribe")
+    return "rules given to `zsm subscribe`, until the server sends its own";
+  if (source == "settings") return "rules from the global settings, until the server sends its own";
+  return "origin of the rules not recorded";
+}
+
+}  // namespace
+
 int runFeeds(const CommandContext& context) {
   const Output out = context.output();
   std::unique_ptr<HostRuntime> host;
-  if (auto error = openHost(context, &host)) return out.fail(*error);
+  if (auto error = openHost(context, &host, /*runTransfers=*/false)) return out.fail(*error);
   const nlohmann::json feeds = feedsJson(*host);
   out.document({{"feeds", feeds}});
   if (feeds.empty()) out.line("no feeds tracked on this device");
@@ -109,7 +122,8 @@ int runFeeds(const CommandContext& context) {
     const auto bitrate = f["max_bitrate"].get<std::int64_t>();
     out.line(f["feed"].get<std::string>() + ": max items " + f["max_items"].dump() +
              ", auto-delete " + (f["autodelete"].get<bool>() ? "on" : "off") + ", max bitrate " +
-             (bitrate == INT64_MAX ? std::string("none") : std::to_string(bitrate)));
+             (bitrate == INT64_MAX ? std::string("none") : std::to_string(bitrate)) + "  (" +
+             rulesFromText(f["rules_from"].get<std::string>()) + ")");
     for (const auto& i : f["items"]) out.line("    " + i.get<std::string>());
     for (const auto& i : f["deferred"]) out.line("    " + i.get<std::string>() + "  (deferred)");
   }
@@ -119,7 +133,7 @@ int runFeeds(const CommandContext& context) {
 int runItems(const CommandContext& context, const ItemsOptions& options) {
   const Output out = context.output();
   std::unique_ptr<HostRuntime> host;
-  if (auto error = openHost(context, &host)) return out.fail(*error);
+  if (auto error = openHost(context, &host, /*runTransfers=*/false)) return out.fail(*error);
   const nlohmann::json items = itemsJson(*host, options.feed);
   out.document({{"items", items}});
   if (items.empty()) out.line("no items");
@@ -152,7 +166,7 @@ int runItems(const CommandContext& context, const ItemsOptions& options) {
 int runDeferred(const CommandContext& context) {
   const Output out = context.output();
   std::unique_ptr<HostRuntime> host;
-  if (auto error = openHost(context, &host)) return out.fail(*error);
+  if (auto error = openHost(context, &host, /*runTransfers=*/false)) return out.fail(*error);
   const auto ids = host->manager().deferredEpisodes();
   host->pumpFor(std::chrono::milliseconds(50));
   out.document({{"deferred", ids}});

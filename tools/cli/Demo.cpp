@@ -1,4 +1,4 @@
-// zsm demo: the whole system on this machine in about a minute. It starts the
+// zsm demo: the whole system on this machine in about ten seconds. It starts the
 // reference content server on a free loopback port with generated content,
 // configures a fresh device in a new folder, subscribes to two feeds with
 // different rules, syncs while showing the downloads, lists the library, has new
@@ -55,6 +55,7 @@ std::string findServerProgram(const std::string& given, const char* argv0) {
 
 // Runs a sync on the open device and follows its downloads.
 std::optional<Error> syncAndWatch(HostRuntime& host, std::chrono::milliseconds timeout) {
+  host.markCompleteBaseline();
   bool ok = false;
   std::optional<Error> failure;
   auto waited = runToCompletion(
@@ -72,7 +73,7 @@ std::optional<Error> syncAndWatch(HostRuntime& host, std::chrono::milliseconds t
   if (!ok) return failure.value_or(cliError(kCliErrorIncomplete, "the sync did not run"));
   bool drained = false;
   watchDownloads(host, true, std::chrono::milliseconds(45000), &drained);
-  if (!drained) return cliError(kCliErrorTimeout, "the downloads did not finish in time");
+  if (!drained) return cliError(kCliErrorDownloads, "the downloads did not finish in time");
   return std::nullopt;
 }
 
@@ -173,12 +174,12 @@ int runDemo(const CommandContext& context, const DemoOptions& options, const cha
     auto& m = host->manager();
     // A new device treats its first launch as its last sync: only content
     // published later counts as new. The sample items are a few hours old, so
-    // the demo moves the date back a day (what `zsm settings set last-sync
-    // now-86400` does).
+    // the demo moves the date back a day (what `zsm sync --since 1d` does).
     host->platform().userDefaults->setDate(
         LastSyncKey, Date(host->roles().secureClock->date().secondsSince1970 - 86400));
     host->platform().userDefaults->synchronize();
-    say("  last sync moved back one day, so the last hours' items count as new");
+    say("  last sync moved back one day, so the last hours' items count as new "
+        "(`zsm sync --since 1d` does the same)");
 
     step(3, "Subscribing to two feeds with different rules");
     struct Subscription {

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <utility>
 
 #include "CliError.h"
@@ -49,6 +50,35 @@ namespace {
 
 // The host's own user-defaults key: the whole second of this device's last run.
 constexpr std::string_view kLastRequestSecondKey = "ZSMHost_LastRequestSecond";
+// Set once a sync has finished on this device.
+constexpr std::string_view kSyncedKey = "ZSMHost_Synced";
+// Feed identifier -> where its rules came from.
+constexpr std::string_view kRuleSourcesKey = "ZSMHost_RuleSources";
+// The line the library writes to the system log for each feed whose rules a
+// sync brought: "Updating rules for feed(<id>): ...".
+constexpr std::string_view kRulesLinePrefix = "Updating rules for feed(";
+
+// What a looking-only command tells the manager about the network: the engine
+// is held offline so that its queue stays still, but the server is asked all
+// the same (a missing network then shows as the transport's error).
+class AssumedOnline final : public ZFM_ReachabilityWrapper {
+ public:
+  using ZFM_ReachabilityWrapper::ZFM_ReachabilityWrapper;
+  std::int64_t currentReachabilityStatus() override { return 1; }
+};
+
+std::string freeSpaceText(const std::filesystem::path& folder, std::uint64_t margin) {
+  auto mib = [](double bytes) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f MiB", bytes / (1024 * 1024));
+    return std::string(text);
+  };
+  std::error_code ec;
+  const auto space = std::filesystem::space(folder, ec);
+  const std::string free = ec ? std::string("unknown") : mib(static_cast<double>(space.available));
+  return "; free on " + folder.string() + ": " + free + ", and the engine keeps " +
+         mib(static_cast<double>(margin)) + " free beyond each download";
+}
 
 // The application state a one-shot command presents to the manager: not the
 // active foreground, so start-up does no server work of its own.
@@ -121,7 +151,14 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
   // The library's system-log lines (rules updated by a sync) are diagnostics, not
   // command output.
   const std::int64_t echo = options.echoLogLevel;
-  rt->platform_.systemLog = [echo](const std::string& line) {
+  HostRuntime* self = rt.get();
+  rt->platform_.systemLog = [echo, self](const std::string& line) {
+    if (line.rfind(kRulesLinePrefix, 0) == 0) {
+      const auto end = line.find("): ");
+      if (end != std::string::npos)
+        self->noteRulesFrom(line.substr(kRulesLinePrefix.size(), end - kRulesLinePrefix.size()),
+                            "server");
+    }
     if (echo >= 2) std::fprintf(stderr, "system: %s\n", line.c_str());
   };
   // The device identity is the host's: it survives a wiped engine folder.
@@ -140,16 +177,28 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
   engineOptions.externalDeviceID = options.config.deviceId;
   engineOptions.secret = options.config.secret;
   engineOptions.key = options.config.publicKey;
+  engineOptions.freeSpaceMargin = options.freeSpaceMargin;
+  if (!options.runTransfers) engineOptions.reachabilityOverride = false;
   rt->engine_ = std::make_unique<reference::ReferenceEngine>(engineOptions);
+  rt->engine_->setProgressCallback([self](const reference::AssetInfo& a) {
+    if (a.state != reference::AssetState::kFailed) return;
+    std::lock_guard lock(self->mutex_);
+    self->failures_.insert_or_assign(a.uuid, a);
+  });
   if (auto error = rt->engine_->start()) return error;
 
   rt->roles_ = rt->engine_->roles();
   rt->logger_ = std::make_shared<CapturingLogger>(rt->roles_.logger, options.echoLogLevel);
   rt->roles_.logger = rt->logger_;
   rt->roles_.utilities = std::make_shared<CommandLineUtilities>(rt->roles_.utilities);
+  if (!options.runTransfers)
+    rt->roles_.reachability = std::make_shared<AssumedOnline>(rt->roles_.reachability);
 
   rt->manager_ = ZolvaniSubscriptionManager::create(ManagerEnvironment{rt->roles_, rt->platform_});
-  for (const auto& a : rt->engine_->listAssets()) rt->assetIds_[a.uuid] = a.assetID;
+  for (const auto& a : rt->engine_->listAssets()) {
+    rt->assetIds_[a.uuid] = a.assetID;
+    if (a.state == reference::AssetState::kComplete) rt->completeBefore_.insert(a.uuid);
+  }
   rt->observeManager();
   rt->manager_->internalStartup();
   *out = std::move(rt);
@@ -160,7 +209,10 @@ HostRuntime::~HostRuntime() {
   for (auto token : observers_) platform_.notificationCenter->removeObserver(token);
   // Let the processing queue's last posts reach the main queue, then stop the
   // transfers; partial files stay for the next run to resume.
-  if (engine_) engine_->stop();
+  if (engine_) {
+    engine_->setProgressCallback(nullptr);
+    engine_->stop();
+  }
   if (!requested_ || !roles_.secureClock) return;
   const auto second =
       static_cast<std::int64_t>(std::floor(roles_.secureClock->date().secondsSince1970));
@@ -199,6 +251,8 @@ void HostRuntime::observeManager() {
   observers_.push_back(
       center.addObserver(std::string(kSubscriptionManagerDidFinishSyncNotification), main,
                          [this](const Notification&) {
+                           platform_.userDefaults->setBool(kSyncedKey, true);
+                           platform_.userDefaults->synchronize();
                            std::lock_guard lock(mutex_);
                            ++events_.syncsFinished;
                          }));
@@ -265,6 +319,50 @@ HostEvents HostRuntime::events() const {
 std::size_t HostRuntime::logMark() const { return logger_->size(); }
 
 std::vector<LogLine> HostRuntime::logSince(std::size_t mark) const { return logger_->since(mark); }
+
+void HostRuntime::markCompleteBaseline() {
+  completeBefore_.clear();
+  for (const auto& a : engine_->listAssets())
+    if (a.state == reference::AssetState::kComplete) completeBefore_.insert(a.uuid);
+}
+
+std::map<std::string, reference::AssetInfo> HostRuntime::failedDownloads() const {
+  std::lock_guard lock(mutex_);
+  return failures_;
+}
+
+bool HostRuntime::everSynced() const { return platform_.userDefaults->boolForKey(kSyncedKey); }
+
+std::string HostRuntime::rulesFrom(const std::string& feed) const {
+  const auto sources = platform_.userDefaults->objectForKey(kRuleSourcesKey);
+  const Value::Map* map = sources ? sources->asMap() : nullptr;
+  if (!map) return {};
+  auto it = map->find(feed);
+  return it == map->end() ? std::string() : it->second.stringValue();
+}
+
+void HostRuntime::noteRulesFrom(const std::string& feed, const std::string& source) {
+  std::lock_guard lock(rulesMutex_);
+  auto sources = platform_.userDefaults->objectForKey(kRuleSourcesKey);
+  Value::Map map;
+  if (sources && sources->asMap()) map = *sources->asMap();
+  map[feed] = Value(source);
+  platform_.userDefaults->setObject(kRuleSourcesKey, Value(std::move(map)));
+  platform_.userDefaults->synchronize();
+}
+
+std::vector<reference::AssetInfo> HostRuntime::listAssets() {
+  auto assets = engine_->listAssets();
+  for (auto& a : assets) {
+    if (a.lastError && a.lastError->domain == reference::kReferenceEngineErrorDomain &&
+        a.lastError->code == reference::kEngineErrorNoSpace)
+      *a.lastError =
+          Error::make(a.lastError->domain, a.lastError->code,
+                      a.lastError->localizedDescription() +
+                          freeSpaceText(options_.paths.engine(), options_.freeSpaceMargin));
+  }
+  return assets;
+}
 
 std::vector<std::string> HostRuntime::trackedFeeds() {
   std::vector<std::string> feeds;

@@ -26,6 +26,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,11 @@ struct HostOptions {
   // negative echoes nothing.
   std::int64_t echoLogLevel = -1;
   int parallelTransfers = 2;
+  // False for commands that only look (listings, status): the engine then holds
+  // its queue, so no transfer starts or resumes while they run.
+  bool runTransfers = true;
+  // Bytes the engine keeps free on the data folder's file system.
+  std::uint64_t freeSpaceMargin = 64ull * 1024 * 1024;
 };
 
 struct LogLine {
@@ -106,6 +112,30 @@ class HostRuntime {
   // The feed identifiers that have a tracking record in the store.
   std::vector<std::string> trackedFeeds();
 
+  // The engine's assets. A download refused for lack of space says how much
+  // was free and what margin the engine keeps, not only what it needed.
+  std::vector<zolvani::reference::AssetInfo> listAssets();
+
+  // The assets that were complete when the runtime opened, or at the last
+  // markCompleteBaseline(): what a progress display has no news about.
+  const std::set<std::string>& completeBefore() const { return completeBefore_; }
+  void markCompleteBaseline();
+
+  // Downloads that failed while this runtime was open, by asset UUID. The
+  // library removes a failed feed item at once, so its asset may already be
+  // gone from listAssets().
+  std::map<std::string, zolvani::reference::AssetInfo> failedDownloads() const;
+
+  // Whether a sync ever finished on this device. A new installation stores
+  // "now" as its last sync, so the date alone cannot tell.
+  bool everSynced() const;
+
+  // Where a feed's retention rules last came from: "server" (a sync brought
+  // the server's rules), "subscribe" (given to `zsm subscribe`), "settings"
+  // (the global settings, at subscription); empty when not known.
+  std::string rulesFrom(const std::string& feed) const;
+  void noteRulesFrom(const std::string& feed, const std::string& source);
+
   class CapturingLogger;
 
  private:
@@ -123,8 +153,11 @@ class HostRuntime {
   bool requested_ = false;  // whether this run sent a request
 
   mutable std::mutex mutex_;
+  std::mutex rulesMutex_;  // one read-modify-write of the rule sources at a time
   HostEvents events_;
-  std::map<std::string, std::string> assetIds_;  // asset UUID -> asset ID, for deletions
+  std::map<std::string, zolvani::reference::AssetInfo> failures_;
+  std::map<std::string, std::string> assetIds_;
+  std::set<std::string> completeBefore_;  // asset UUID -> asset ID, for deletions
   EventListener listener_;
   std::shared_ptr<CapturingLogger> logger_;
 };

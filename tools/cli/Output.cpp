@@ -4,6 +4,7 @@
 #include <ctime>
 #include <iostream>
 
+#include "ExitStatus.h"
 #include "zolvani/subscription/engine/ZolvaniAsset.h"
 
 namespace zsm {
@@ -21,7 +22,7 @@ void Output::document(const nlohmann::json& document) const {
 int Output::fail(const zolvani::Error& error) const {
   std::cerr << "error: " << error.describe() << "\n" << std::flush;
   if (json_) document({{"ok", false}, {"error", errorJson(error)}});
-  return 1;
+  return exitStatusFor(error);
 }
 
 nlohmann::json errorJson(const zolvani::Error& error) {

@@ -26,7 +26,8 @@ class Output {
   void line(const std::string& text) const;
   // The command's JSON document; nothing in human mode.
   void document(const nlohmann::json& document) const;
-  // Prints the failure and returns the exit status (1).
+  // Prints the failure and returns the exit status its kind calls for
+  // (see ExitStatus.h).
   int fail(const zolvani::Error& error) const;
 
  private:

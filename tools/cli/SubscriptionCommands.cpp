@@ -1,6 +1,8 @@
 // subscribe, unsubscribe, subscriptions and publish: the manager's server
 // operations, one per command.
+#include <cstdlib>
 #include <iostream>
+#include <string_view>
 
 #include "CliError.h"
 #include "Commands.h"
@@ -50,10 +52,10 @@ int runSubscribe(const CommandContext& context, const SubscribeOptions& options)
       },
       context.timeout, "subscribe");
   if (waited) return out.fail(*waited);
-  if (!ok)
-    return out.fail(failure.value_or(cliError(kCliErrorIncomplete, "the subscription failed")));
+  if (!ok) return out.fail(failure.value_or(cliError(kCliErrorServer, "the subscription failed")));
   // Deletions made by the new rules arrive as notifications on the main queue.
   host->pumpFor(std::chrono::milliseconds(100));
+  host->noteRulesFrom(options.feed, withRules ? "subscribe" : "settings");
   const nlohmann::json rules = rulesJson(m, options.feed);
   nlohmann::json doc = {{"ok", true}, {"feed", options.feed}, {"rules", rules}};
   doc["deleted"] = host->events().deleted;
@@ -62,6 +64,9 @@ int runSubscribe(const CommandContext& context, const SubscribeOptions& options)
            ", auto-delete " + (rules["autodelete"].get<bool>() ? "on" : "off") + ", max bitrate " +
            rules["max_bitrate"].dump() + ")");
   for (const auto& uuid : host->events().deleted) out.line("  deleted by the new rules: " + uuid);
+  // The protocol makes the server the authority on a feed's rules.
+  out.line("note: these rules hold until the next sync; a server that has rules for " +
+           options.feed + " replaces them then (`zsm feeds` shows where each rule came from)");
   return 0;
 }
 
@@ -129,7 +134,7 @@ int runUnsubscribe(const CommandContext& context, const UnsubscribeOptions& opti
         context.timeout, "unsubscribe");
     if (waited) return out.fail(*waited);
   }
-  if (!ok) return out.fail(failure.value_or(cliError(kCliErrorIncomplete, "unsubscribe failed")));
+  if (!ok) return out.fail(failure.value_or(cliError(kCliErrorServer, "unsubscribe failed")));
   host->pumpFor(std::chrono::milliseconds(100));
   const auto deleted = host->events().deleted;
   out.document({{"ok", true}, {"unsubscribed", feeds}, {"deleted", deleted}});
@@ -141,7 +146,7 @@ int runUnsubscribe(const CommandContext& context, const UnsubscribeOptions& opti
 int runSubscriptions(const CommandContext& context) {
   const Output out = context.output();
   std::unique_ptr<HostRuntime> host;
-  if (auto error = openHost(context, &host)) return out.fail(*error);
+  if (auto error = openHost(context, &host, /*runTransfers=*/false)) return out.fail(*error);
   std::optional<Value::Array> list;
   std::optional<Error> failure;
   auto waited = runToCompletion(
@@ -177,6 +182,20 @@ struct PushOutcome {
   std::optional<Error> error;
 };
 
+constexpr std::string_view kTransportErrorLine = "Received error from network request: ";
+
+// The error an Error::describe() text describes; none when it does not read so.
+std::optional<Error> errorFromDescription(const std::string& text) {
+  const auto space = text.find(' ');
+  const auto colon = text.find(": ", space == std::string::npos ? 0 : space);
+  if (space == std::string::npos || colon == std::string::npos || space == 0) return std::nullopt;
+  const std::string code = text.substr(space + 1, colon - space - 1);
+  char* end = nullptr;
+  const long long value = std::strtoll(code.c_str(), &end, 10);
+  if (code.empty() || *end != '\0') return std::nullopt;
+  return Error::make(text.substr(0, space), value, text.substr(colon + 2));
+}
+
 PushOutcome judgePushLog(const std::vector<LogLine>& lines) {
   const std::string domain(kZolvaniSubscriptionManagerErrorDomain);
   for (const auto& l : lines) {
@@ -199,6 +218,11 @@ PushOutcome judgePushLog(const std::vector<LogLine>& lines) {
       const std::int64_t code = status == 403 ? -1 : status == 404 ? -2 : -3;
       return {true, false,
               Error::make(domain, code, "The server answered HTTP " + std::to_string(status))};
+    }
+    // "...: <domain> <code>: <description>", the transport's error as it was.
+    if (auto at = t.find(kTransportErrorLine); at != std::string::npos) {
+      if (auto error = errorFromDescription(t.substr(at + kTransportErrorLine.size())))
+        return {true, false, std::move(error)};
     }
     for (const char* failure :
          {"Received error from network request", "Response from server was nil",
@@ -245,6 +269,7 @@ int runPublish(const CommandContext& context, const PublishOptions& options) {
   if (!outcome.finished)
     return out.fail(cliError(kCliErrorTimeout, "the push update got no answer in time"));
   if (!outcome.ok) return out.fail(*outcome.error);
+
   // The server names the item; it reaches this device as a direct item at the
   // next sync.
   out.document({{"ok", true}, {"item", valueJson(Value(item))}});

@@ -4,8 +4,11 @@
 #include <iostream>
 #include <thread>
 
+#include "zolvani/subscription/Constants.h"
+
 #include "CliError.h"
 #include "Commands.h"
+#include "ExitStatus.h"
 #include "ProgressBoard.h"
 
 namespace zsm {
@@ -28,6 +31,15 @@ void announceEvents(HostRuntime& host, const Output& out) {
   host.setEventListener([](const std::string& line) { std::cout << "  " << line << "\n"; });
 }
 
+// The library says so, item by item, when a sync leaves an item out for being
+// older than the last sync.
+int countOlderThanLastSync(const std::vector<LogLine>& lines) {
+  int count = 0;
+  for (const auto& l : lines)
+    count += l.message.find("The asset is older than the last sync time") != std::string::npos;
+  return count;
+}
+
 nlohmann::json downloadsSummary(const std::vector<AssetInfo>& assets, bool drained) {
   int complete = 0, failed = 0, pending = 0;
   for (const auto& a : assets) {
@@ -47,6 +59,7 @@ std::vector<AssetInfo> watchDownloads(HostRuntime& host, bool showBoard,
                                       std::chrono::milliseconds timeout, bool* drained) {
   using Clock = std::chrono::steady_clock;
   ProgressBoard board(stdout, ProgressBoard::isTerminal(stdout));
+  board.setAlreadyDone(host.completeBefore());
   const auto deadline = Clock::now() + timeout;
   // A finished download lets the manager promote a deferred item on its
   // processing queue a moment later; the queue counts as drained only after it
@@ -61,10 +74,23 @@ std::vector<AssetInfo> watchDownloads(HostRuntime& host, bool showBoard,
     host.setEventListener([&board](const std::string& line) { board.note("  " + line); });
   while (true) {
     host.pumpFor(std::chrono::milliseconds(100));
-    assets = host.engine().listAssets();
+    assets = host.listAssets();
+    // A failed feed item is removed by the library at once; it stays on the
+    // board (and in the count) as failed.
+    auto failures = host.failedDownloads();
     std::vector<AssetInfo> shown;
-    for (const auto& a : assets)
+    for (auto& a : assets) {
+      auto failed = failures.find(a.uuid);
+      if (failed != failures.end()) {
+        if (a.state == AssetState::kGone) a = failed->second;
+        failures.erase(failed);
+      }
       if (a.state != AssetState::kGone) shown.push_back(a);
+    }
+    for (auto& [uuid, a] : failures) {
+      shown.push_back(a);
+      assets.push_back(std::move(a));
+    }
     if (showBoard) board.update(shown);
     const auto now = Clock::now();
     if (busy(assets)) {
@@ -90,6 +116,17 @@ int runSync(const CommandContext& context, const SyncOptions& options) {
   std::unique_ptr<HostRuntime> host;
   if (auto error = openHost(context, &host)) return out.fail(*error);
   announceEvents(*host, out);
+  if (options.since) {
+    // The library has no setter for this date; the host moves it through the
+    // exported key, as it always may.
+    const double since = host->roles().secureClock->date().secondsSince1970 - *options.since;
+    host->platform().userDefaults->setDate(LastSyncKey, Date(since));
+    host->platform().userDefaults->synchronize();
+    out.line("catching up: items published since " + isoDate(since) + " count as new");
+  }
+  const std::optional<Date> lastSyncBefore = host->manager().lastSubscriptionSyncTime();
+  const bool firstSync = !host->everSynced();
+  const std::size_t mark = host->logMark();
   bool ok = false;
   std::optional<Value::Array> subscriptions;
   std::optional<Error> failure;
@@ -115,47 +152,75 @@ int runSync(const CommandContext& context, const SyncOptions& options) {
   }
   // Direct items are processed beside the feeds and announced on their own.
   host->pumpFor(std::chrono::milliseconds(300));
+  const int skippedAsOld = countOlderThanLastSync(host->logSince(mark));
 
   nlohmann::json doc = {{"ok", true}};
   nlohmann::json feeds = nlohmann::json::array();
   if (subscriptions)
     for (const auto& v : *subscriptions) feeds.push_back(valueJson(v));
   doc["subscriptions"] = feeds;
+  doc["skipped_as_old"] = skippedAsOld;
   if (auto last = host->manager().lastSubscriptionSyncTime())
     doc["last_sync"] = last->secondsSince1970;
-  int status = 0;
+  std::optional<Error> failed;
   if (options.watch) {
     bool drained = false;
     out.line("downloads:");
     auto assets = watchDownloads(*host, !out.json(), options.watchTimeout, &drained);
     doc["downloads"] = downloadsSummary(assets, drained);
     if (!drained) {
-      status = out.fail(cliError(kCliErrorTimeout,
-                                 "downloads were still running after " +
-                                     std::to_string(options.watchTimeout.count() / 1000) + " s"));
-    } else if (doc["downloads"]["failed"].get<int>() > 0) {
-      std::cerr << "warning: " << doc["downloads"]["failed"].get<int>()
-                << " download(s) failed; see `zsm items`\n";
+      failed = cliError(kCliErrorDownloads,
+                        "downloads were still running after " +
+                            std::to_string(options.watchTimeout.count() / 1000) + " s");
+    } else if (const int count = doc["downloads"]["failed"].get<int>(); count > 0) {
+      failed = cliError(kCliErrorDownloads,
+                        std::to_string(count) + " download(s) failed; `zsm items` says why");
     }
   }
   const HostEvents events = host->events();
   doc["events"] = eventsJson(events);
-  if (status != 0) return status;
   if (!options.watch) {
-    // Transfers run only while a zsm process (the engine) runs; they resume
-    // where they stopped the next time.
-    const auto pending = downloadsSummary(host->engine().listAssets(), false)["pending"].get<int>();
+    // Transfers run only while a zsm command that may transfer runs (not the
+    // listings); they resume where they stopped the next time one does.
+    const auto pending = downloadsSummary(host->listAssets(), false)["pending"].get<int>();
     doc["pending_downloads"] = pending;
     if (pending > 0)
       out.line(std::to_string(pending) +
-               " download(s) waiting; they resume whenever zsm runs (`zsm sync --watch` follows "
+               " download(s) waiting; they go on with the next sync (`zsm sync --watch` follows "
                "them to the end)");
   }
-  out.document(doc);
   out.line("sync finished: " + std::to_string(events.added.size()) + " added, " +
            std::to_string(events.deferred.size()) + " deferred, " +
            std::to_string(events.deleted.size()) + " deleted; subscribed to " +
            std::to_string(feeds.size()) + " feed(s)");
+  // Items older than the last sync are skipped by design; a user who expected
+  // them is told how to ask for them.
+  if (skippedAsOld > 0 && lastSyncBefore) {
+    out.line("hint: " + std::to_string(skippedAsOld) +
+             " item(s) were skipped as older than the last sync (" +
+             isoDate(lastSyncBefore->secondsSince1970) +
+             "); `zsm sync --since 7d` fetches what came out in the last 7 days");
+  } else if (firstSync && !options.since && lastSyncBefore) {
+    // The server leaves out what is older than the date asked for, so on a
+    // device's first sync the skipped items never even arrive.
+    out.line(
+        "hint: this device's first sync asked only for items published since its first "
+        "launch (" +
+        isoDate(lastSyncBefore->secondsSince1970) +
+        "); `zsm sync --since 7d` fetches what came out in the last 7 days");
+  }
+  if (failed) {
+    // The document (with the downloads' outcome) comes first, then the error.
+    if (out.json()) {
+      doc["ok"] = false;
+      doc["error"] = errorJson(*failed);
+      out.document(doc);
+      std::cerr << "error: " << failed->describe() << "\n";
+      return exitStatusFor(*failed);
+    }
+    return out.fail(*failed);
+  }
+  out.document(doc);
   return 0;
 }
 

@@ -1,11 +1,17 @@
 // zsm: the command-line host of the subscription manager.
 #include <CLI/CLI.hpp>
 
+#include <cstdint>
 #include <functional>
 #include <iostream>
+#include <limits>
+#include <string>
+#include <vector>
 
 #include "CliError.h"
 #include "Commands.h"
+#include "ExitStatus.h"
+#include "UserInput.h"
 
 namespace {
 
@@ -19,6 +25,45 @@ bool parseSwitch(const std::string& text, bool* value) {
   return false;
 }
 
+// Global options that take a value, for finding the command word in argv.
+bool takesValue(const std::string& option) {
+  return option == "--data" || option == "--log-level" || option == "--timeout";
+}
+
+// The first word of argv that is not a global option or its value; empty when
+// there is none.
+std::string commandWord(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--") return i + 1 < argc ? argv[i + 1] : "";
+    if (arg.rfind("-", 0) == 0) {
+      if (takesValue(arg)) ++i;
+      continue;
+    }
+    return arg;
+  }
+  return {};
+}
+
+std::vector<std::string> commandNames(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; }))
+    names.push_back(sub->get_name());
+  return names;
+}
+
+int usageError(const std::string& message) {
+  std::cerr << "error: " << kCliErrorDomain << " " << kCliErrorUsage << ": " << message << "\n";
+  return kExitUsage;
+}
+
+int unknownCommand(const CLI::App& app, const std::string& word) {
+  const std::string nearest = nearestName(word, commandNames(app));
+  return usageError("unknown command \"" + word + "\"" +
+                    (nearest.empty() ? "" : " (did you mean \"" + nearest + "\"?)") +
+                    "; `zsm help` lists the commands");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -28,6 +73,8 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   // Global options may also follow the subcommand (`zsm items --json`).
   app.fallthrough();
+  app.set_version_flag("--version", std::string("zsm ") + ZSM_VERSION);
+  app.footer(std::string("Run `zsm help COMMAND` for a command's options.\n\n") + exitStatusHelp());
   CommandContext context;
   std::string data;
   double timeoutSeconds = 30;
@@ -35,9 +82,17 @@ int main(int argc, char** argv) {
                  "data folder (config.json, user-defaults.json, engine/); default "
                  "$XDG_STATE_HOME/zsm or ~/.local/state/zsm");
   app.add_flag("--json", context.json, "print one JSON document instead of text");
-  app.add_option("--log-level", context.logLevel,
-                 "echo engine log lines up to this level to stderr (0 errors ... 4 information)");
-  app.add_option("--timeout", timeoutSeconds, "seconds to wait for the server")
+  std::string logLevelText;
+  app.add_option("--log-level", logLevelText,
+                 "echo log lines up to this level to stderr: error, warning, info or debug "
+                 "(or a number, 0 error ... 4 info)")
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            return parseLogLevel(text) ? std::string()
+                                       : "takes error, warning, info, debug or a number >= 0";
+          },
+          "LEVEL"));
+  app.add_option("--timeout", timeoutSeconds, "seconds to wait for the server, 0.1 to 3600")
       ->check(CLI::Range(0.1, 3600.0));
   std::function<int()> action;
 
@@ -71,19 +126,29 @@ int main(int argc, char** argv) {
   SubscribeOptions subscribeOptions;
   std::string autodeleteText;
   auto* subscribe = app.add_subcommand("subscribe", "subscribe to a feed with retention rules");
+  subscribe->footer(
+      "The rules given here hold until the next sync: the server is the authority on a feed's "
+      "rules, and a sync replaces them with the server's rules for the feed when it has any. "
+      "`zsm feeds` shows where each feed's rules came from.");
   subscribe->add_option("feed", subscribeOptions.feed, "feed identifier")->required();
-  subscribe->add_option("--max-items", subscribeOptions.maxItems,
-                        "keep at most N items (0: no limit)");
-  subscribe->add_option("--autodelete", autodeleteText, "delete old items for new ones (on/off)");
-  subscribe->add_option("--max-bitrate", subscribeOptions.maxBitrate,
-                        "bit/s cap for streams (0: none)");
+  subscribe
+      ->add_option("--max-items", subscribeOptions.maxItems,
+                   "keep at most N items, 0 to 2147483647 (0: no limit; until the next sync)")
+      ->check(CLI::Range(0, std::numeric_limits<std::int32_t>::max()));
+  subscribe->add_option("--autodelete", autodeleteText,
+                        "delete old items for new ones: on or off (until the next sync)");
+  subscribe
+      ->add_option("--max-bitrate", subscribeOptions.maxBitrate,
+                   "bit/s cap for streams, 0 to 2147483647 (0: none; until the next sync)")
+      ->check(CLI::Range(0, std::numeric_limits<std::int32_t>::max()));
   subscribe->callback([&] {
     action = [&] {
       if (!autodeleteText.empty()) {
         bool value = false;
         if (!parseSwitch(autodeleteText, &value))
           return Output(context.json)
-              .fail(cliError(kCliErrorUsage, "--autodelete takes on or off"));
+              .fail(cliError(kCliErrorUsage,
+                             "--autodelete takes on or off, not \"" + autodeleteText + "\""));
         subscribeOptions.autodelete = value;
       }
       return runSubscribe(context, subscribeOptions);
@@ -107,12 +172,27 @@ int main(int argc, char** argv) {
   sync->add_flag("--force", syncOptions.force, "sync even if another sync is running");
   sync->add_flag("--watch", syncOptions.watch,
                  "stay and show the downloads until the queue drains");
-  sync->add_option("--watch-timeout", watchSeconds, "seconds --watch waits at most")
+  sync->add_option("--watch-timeout", watchSeconds, "seconds --watch waits at most, 1 to 86400")
       ->check(CLI::Range(1.0, 86400.0));
+  std::string sinceText;
+  sync->add_option("--since", sinceText,
+                   "catch up: first move the last-sync date back to SPAN ago (30m, 12h, 7d, 2w), "
+                   "so items published since then count as new")
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            return parseSpan(text) ? std::string()
+                                   : "takes a span such as 30m, 12h, 7d or 2w (at most 100 years)";
+          },
+          "SPAN"));
+  sync->footer(
+      "A new device counts its first launch as its last sync, so its first sync adds only what "
+      "was published after it. Use --since (for example `zsm sync --since 7d`) to fetch what "
+      "came out before.");
   sync->callback([&] {
     action = [&] {
       syncOptions.watchTimeout =
           std::chrono::milliseconds(static_cast<long long>(watchSeconds * 1000));
+      if (!sinceText.empty()) syncOptions.since = parseSpan(sinceText);
       return runSync(context, syncOptions);
     };
   });
@@ -134,9 +214,12 @@ int main(int argc, char** argv) {
   publish->add_option("--desc", publishOptions.desc, "description");
   publish->add_option("--url", publishOptions.downloadURL, "download URL");
   publish->add_option("--stream-url", publishOptions.streamURL, "stream URL");
-  publish->add_option("--content-size", publishOptions.contentSize, "size in bytes");
-  publish->add_option("--duration", publishOptions.duration, "duration in seconds");
-  publish->add_option("--content-type", publishOptions.contentType, "media type 0-5 (3: stream)");
+  publish->add_option("--content-size", publishOptions.contentSize, "size in bytes (0 or more)")
+      ->check(CLI::NonNegativeNumber);
+  publish->add_option("--duration", publishOptions.duration, "duration in seconds (0 or more)")
+      ->check(CLI::NonNegativeNumber);
+  publish->add_option("--content-type", publishOptions.contentType, "media type 0 to 5 (3: stream)")
+      ->check(CLI::Range(0, 5));
   publish->callback([&] { action = [&] { return runPublish(context, publishOptions); }; });
 
   // wake
@@ -159,7 +242,9 @@ int main(int argc, char** argv) {
 
   // demo
   DemoOptions demoOptions;
-  auto* demo = app.add_subcommand("demo", "run the whole system on this machine (about a minute)");
+  auto* demo = app.add_subcommand(
+      "demo",
+      "run the whole system on this machine (about ten seconds at the default --link-rate)");
   demo->add_option("--server-program", demoOptions.serverProgram, "path of zsm-server");
   demo->add_option("--folder", demoOptions.workFolder,
                    "work folder (a new temporary one by default)");
@@ -168,19 +253,54 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   demo->callback([&] { action = [&] { return runDemo(context, demoOptions, argv[0]); }; });
 
+  // help [COMMAND]
+  std::string helpTopic;
+  auto* help = app.add_subcommand("help", "show the help of zsm or of one command");
+  help->add_option("command", helpTopic, "the command to explain");
+  help->callback([&] {
+    action = [&]() -> int {
+      if (helpTopic.empty()) {
+        std::cout << app.help();
+        return kExitOk;
+      }
+      try {
+        std::cout << app.get_subcommand(helpTopic)->help();
+        return kExitOk;
+      } catch (const CLI::OptionNotFound&) {
+        return unknownCommand(app, helpTopic);
+      }
+    };
+  });
+
+  const std::string word = commandWord(argc, argv);
+  bool asksForHelpOrVersion = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    asksForHelpOrVersion |= arg == "--help" || arg == "-h" || arg == "--version";
+  }
+  if (!word.empty()) {
+    bool known = false;
+    for (const auto& name : commandNames(app)) known |= name == word;
+    if (!known) return unknownCommand(app, word);
+  } else if (!asksForHelpOrVersion) {
+    std::cerr << app.help();
+    return usageError("a command is required; `zsm help` lists them");
+  }
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);
-    std::cerr << "error: " << kCliErrorDomain << " " << kCliErrorUsage << ": " << e.what() << "\n";
-    std::cerr << "(run `zsm --help` or `zsm <command> --help`)\n";
-    return 2;
+    usageError(e.what());
+    std::cerr << "(run `zsm help` or `zsm help <command>`)\n";
+    return kExitUsage;
   }
+  if (!logLevelText.empty()) context.logLevel = *parseLogLevel(logLevelText);
   context.paths.root = data.empty() ? HostPaths::defaultRoot() : std::filesystem::path(data);
   context.timeout = std::chrono::milliseconds(static_cast<long long>(timeoutSeconds * 1000));
   if (!action) {
     std::cerr << app.help();
-    return 2;
+    return kExitUsage;
   }
   return action();
 }
