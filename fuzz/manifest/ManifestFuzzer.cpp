@@ -28,8 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       return FetchResult{FetchOutcome::kDone, std::nullopt, 0, 0};
     };
     MediaPlan plan;
-    FetchResult r = planStream({url, static_cast<std::int64_t>(size) * 1000, true}, limits, load,
-                               &plan);
+    FetchResult r =
+        planStream({url, static_cast<std::int64_t>(size) * 1000, true}, limits, load, &plan);
     if (r.outcome == FetchOutcome::kDone) {
       ZSM_FUZZ_CHECK(!plan.manifests.empty());
       for (const auto& m : plan.manifests) ZSM_FUZZ_CHECK(isPlainFileName(m.name));

@@ -49,11 +49,10 @@ TEST(ManifestTest, HostileManifestsAreRefusedClearly) {
     const char* says;
   };
   const Case cases[] = {
-      {"master pointing at itself",
-       "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nhttp://h/m.m3u8\n", kEngineErrorBadPlaylist,
-       "itself"},
-      {"master pointing at a master",
-       "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nnested.m3u8\n", kEngineErrorBadPlaylist, "master"},
+      {"master pointing at itself", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nhttp://h/m.m3u8\n",
+       kEngineErrorBadPlaylist, "itself"},
+      {"master pointing at a master", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nnested.m3u8\n",
+       kEngineErrorBadPlaylist, "master"},
       {"segment outside http", segments(2, "file:///etc/passwd"), kEngineErrorBadURL, "http"},
       {"too many segments", segments(11), kEngineErrorBadPlaylist, "more than 10"},
       {"live playlist", "#EXTM3U\n#EXTINF:1,\ns.ts\n", kEngineErrorLivePlaylist, "live"},
@@ -65,15 +64,19 @@ TEST(ManifestTest, HostileManifestsAreRefusedClearly) {
        kEngineErrorLivePlaylist, "live"},
       {"malformed MPD", "<MPD><Period>", kEngineErrorBadPlaylist, "XML"},
       {"timeline repeated beyond the limit",
-       mpdHead + "<SegmentTemplate media=\"$Number$.m4s\"><SegmentTimeline><S d=\"1\" "
-                 "r=\"1000000000\"/></SegmentTimeline></SegmentTemplate>" + mpdTail,
+       mpdHead +
+           "<SegmentTemplate media=\"$Number$.m4s\"><SegmentTimeline><S d=\"1\" "
+           "r=\"1000000000\"/></SegmentTimeline></SegmentTemplate>" +
+           mpdTail,
        kEngineErrorBadPlaylist, "more than 10"},
       {"unknown template identifier",
        mpdHead + "<SegmentTemplate media=\"$Secret$.m4s\" duration=\"1\"/>" + mpdTail,
        kEngineErrorBadPlaylist, "template"},
       {"MPD media outside http",
-       mpdHead + "<BaseURL>ftp://h/</BaseURL><SegmentTemplate media=\"$Number$.m4s\" "
-                 "duration=\"1\"/>" + mpdTail,
+       mpdHead +
+           "<BaseURL>ftp://h/</BaseURL><SegmentTemplate media=\"$Number$.m4s\" "
+           "duration=\"1\"/>" +
+           mpdTail,
        kEngineErrorBadURL, "http"},
       {"entity expansion",
        "<?xml version=\"1.0\"?><!DOCTYPE MPD [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b "
@@ -138,19 +141,20 @@ TEST(ManifestTest, ByteRangesAreFetchedWholeOnlyWithoutGaps) {
 
 TEST(ManifestTest, AnAudioOnlyVariantIsChosenOnlyWithoutVideo) {
   HlsMaster master;
-  ASSERT_FALSE(parseHlsMaster("#EXTM3U\n"
-                              "#EXT-X-STREAM-INF:BANDWIDTH=900,RESOLUTION=640x360\nv1.m3u8\n"
-                              "#EXT-X-STREAM-INF:BANDWIDTH=500,CODECS=\"avc1.4d401e,mp4a.40.2\"\n"
-                              "v2.m3u8\n"
-                              "#EXT-X-STREAM-INF:BANDWIDTH=60,CODECS=\"mp4a.40.2\"\na.m3u8\n",
-                              &master));
+  ASSERT_FALSE(
+      parseHlsMaster("#EXTM3U\n"
+                     "#EXT-X-STREAM-INF:BANDWIDTH=900,RESOLUTION=640x360\nv1.m3u8\n"
+                     "#EXT-X-STREAM-INF:BANDWIDTH=500,CODECS=\"avc1.4d401e,mp4a.40.2\"\n"
+                     "v2.m3u8\n"
+                     "#EXT-X-STREAM-INF:BANDWIDTH=60,CODECS=\"mp4a.40.2\"\na.m3u8\n",
+                     &master));
   EXPECT_EQ(chooseHlsVariant(master.variants, 0)->uri, "v1.m3u8");
   EXPECT_EQ(chooseHlsVariant(master.variants, 600)->uri, "v2.m3u8");
   EXPECT_EQ(chooseHlsVariant(master.variants, 100)->uri, "v2.m3u8");  // lowest with video
-  ASSERT_FALSE(parseHlsMaster(
-      "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=60,CODECS=\"mp4a.40.2\"\na.m3u8\n"
-      "#EXT-X-STREAM-INF:BANDWIDTH=120,CODECS=\"mp4a.40.2\"\nb.m3u8\n",
-      &master));
+  ASSERT_FALSE(
+      parseHlsMaster("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=60,CODECS=\"mp4a.40.2\"\na.m3u8\n"
+                     "#EXT-X-STREAM-INF:BANDWIDTH=120,CODECS=\"mp4a.40.2\"\nb.m3u8\n",
+                     &master));
   EXPECT_EQ(chooseHlsVariant(master.variants, 100)->uri, "a.m3u8");
 }
 

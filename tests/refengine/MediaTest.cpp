@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <future>
 #include <regex>
 #include <thread>
 
@@ -46,7 +47,8 @@ class MediaFixtures {
     }
     const auto& dir = folder_.path();
     const std::string sources =
-        "-f lavfi -i testsrc2=size=160x120:rate=10 -f lavfi -i sine=frequency=440:sample_rate=22050 "
+        "-f lavfi -i testsrc2=size=160x120:rate=10 -f lavfi -i "
+        "sine=frequency=440:sample_rate=22050 "
         "-t 2 -c:v libx264 -preset ultrafast -g 10 -c:a aac -b:a 32k ";
     const std::string hls = "-f hls -hls_time 1 -hls_list_size 0 ";
     const std::string dash =
@@ -56,9 +58,15 @@ class MediaFixtures {
     for (auto sub : {"ts", "fmp4-range", "ts-range", "ladder", "dash-number", "dash-time",
                      "dash-list", "dash-ranges"})
       std::filesystem::create_directories(dir / sub);
+    // One encode (two outputs), then every packaging at once: they only copy.
+    auto encoded = ffmpeg(dir, sources +
+                                   "source.mp4 -map 0:v -t 2 -vf scale=96:72 -c:v libx264 "
+                                   "-preset ultrafast -g 10 small.mp4");
+    if (encoded.status != 0) {
+      error = "ffmpeg could not encode the sources: " + encoded.output;
+      return;
+    }
     const std::pair<const char*, std::string> steps[] = {
-        {"source", sources + "source.mp4"},
-        {"small", "-i source.mp4 -an -vf scale=96:72 -c:v libx264 -preset ultrafast -g 10 small.mp4"},
         {"ts", "-i source.mp4 -c copy " + hls + "-hls_segment_filename 'ts/s%d.ts' ts/index.m3u8"},
         {"fmp4-range", "-i source.mp4 -c copy " + hls +
                            "-hls_segment_type fmp4 -hls_flags single_file fmp4-range/index.m3u8"},
@@ -79,18 +87,20 @@ class MediaFixtures {
         {"dash-ranges",
          "-i source.mp4 -c copy " + dash + "-use_template 0 -single_file 1 dash-ranges/index.mpd"},
     };
-    for (const auto& [name, arguments] : steps) {
-      auto r = ffmpeg(dir, arguments);
-      if (r.status != 0) {
-        error = std::string("ffmpeg could not make ") + name + ": " + r.output;
-        return;
-      }
+    std::vector<std::future<CommandResult>> running;
+    for (const auto& step : steps)
+      running.push_back(std::async(std::launch::async, [&] { return ffmpeg(dir, step.second); }));
+    for (std::size_t i = 0; i < running.size(); ++i) {
+      auto r = running[i].get();
+      if (r.status != 0 && error.empty())
+        error = std::string("ffmpeg could not make ") + steps[i].first + ": " + r.output;
     }
+    if (!error.empty()) return;
     // The ladder as professional packagers write it: an audio-only variant
     // beside the video ones, and subtitles (one default, one not).
     auto master = readFile(dir / "ladder" / "master.m3u8");
-    master = replaceAll(master, "AUDIO=\"group_aud\"\np",
-                        "AUDIO=\"group_aud\",SUBTITLES=\"subs\"\np");
+    master =
+        replaceAll(master, "AUDIO=\"group_aud\"\np", "AUDIO=\"group_aud\",SUBTITLES=\"subs\"\np");
     master +=
         "#EXT-X-STREAM-INF:BANDWIDTH=40000,CODECS=\"mp4a.40.2\",AUDIO=\"group_aud\"\np2.m3u8\n"
         "#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"subs\",NAME=\"English\",LANGUAGE=\"en\","
@@ -110,7 +120,8 @@ class MediaFixtures {
     // fetched on its own.
     auto ranged = readFile(dir / "fmp4-range" / "index.m3u8");
     std::smatch first;
-    if (std::regex_search(ranged, first, std::regex("#EXTINF:[^\n]*\n#EXT-X-BYTERANGE:[^\n]*\n[^\n]*\n")))
+    if (std::regex_search(ranged, first,
+                          std::regex("#EXTINF:[^\n]*\n#EXT-X-BYTERANGE:[^\n]*\n[^\n]*\n")))
       ranged.erase(static_cast<std::size_t>(first.position(0)), first.length(0));
     writeText(dir / "fmp4-range" / "gap.m3u8", ranged);
     // The single-file DASH output again, addressed by SegmentBase with an index
@@ -147,9 +158,8 @@ class MediaTest : public ::testing::Test {
   reference::AssetInfo download(const std::string& path, std::int64_t maxBitrate = 0,
                                 bool keys = true) {
     auto asset = engine->roles().assets->assetWithAssetID(
-        "media" + path + std::to_string(maxBitrate), "Media", server.url(path), 0, keys,
-        maxBitrate, std::nullopt, std::nullopt, -42.0, -42.0, -1, false, std::nullopt, nullptr,
-        nullptr);
+        "media" + path + std::to_string(maxBitrate), "Media", server.url(path), 0, keys, maxBitrate,
+        std::nullopt, std::nullopt, -42.0, -42.0, -1, false, std::nullopt, nullptr, nullptr);
     EXPECT_TRUE(asset);
     if (!asset) return {};
     engine->roles().downloadEngine->addToQueue(asset, kQueueIndexAppend, nullptr);
@@ -277,7 +287,8 @@ TEST_F(MediaTest, ADynamicMpdIsRefusedLikeALiveStream) {
   EXPECT_EQ(info.state, AssetState::kFailed);
   ASSERT_TRUE(info.lastError.has_value());
   EXPECT_EQ(info.lastError->code, reference::kEngineErrorLivePlaylist);
-  for (int i = 0; i < 200 && !parsed; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  for (int i = 0; i < 200 && !parsed; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   ASSERT_TRUE(parseError.has_value());
   EXPECT_EQ(parseError->code, reference::kEngineErrorLivePlaylist);
 }

@@ -56,12 +56,13 @@ CommandResult ffmpeg(const std::filesystem::path& folder, const std::string& arg
 Playback play(const std::filesystem::path& manifest) {
   Playback p;
   // Bounded: a manifest ffmpeg cannot follow may keep it reading forever.
-  auto decode = runCommand("timeout -s KILL 30 ffmpeg -nostdin -hide_banner -v error -i " + quote(manifest.string()) +
-                           " -f null -");
+  auto decode = runCommand("timeout -s KILL 30 ffmpeg -nostdin -hide_banner -v error -i " +
+                           quote(manifest.string()) + " -f null -");
   p.decoded = decode.status == 0 && decode.output.empty();
   p.errors = decode.output;
-  auto probe = runCommand("timeout -s KILL 30 ffprobe -v error -show_entries stream=codec_type -of csv=p=0 " +
-                          quote(manifest.string()));
+  auto probe = runCommand(
+      "timeout -s KILL 30 ffprobe -v error -show_entries stream=codec_type -of csv=p=0 " +
+      quote(manifest.string()));
   std::istringstream lines(probe.output);
   std::string line;
   while (std::getline(lines, line))

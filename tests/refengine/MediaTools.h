@@ -33,8 +33,8 @@ bool mediaToolsPresent();
 CommandResult ffmpeg(const std::filesystem::path& folder, const std::string& arguments);
 
 struct Playback {
-  bool decoded = false;      // ffmpeg read every packet without an error
-  std::string errors;        // what it said
+  bool decoded = false;           // ffmpeg read every packet without an error
+  std::string errors;             // what it said
   std::set<std::string> streams;  // ffprobe's codec types: "video", "audio", "subtitle"
 };
 Playback play(const std::filesystem::path& manifest);

@@ -180,7 +180,7 @@ bool beginBody(Transfer* t, CURL* curl) {
     t->abort = Abort::kNotMedia;
     return false;
   }
-  t->expectedTotal = r.range                          ? r.range->length
+  t->expectedTotal = r.range                             ? r.range->length
                      : t->status == 206 && t->rangeTotal ? *t->rangeTotal
                      : t->contentLength                  ? t->offset + *t->contentLength
                                                          : 0;

@@ -147,7 +147,8 @@ void ReferenceEngine::Impl::runStream(const std::shared_ptr<ReferenceAsset>& ass
       asset->update([&](AssetFields& x) {
         x.segmentsDone = done;
         x.bytesDone = bytes;
-        x.fraction = static_cast<double>(done) / static_cast<double>(std::max<std::int64_t>(total, 1));
+        x.fraction =
+            static_cast<double>(done) / static_cast<double>(std::max<std::int64_t>(total, 1));
       });
       reportProgress(asset, false);
     }

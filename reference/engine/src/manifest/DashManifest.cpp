@@ -95,13 +95,26 @@ std::optional<double> parseDuration(const std::optional<std::string>& s) {
     const double v = std::strtod(number.c_str(), nullptr);
     number.clear();
     switch (c) {
-      case 'Y': total += v * 365 * 86400; break;
-      case 'M': total += time ? v * 60 : v * 30 * 86400; break;
-      case 'W': total += v * 7 * 86400; break;
-      case 'D': total += v * 86400; break;
-      case 'H': total += v * 3600; break;
-      case 'S': total += v; break;
-      default: return std::nullopt;
+      case 'Y':
+        total += v * 365 * 86400;
+        break;
+      case 'M':
+        total += time ? v * 60 : v * 30 * 86400;
+        break;
+      case 'W':
+        total += v * 7 * 86400;
+        break;
+      case 'D':
+        total += v * 86400;
+        break;
+      case 'H':
+        total += v * 3600;
+        break;
+      case 'S':
+        total += v;
+        break;
+      default:
+        return std::nullopt;
     }
   }
   if (!number.empty() || !std::isfinite(total)) return std::nullopt;
@@ -242,13 +255,15 @@ class TrackPlanner {
   FetchResult timings(const char* element, std::uint64_t timescale,
                       std::vector<DashLocalTrack::Timing>* out,
                       std::optional<std::size_t> listed = std::nullopt) const {
-    const std::size_t budget = limits_.maxResources - std::min(limits_.maxResources, resourcesSoFar_);
+    const std::size_t budget =
+        limits_.maxResources - std::min(limits_.maxResources, resourcesSoFar_);
     if (xmlNode* t = timeline(element)) {
       std::uint64_t now = 0;
       const double end = periodSeconds_ * static_cast<double>(timescale);
       for (xmlNode* s : childrenNamed(t, "S")) {
         auto d = toUnsigned(attribute(s, "d"));
-        if (!d || *d == 0) return planRefusal(kEngineErrorBadPlaylist, "A timeline entry has no duration");
+        if (!d || *d == 0)
+          return planRefusal(kEngineErrorBadPlaylist, "A timeline entry has no duration");
         if (auto start = toUnsigned(attribute(s, "t"))) now = *start;
         long long repeat = 0;
         if (auto r = attribute(s, "r")) repeat = std::atoll(r->c_str());
@@ -256,8 +271,9 @@ class TrackPlanner {
           // Repeats until the period ends.
           if (periodSeconds_ <= 0)
             return planRefusal(kEngineErrorBadPlaylist, "An open timeline needs a duration");
-          repeat = static_cast<long long>(std::ceil((end - static_cast<double>(now)) /
-                                                    static_cast<double>(*d))) - 1;
+          repeat = static_cast<long long>(
+                       std::ceil((end - static_cast<double>(now)) / static_cast<double>(*d))) -
+                   1;
         }
         for (long long k = 0; k <= repeat; ++k) {
           if (out->size() >= budget) return tooMany();
@@ -322,8 +338,8 @@ class TrackPlanner {
                            DashLocalTrack* track) {
     auto media = inherited("SegmentTemplate", "media");
     if (!media) return planRefusal(kEngineErrorBadPlaylist, "A SegmentTemplate has no media");
-    const std::uint64_t timescale =
-        std::max<std::uint64_t>(1, toUnsigned(inherited("SegmentTemplate", "timescale")).value_or(1));
+    const std::uint64_t timescale = std::max<std::uint64_t>(
+        1, toUnsigned(inherited("SegmentTemplate", "timescale")).value_or(1));
     const std::uint64_t startNumber =
         toUnsigned(inherited("SegmentTemplate", "startNumber")).value_or(1);
     std::vector<DashLocalTrack::Timing> times;
@@ -332,14 +348,16 @@ class TrackPlanner {
     std::optional<Segment> init;
     if (auto pattern = inherited("SegmentTemplate", "initialization")) {
       auto url = fillTemplate(*pattern, id_, bandwidth_, startNumber, 0);
-      if (!url) return planRefusal(kEngineErrorBadPlaylist, "Bad initialization template " + *pattern);
+      if (!url)
+        return planRefusal(kEngineErrorBadPlaylist, "Bad initialization template " + *pattern);
       init = Segment{resolveURL(base_, *url), std::nullopt, 0, 0};
     }
     std::vector<Segment> segments;
     for (std::size_t k = 0; k < times.size(); ++k) {
       auto url = fillTemplate(*media, id_, bandwidth_, startNumber + k, times[k].start);
       if (!url) return planRefusal(kEngineErrorBadPlaylist, "Bad media template " + *media);
-      segments.push_back({resolveURL(base_, *url), std::nullopt, times[k].start, times[k].duration});
+      segments.push_back(
+          {resolveURL(base_, *url), std::nullopt, times[k].start, times[k].duration});
     }
     return planSegments(prefix, init, segments, timescale,
                         toUnsigned(inherited("SegmentTemplate", "presentationTimeOffset")),
@@ -443,13 +461,14 @@ FetchResult planDash(const PlanRequest& request, const PlanLimits& limits,
                        "downloaded");
   auto periods = childrenNamed(mpd, "Period");
   if (periods.size() != 1)
-    return planRefusal(kEngineErrorBadPlaylist,
-                       fmt::format("The MPD has {} periods; only one is supported", periods.size()));
+    return planRefusal(
+        kEngineErrorBadPlaylist,
+        fmt::format("The MPD has {} periods; only one is supported", periods.size()));
   xmlNode* period = periods.front();
   owned->period = period;
-  const double seconds = parseDuration(attribute(period, "duration"))
-                             .value_or(parseDuration(attribute(mpd, "mediaPresentationDuration"))
-                                           .value_or(0));
+  const double seconds =
+      parseDuration(attribute(period, "duration"))
+          .value_or(parseDuration(attribute(mpd, "mediaPresentationDuration")).value_or(0));
 
   std::vector<Candidate> video;
   std::vector<std::vector<Candidate>> audioSets;
@@ -459,9 +478,14 @@ FetchResult planDash(const PlanRequest& request, const PlanLimits& limits,
     for (xmlNode* rep : childrenNamed(set, "Representation")) {
       Candidate c{set, rep, toUnsigned(attribute(rep, "bandwidth")).value_or(0)};
       switch (contentOf(set, rep)) {
-        case Content::kVideo: video.push_back(c); break;
-        case Content::kAudio: audio.push_back(c); break;
-        case Content::kOther: break;
+        case Content::kVideo:
+          video.push_back(c);
+          break;
+        case Content::kAudio:
+          audio.push_back(c);
+          break;
+        case Content::kOther:
+          break;
       }
     }
     if (audio.empty()) continue;

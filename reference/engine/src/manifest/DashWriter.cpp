@@ -22,8 +22,8 @@ void removeChildren(xmlNode* parent, std::initializer_list<const char*> names,
                     const xmlNode* keep = nullptr) {
   for (xmlNode* c = parent->children; c;) {
     xmlNode* next = c->next;
-    if (c != keep && std::any_of(names.begin(), names.end(),
-                                 [&](const char* n) { return isElement(c, n); }))
+    if (c != keep &&
+        std::any_of(names.begin(), names.end(), [&](const char* n) { return isElement(c, n); }))
       removeNode(c);
     c = next;
   }

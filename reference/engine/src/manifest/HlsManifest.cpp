@@ -42,7 +42,8 @@ std::optional<std::uint64_t> toUnsigned(std::string_view s) {
 }
 
 // "<length>[@<offset>]"; without an offset the range follows `previousEnd`.
-std::optional<ByteRange> parseByteRange(std::string_view text, std::optional<std::uint64_t> previousEnd) {
+std::optional<ByteRange> parseByteRange(std::string_view text,
+                                        std::optional<std::uint64_t> previousEnd) {
   auto at = text.find('@');
   auto length = toUnsigned(text.substr(0, at));
   if (!length || *length == 0) return std::nullopt;
@@ -185,8 +186,9 @@ FetchResult planMediaPlaylist(const PlanRequest& request, const PlanLimits& limi
       it->second = resource.localName;
       rendition->resources.push_back(std::move(resource));
       if (resourcesSoFar + rendition->resources.size() > limits.maxResources)
-        return planRefusal(kEngineErrorBadPlaylist,
-                           fmt::format("The stream has more than {} segments", limits.maxResources));
+        return planRefusal(
+            kEngineErrorBadPlaylist,
+            fmt::format("The stream has more than {} segments", limits.maxResources));
     }
     targets[i] = {it->second, whole && e.range.has_value()};
   }
@@ -255,10 +257,8 @@ std::optional<Error> parseHlsMaster(std::string_view text, HlsMaster* out) {
       std::string attributes(line.substr(18));
       HlsVariant v;
       v.attributes = attributes;
-      v.bandwidth = static_cast<std::int64_t>(
-          std::min<std::uint64_t>(toUnsigned(hlsAttribute(attributes, "BANDWIDTH").value_or(""))
-                                      .value_or(0),
-                                  INT64_MAX));
+      v.bandwidth = static_cast<std::int64_t>(std::min<std::uint64_t>(
+          toUnsigned(hlsAttribute(attributes, "BANDWIDTH").value_or("")).value_or(0), INT64_MAX));
       v.audioGroup = hlsAttribute(attributes, "AUDIO").value_or("");
       v.subtitlesGroup = hlsAttribute(attributes, "SUBTITLES").value_or("");
       for (std::size_t j = i + 1; j < lines.size(); ++j) {
@@ -362,8 +362,9 @@ std::optional<Error> parseHlsMediaPlaylist(std::string_view text, std::size_t ma
                                                     ? std::nullopt
                                                     : std::optional(previous->second));
         if (!e.range)
-          return engineError(kEngineErrorBadPlaylist,
-                             fmt::format("Line {} has a bad EXT-X-BYTERANGE", pendingRangeLine + 1));
+          return engineError(
+              kEngineErrorBadPlaylist,
+              fmt::format("Line {} has a bad EXT-X-BYTERANGE", pendingRangeLine + 1));
         e.rangeLine = pendingRangeLine;
         rangeEnds[e.uri] = e.range->offset + e.range->length;
         pendingRange.reset();
@@ -415,8 +416,9 @@ FetchResult planHls(const PlanRequest& request, const PlanLimits& limits,
     }
     for (const auto& job : jobs) {
       if (!isFetchableURL(job.url))
-        return planRefusal(kEngineErrorBadURL,
-                           "Only http and https URLs are downloaded; the playlist names " + job.url);
+        return planRefusal(
+            kEngineErrorBadURL,
+            "Only http and https URLs are downloaded; the playlist names " + job.url);
       if (job.url == first.url || job.url == request.url)
         return planRefusal(kEngineErrorBadPlaylist,
                            "The master playlist points at itself: " + job.url);
@@ -436,8 +438,8 @@ FetchResult planHls(const PlanRequest& request, const PlanLimits& limits,
     }
     PlannedRendition rendition;
     std::string text;
-    FetchResult r = planMediaPlaylist(request, limits, document, job, plan->resourceCount(),
-                                      &rendition, &text);
+    FetchResult r =
+        planMediaPlaylist(request, limits, document, job, plan->resourceCount(), &rendition, &text);
     if (r.outcome != FetchOutcome::kDone) return r;
     plan->renditions.push_back(std::move(rendition));
     plan->manifests.push_back({job.playlistName, std::move(text)});

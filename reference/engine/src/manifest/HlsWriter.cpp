@@ -43,7 +43,7 @@ std::string writeLocalMediaPlaylist(const HlsMediaPlaylist& playlist,
       }
       case HlsEntry::Kind::kKey:
         line = "#EXT-X-KEY:" + withAttribute(parseHlsAttributes(std::string_view(line).substr(11)),
-                                              "URI", target.uri);
+                                             "URI", target.uri);
         break;
     }
   }
@@ -64,8 +64,9 @@ std::string writeLocalMaster(
     auto chosen = std::find_if(renditions.begin(), renditions.end(),
                                [&](const auto& p) { return p.first == &r; });
     if (chosen != renditions.end()) {
-      out += "#EXT-X-MEDIA:" +
-             withAttribute(parseHlsAttributes(r.attributes), "URI", chosen->second) + "\n";
+      out +=
+          "#EXT-X-MEDIA:" + withAttribute(parseHlsAttributes(r.attributes), "URI", chosen->second) +
+          "\n";
       subtitles = subtitles || r.type == "SUBTITLES";
     } else if (r.uri.empty() && ((r.type == "AUDIO" && r.groupID == variant.audioGroup) ||
                                  (r.type == "CLOSED-CAPTIONS" && r.groupID == captions))) {

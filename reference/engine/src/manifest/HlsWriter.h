@@ -26,8 +26,8 @@ std::string writeLocalMediaPlaylist(const HlsMediaPlaylist& playlist,
                                     const std::vector<HlsEntryTarget>& targets);
 
 // `renditions` pairs each downloaded EXT-X-MEDIA with its local playlist name.
-std::string writeLocalMaster(const HlsMaster& master, const HlsVariant& variant,
-                             const std::string& variantPlaylist,
-                             const std::vector<std::pair<const HlsRendition*, std::string>>& renditions);
+std::string writeLocalMaster(
+    const HlsMaster& master, const HlsVariant& variant, const std::string& variantPlaylist,
+    const std::vector<std::pair<const HlsRendition*, std::string>>& renditions);
 
 }  // namespace zolvani::reference

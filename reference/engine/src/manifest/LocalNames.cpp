@@ -28,11 +28,11 @@ std::string pick(const std::string& urlPath, const std::array<std::string_view, 
   return std::string(fallback);
 }
 
-constexpr std::array<std::string_view, 6> kInitExtensions{"mp4", "m4s", "m4v", "m4a", "cmfv",
-                                                          "cmfa"};
+constexpr std::array<std::string_view, 6> kInitExtensions{"mp4", "m4s",  "m4v",
+                                                          "m4a", "cmfv", "cmfa"};
 constexpr std::array<std::string_view, 14> kMediaExtensions{
-    "ts", "m4s", "mp4", "m4v", "m4a", "aac", "ac3", "ec3", "mp3", "vtt", "webvtt", "cmfv", "cmfa",
-    "mpegts"};
+    "ts",  "m4s", "mp4", "m4v",    "m4a",  "aac",  "ac3",
+    "ec3", "mp3", "vtt", "webvtt", "cmfv", "cmfa", "mpegts"};
 
 }  // namespace
 

@@ -15,7 +15,8 @@ std::string lower(std::string s) {
 }
 
 bool endsWith(const std::string& s, const std::string& suffix) {
-  return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+  return s.size() >= suffix.size() &&
+         s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
 }  // namespace
@@ -54,8 +55,8 @@ FetchResult planStream(const PlanRequest& request, const PlanLimits& limits,
   FetchResult r = load(request.url, &first);
   if (r.outcome != FetchOutcome::kDone) return r;
   if (first.text.size() > limits.maxManifestBytes)
-    return planRefusal(kEngineErrorBadPlaylist,
-                       fmt::format("The manifest is larger than {} bytes", limits.maxManifestBytes));
+    return planRefusal(kEngineErrorBadPlaylist, fmt::format("The manifest is larger than {} bytes",
+                                                            limits.maxManifestBytes));
   switch (detectManifestFormat(first).value_or(ManifestFormat::kHls)) {
     case ManifestFormat::kHls:
       return planHls(request, limits, first, load, plan);
