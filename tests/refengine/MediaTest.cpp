@@ -36,16 +36,32 @@ class MediaFixtures {
     static MediaFixtures fixtures;
     return fixtures;
   }
-  const std::filesystem::path& root() const { return folder_.path(); }
+  const std::filesystem::path& root() const { return root_; }
   std::string error;  // why making them failed
 
  private:
+  // Each test runs in its own process under ctest: the fixtures are made once
+  // into a shared folder (moved into place whole, so a concurrent process
+  // either sees all of them or makes its own) and reused.
   MediaFixtures() {
     if (!mediaToolsPresent()) {
       error = "ffmpeg and ffprobe are needed (scripts/setup.sh installs them)";
       return;
     }
-    const auto& dir = folder_.path();
+    const auto shared = std::filesystem::temp_directory_path() / "zsm-media-fixtures-1";
+    if (std::filesystem::exists(shared / "complete")) {
+      root_ = shared;
+      return;
+    }
+    make(folder_.path());
+    if (!error.empty()) return;
+    writeText(folder_.path() / "complete", "");
+    std::error_code ec;
+    std::filesystem::rename(folder_.path(), shared, ec);
+    root_ = std::filesystem::exists(shared / "complete") ? shared : folder_.path();
+  }
+
+  void make(const std::filesystem::path& dir) {
     const std::string sources =
         "-f lavfi -i testsrc2=size=160x120:rate=10 -f lavfi -i "
         "sine=frequency=440:sample_rate=22050 "
@@ -144,6 +160,7 @@ class MediaFixtures {
     std::filesystem::remove(dir / "small.mp4");
   }
   TempFolder folder_;
+  std::filesystem::path root_;
 };
 
 class MediaTest : public ::testing::Test {
