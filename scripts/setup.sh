@@ -9,6 +9,7 @@ packages=(
   libfmt-dev uuid-dev libcpp-httplib-dev libcli11-dev libspdlog-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev curl sqlite3 help2man
+  libxml2-dev ffmpeg
 )
 
 missing=()

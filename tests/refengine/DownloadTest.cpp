@@ -133,7 +133,7 @@ TEST_F(DownloadTest, ARangeBeyondTheResourceStartsAgainFromZero) {
   EXPECT_EQ(requests[2].range, "");
 }
 
-TEST_F(DownloadTest, StatusesFailAtOnceOrRetryWithBackoff) {
+TEST_F(DownloadTest, RefusalsFailAtOnceOtherStatusesAreRetried) {
   struct Case {
     int status;
     int failures;  // -1: always
@@ -145,8 +145,8 @@ TEST_F(DownloadTest, StatusesFailAtOnceOrRetryWithBackoff) {
       {401, -1, AssetState::kFailed, 1, reference::kEngineErrorHttpStatus},
       {403, -1, AssetState::kFailed, 1, reference::kEngineErrorHttpStatus},
       {404, -1, AssetState::kFailed, 1, reference::kEngineErrorHttpStatus},
+      {410, -1, AssetState::kFailed, 1, reference::kEngineErrorHttpStatus},
       {500, 2, AssetState::kComplete, 3, 0},
-      {503, -1, AssetState::kFailed, 3, reference::kEngineErrorHttpStatus},  // maxAttempts is 3
   };
   int n = 0;
   for (const auto& c : cases) {

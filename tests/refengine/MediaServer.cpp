@@ -31,6 +31,9 @@ MediaServer::MediaServer() : server_(std::make_unique<httplib::Server>()) {
       MediaRoute& r = it->second;
       if (r.status != 0 && r.failuresLeft != 0) {
         if (r.failuresLeft > 0) --r.failuresLeft;
+        // The refusal is the whole answer: the HTTP library must not cut a
+        // requested range out of it (and answer 416 instead).
+        const_cast<httplib::Request&>(req).ranges.clear();
         res.status = r.status;
         res.set_content("refused", "text/plain");
         return;

@@ -100,12 +100,12 @@ TEST_F(StreamTest, TheLocalPlaylistPointsAtLocalFiles) {
   EXPECT_EQ(local,
             "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-TARGETDURATION:4\n"
             "#EXT-X-MAP:URI=\"map-00000.mp4\"\n"
-            "#EXT-X-KEY:METHOD=AES-128,URI=\"key-00001.key\",IV=0x1\n"
-            "#EXTINF:4.0,\nsegment-00002.ts\n#EXTINF:4.0,\nsegment-00003.ts\n#EXTINF:2.0,\nsegment-"
-            "00004.ts\n"
+            "#EXT-X-KEY:METHOD=AES-128,URI=\"key-00001.ts\",IV=0x1\n"
+            "#EXTINF:4.0,\nsegment-00002.m4s\n#EXTINF:4.0,\nsegment-00003.m4s\n#EXTINF:2.0,\n"
+            "segment-00004.m4s\n"
             "#EXT-X-ENDLIST\n");
-  EXPECT_TRUE(readFile(dir / "key-00001.key") == std::string(16, 'K'));
-  EXPECT_TRUE(readFile(dir / "segment-00004.ts") == patternBytes(50000, 102) + "mid");
+  EXPECT_TRUE(readFile(dir / "key-00001.ts") == std::string(16, 'K'));
+  EXPECT_TRUE(readFile(dir / "segment-00004.m4s") == patternBytes(50000, 102) + "mid");
   EXPECT_EQ(info.bytesDone, 3 * 50003u + 8 + 16);
 }
 

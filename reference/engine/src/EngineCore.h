@@ -162,6 +162,9 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
   void finish(const std::shared_ptr<ReferenceAsset>& asset, const std::string& localPath,
               std::uint64_t bytes);
   void fail(const std::shared_ptr<ReferenceAsset>& asset, const Error& error);
+  // A transient failure (network, 5xx) outlasted the retries: the asset stays
+  // queued, keeps what is on disk and waits longer after each such failure.
+  void deferTransient(const std::shared_ptr<ReferenceAsset>& asset, const Error& error);
   void requeue(const std::shared_ptr<ReferenceAsset>& asset);
   void reportProgress(const std::shared_ptr<ReferenceAsset>& asset, bool persistNow);
   void prepareManifest(const std::shared_ptr<ReferenceAsset>& asset, AssetReadyCallback ready,
@@ -192,6 +195,13 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
   std::vector<std::thread> workers_;
   bool stopping_ = false;
   std::int64_t nextQueuePos_ = 1;
+  // Queued assets waiting out a transient failure (guarded by mutex_).
+  struct Backoff {
+    int failures = 0;
+    std::uint64_t bytesAtFailure = 0;
+    std::chrono::steady_clock::time_point notBefore;
+  };
+  std::map<std::string, Backoff> backoff_;
   std::int64_t nextSeq_ = 1;
 
   std::mutex callbackMutex_;
@@ -216,36 +226,5 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
   std::map<std::string, std::chrono::steady_clock::time_point> lastPersist_;
   std::map<std::string, std::chrono::steady_clock::time_point> lastProgress_;
 };
-
-// Playlist reading for streams.
-struct HlsVariant {
-  std::int64_t bandwidth = 0;
-  std::string uri;
-};
-struct HlsResource {
-  enum class Kind { kSegment, kMap, kKey } kind = Kind::kSegment;
-  std::string uri;  // as written in the playlist
-  std::size_t line = 0;
-};
-struct HlsMediaPlaylist {
-  bool ended = false;
-  std::vector<std::string> lines;
-  std::vector<HlsResource> resources;
-};
-
-// Variants of a master playlist; empty when `text` is a media playlist.
-std::vector<HlsVariant> parseMasterPlaylist(const std::string& text);
-// The variant to fetch: the highest bandwidth not above `maxBitrate` (no cap
-// when it is 0 or less); when none fits, the lowest.
-std::optional<HlsVariant> chooseVariant(const std::vector<HlsVariant>& variants,
-                                        std::int64_t maxBitrate);
-// Reads a media playlist; an error when it is not one.
-std::optional<Error> parseMediaPlaylist(const std::string& text, bool includeKeys,
-                                        HlsMediaPlaylist* out);
-// The local file name of resource `index`.
-std::string localResourceName(const HlsResource& resource, std::size_t index);
-// The playlist with every fetched resource's URI replaced by its local name and
-// the rest made absolute against `base`.
-std::string rewritePlaylist(const HlsMediaPlaylist& playlist, const std::string& base);
 
 }  // namespace zolvani::reference

@@ -61,7 +61,16 @@ std::optional<std::uint64_t> freeBytes(const std::filesystem::path& probe) {
 }
 
 // Why the engine cut a transfer short from inside a callback.
-enum class Abort { kNone, kStopped, kNoSpace, kNotMedia, kWriteFailed, kTooLarge, kBadRange };
+enum class Abort {
+  kNone,
+  kStopped,
+  kNoSpace,
+  kNotMedia,
+  kWriteFailed,
+  kTooLarge,
+  kBadRange,
+  kRangeComplete  // every byte of the requested range arrived from a whole body
+};
 
 struct Transfer {
   FetchRequest* request = nullptr;
@@ -79,6 +88,9 @@ struct Transfer {
   std::uint64_t memoryLimit = 0;
   std::uint64_t received = 0;
   std::uint64_t expectedTotal = 0;
+  // Ranged transfers: body bytes to drop before the range (when the server sent
+  // the whole resource) and bytes to keep; 0 keeps everything.
+  std::uint64_t skip = 0, keep = 0;
   Abort abort = Abort::kNone;
   int writeErrno = 0;
   std::chrono::steady_clock::time_point lastProgress;
@@ -143,7 +155,18 @@ bool beginBody(Transfer* t, CURL* curl) {
   curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &t->status);
   if (t->status != 200 && t->status != 206) return true;  // an error body: ignored
   FetchRequest& r = *t->request;
-  if (t->status == 206) {
+  if (r.range) {
+    if (t->status == 206) {
+      if (!t->rangeStart || *t->rangeStart != r.range->offset) {
+        t->abort = Abort::kBadRange;
+        return false;
+      }
+    } else {
+      t->skip = r.range->offset;  // the whole resource: cut the range out of it
+    }
+    t->keep = r.range->length;
+    t->offset = 0;
+  } else if (t->status == 206) {
     if (!t->rangeStart || *t->rangeStart != t->offset ||
         (t->rangeTotal && *t->rangeTotal <= t->offset)) {
       t->abort = Abort::kBadRange;
@@ -157,14 +180,16 @@ bool beginBody(Transfer* t, CURL* curl) {
     t->abort = Abort::kNotMedia;
     return false;
   }
-  t->expectedTotal = t->status == 206 && t->rangeTotal ? *t->rangeTotal
-                     : t->contentLength                ? t->offset + *t->contentLength
-                                                       : 0;
+  t->expectedTotal = r.range                             ? r.range->length
+                     : t->status == 206 && t->rangeTotal ? *t->rangeTotal
+                     : t->contentLength                  ? t->offset + *t->contentLength
+                                                         : 0;
   if (!r.spaceProbe.empty()) {
     // Refused before the first byte is written: the body (when its length is
     // known) and the margin must both fit.
     auto free = freeBytes(r.spaceProbe);
-    if (free && *free < t->contentLength.value_or(0) + r.freeSpaceMargin) {
+    const std::uint64_t body = r.range ? r.range->length : t->contentLength.value_or(0);
+    if (free && *free < body + r.freeSpaceMargin) {
       t->abort = Abort::kNoSpace;
       return false;
     }
@@ -199,12 +224,31 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
     t->received += n;
     return n;
   }
-  if (std::fwrite(data, 1, n, t->file) != n) {
+  std::string_view chunk(data, n);
+  if (t->skip > 0) {
+    const auto drop = static_cast<std::size_t>(std::min<std::uint64_t>(t->skip, chunk.size()));
+    chunk.remove_prefix(drop);
+    t->skip -= drop;
+  }
+  bool complete = false;
+  if (t->keep > 0) {
+    const std::uint64_t left = t->keep - t->received;
+    if (chunk.size() >= left) {
+      chunk = chunk.substr(0, static_cast<std::size_t>(left));
+      complete = true;
+    }
+  }
+  if (!chunk.empty() && std::fwrite(chunk.data(), 1, chunk.size(), t->file) != chunk.size()) {
     t->writeErrno = errno;
     t->abort = Abort::kWriteFailed;
     return 0;
   }
-  t->received += n;
+  t->received += chunk.size();
+  if (complete && t->received == t->keep && chunk.size() < n) {
+    // The rest of a whole body is not wanted: stop reading it.
+    t->abort = Abort::kRangeComplete;
+    return 0;
+  }
   return n;
 }
 
@@ -304,6 +348,7 @@ FetchResult judge(CURLcode code, Transfer& t, const std::string& url) {
       r.restartFromZero = true;
       return r;
     case Abort::kNone:
+    case Abort::kRangeComplete:
       break;
   }
   if (code != CURLE_OK) {
@@ -312,7 +357,9 @@ FetchResult judge(CURLcode code, Transfer& t, const std::string& url) {
                           fmt::format("Transfer of {} failed: {}", url, curl_easy_strerror(code)));
     return r;
   }
-  if (t.status == 401 || t.status == 403 || t.status == 404) {
+  // Refusals that asking again will not change; every other status (5xx, 408,
+  // 429, ...) may pass and is retried.
+  if (t.status == 401 || t.status == 403 || t.status == 404 || t.status == 410) {
     r.outcome = FetchOutcome::kFail;
     r.error = engineError(kEngineErrorHttpStatus,
                           fmt::format("The server answered {} for {}", t.status, url));
@@ -365,7 +412,7 @@ FetchResult fetchOnce(FetchRequest& request, const FetchHooks& hooks) {
   t.request = &request;
   t.hooks = &hooks;
   std::error_code ec;
-  if (std::filesystem::exists(request.partPath, ec) &&
+  if (!request.range && std::filesystem::exists(request.partPath, ec) &&
       (!request.etag.empty() || !request.lastModified.empty()))
     t.offset = std::filesystem::file_size(request.partPath, ec);
   if (ec) t.offset = 0;
@@ -375,13 +422,23 @@ FetchResult fetchOnce(FetchRequest& request, const FetchHooks& hooks) {
     return {FetchOutcome::kRetry, engineError(kEngineErrorTransfer, "libcurl unavailable"), 0, 0};
   body.curl = curl;
   curl_slist* headers = nullptr;
-  if (t.offset > 0) {
+  if (request.range) {
+    const ByteRange& range = *request.range;
+    headers = curl_slist_append(
+        headers,
+        fmt::format("Range: bytes={}-{}", range.offset, range.offset + range.length - 1).c_str());
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+  } else if (t.offset > 0) {
     headers = curl_slist_append(headers, fmt::format("Range: bytes={}-", t.offset).c_str());
     const std::string& v = !request.etag.empty() ? request.etag : request.lastModified;
     headers = curl_slist_append(headers, fmt::format("If-Range: {}", v).c_str());
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
   }
   CURLcode code = curl_easy_perform(curl);
+  if (t.abort == Abort::kRangeComplete) {
+    code = CURLE_OK;
+    t.abort = Abort::kNone;
+  }
   if (t.status == 0) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &t.status);
   curl_easy_cleanup(curl);
   curl_slist_free_all(headers);
@@ -416,6 +473,7 @@ FetchResult fetchOnce(FetchRequest& request, const FetchHooks& hooks) {
     return r;
   }
   FetchResult r = judge(code, t, request.url);
+  r.contentType = t.contentType;
   if (r.outcome == FetchOutcome::kFail && t.abort == Abort::kWriteFailed)
     std::filesystem::remove(request.partPath, ec);  // a full disk leaves nothing behind
   if (r.outcome != FetchOutcome::kDone) return r;
@@ -457,10 +515,7 @@ FetchResult fetchWithRetry(FetchRequest& request, const FetchHooks& hooks,
       ++rangeRestarts;
       continue;
     }
-    if (++attempts >= policy.maxAttempts) {
-      r.outcome = FetchOutcome::kFail;
-      return r;
-    }
+    if (++attempts >= policy.maxAttempts) return r;  // still transient: the caller waits
     auto delay = policy.baseDelay * (1LL << std::min(attempts - 1, 20));
     if (delay > policy.maxDelay) delay = policy.maxDelay;
     if (!sleep(delay)) {
@@ -500,7 +555,9 @@ FetchResult fetchText(const std::string& url, std::uint64_t limit, const FetchHo
     *effectiveURL = eff ? eff : url;
   }
   curl_easy_cleanup(curl);
-  return judge(code, t, url);
+  FetchResult r = judge(code, t, url);
+  r.contentType = t.contentType;
+  return r;
 }
 
 }  // namespace zolvani::reference

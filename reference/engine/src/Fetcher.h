@@ -4,14 +4,20 @@
 // Range and If-Range when a validator is known, starts again from zero when the
 // server answers 200 or 416, checks free space and Content-Length, refuses small
 // text bodies where media was expected, and renames the partial file into place
-// only once every byte arrived. fetchWithRetry() repeats retryable failures with
+// only once every byte arrived. A request may ask for one byte range of the
+// resource instead; a server that ignores the range and sends the whole body has
+// the range cut out of it. fetchWithRetry() repeats retryable failures with
 // exponential backoff; the attempt count starts again whenever bytes arrived.
+// When the attempts run out the outcome stays kRetry: the failure is transient
+// (the server or the network may come back) and the caller decides how long to
+// wait before trying again. Only kFail is a permanent refusal.
 //
 // Thread-safety: the functions keep no shared state; many transfers may run at
 // once on different threads.
 #pragma once
 
 #include <chrono>
+#include <compare>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -23,8 +29,16 @@
 
 namespace zolvani::reference {
 
+// `length` bytes from `offset` of a resource.
+struct ByteRange {
+  std::uint64_t offset = 0, length = 0;
+  friend auto operator<=>(const ByteRange&, const ByteRange&) = default;
+};
+
 struct FetchRequest {
   std::string url;
+  // Only these bytes of the resource; a ranged transfer never resumes a partial file.
+  std::optional<ByteRange> range;
   std::filesystem::path partPath, finalPath;
   // Validator of the partial file (from an earlier response); empty when none.
   std::string etag, lastModified;
@@ -55,6 +69,7 @@ struct FetchResult {
   std::uint64_t bytesReceived = 0;  // in this attempt
   std::uint64_t fileSize = 0;       // of the finished file
   bool restartFromZero = false;     // the partial file was dropped (416); retry at once
+  std::string contentType{};        // of the answer, lower case
 };
 
 struct RetryPolicy {

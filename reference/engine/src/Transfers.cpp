@@ -1,4 +1,4 @@
-// The download queue and its workers: single files and HLS streams.
+// The download queue and its workers, and single-file downloads.
 #include <sys/statvfs.h>
 
 #include <algorithm>
@@ -11,7 +11,8 @@
 namespace zolvani::reference {
 namespace {
 
-constexpr std::uint64_t kPlaylistLimit = 8 * 1024 * 1024;
+// The longest an asset waits between attempts after transient failures.
+constexpr std::chrono::milliseconds kLongestBackoff = std::chrono::hours(1);
 
 std::string relative(const std::string& uuid, const std::string& name) {
   return "media/" + uuid + "/" + name;
@@ -94,8 +95,24 @@ void ReferenceEngine::Impl::worker() {
         continue;
       }
       if (stopping_ || queue_.empty()) continue;
-      std::string uuid = queue_.front();
-      queue_.pop_front();
+      // The first queued asset that is not waiting out a transient failure.
+      const auto now = std::chrono::steady_clock::now();
+      auto next = queue_.end();
+      auto wake = now + std::chrono::milliseconds(500);
+      for (auto q = queue_.begin(); q != queue_.end(); ++q) {
+        auto b = backoff_.find(*q);
+        if (b == backoff_.end() || b->second.notBefore <= now) {
+          next = q;
+          break;
+        }
+        wake = std::min(wake, b->second.notBefore);
+      }
+      if (next == queue_.end()) {
+        cv_.wait_until(l, wake);
+        continue;
+      }
+      std::string uuid = *next;
+      queue_.erase(next);
       auto it = assets_.find(uuid);
       if (it == assets_.end()) continue;
       asset = it->second;
@@ -206,6 +223,10 @@ void ReferenceEngine::Impl::finish(const std::shared_ptr<ReferenceAsset>& asset,
     x.errorCode = 0;
     x.errorText.clear();
   });
+  {
+    std::lock_guard l(mutex_);
+    backoff_.erase(f.uuid);
+  }
   persist(f);
   // A finished download is committed at once: its partial file is gone, so a
   // restart that did not know it finished would fetch it all again.
@@ -227,6 +248,37 @@ void ReferenceEngine::Impl::fail(const std::shared_ptr<ReferenceAsset>& asset, c
   log(fmt::format("Download of asset {} ({}) failed: {}", f.uuid, f.description,
                   error.localizedDescription()),
       0);
+}
+
+void ReferenceEngine::Impl::deferTransient(const std::shared_ptr<ReferenceAsset>& asset,
+                                           const Error& error) {
+  AssetFields f = asset->update([&](AssetFields& x) {
+    x.state = AssetState::kQueued;
+    x.errorCode = error.code;
+    x.errorText = error.localizedDescription();
+  });
+  persist(f);
+  reportProgress(asset, true);
+  std::chrono::milliseconds delay{0};
+  {
+    std::lock_guard l(mutex_);
+    if (stopping_ || !assets_.count(f.uuid)) return;
+    Backoff& b = backoff_[f.uuid];
+    // Bytes that arrived since the last deferral show the server is alive:
+    // the wait starts short again.
+    if (f.bytesDone > b.bytesAtFailure) b.failures = 0;
+    b.bytesAtFailure = f.bytesDone;
+    ++b.failures;
+    delay = std::max(options.retryMaxDelay, std::chrono::milliseconds(1));
+    for (int i = 1; i < b.failures && delay < kLongestBackoff; ++i) delay *= 2;
+    delay = std::min(delay, kLongestBackoff);
+    b.notBefore = std::chrono::steady_clock::now() + delay;
+    queue_.push_front(f.uuid);  // keeps its place; others run while it waits
+  }
+  cv_.notify_all();
+  log(fmt::format("Download of asset {} ({}) waits {} ms after a transient failure: {}", f.uuid,
+                  f.description, delay.count(), error.localizedDescription()),
+      2);
 }
 
 void ReferenceEngine::Impl::runSingleFile(const std::shared_ptr<ReferenceAsset>& asset,
@@ -260,145 +312,13 @@ void ReferenceEngine::Impl::runSingleFile(const std::shared_ptr<ReferenceAsset>&
       else
         persist(asset->fields());
       return;
-    case FetchOutcome::kFail:
     case FetchOutcome::kRetry:
+      return deferTransient(
+          asset, result.error.value_or(engineError(kEngineErrorTransfer, "The transfer failed")));
+    case FetchOutcome::kFail:
       return fail(asset,
                   result.error.value_or(engineError(kEngineErrorTransfer, "The transfer failed")));
   }
-}
-
-void ReferenceEngine::Impl::runStream(const std::shared_ptr<ReferenceAsset>& asset,
-                                      const std::shared_ptr<std::atomic<bool>>& cancel) {
-  const AssetFields f = asset->fields();
-  const std::filesystem::path folder = assetFolder(f.uuid) / "stream";
-  std::error_code ec;
-  std::filesystem::create_directories(folder, ec);
-  if (ec)
-    return fail(asset,
-                engineError(kEngineErrorFile, "Cannot create the asset folder: " + ec.message()));
-  FetchHooks hooks = hooksFor(asset, cancel, 0);
-  RetryPolicy policy{options.retryBaseDelay, options.retryMaxDelay, options.maxAttempts};
-  auto sleeper = [&](std::chrono::milliseconds d) { return interruptibleSleep(d, cancel); };
-
-  // Playlists are small: fetched into memory, retried like any transfer.
-  auto fetchPlaylist = [&](const std::string& url, std::string* body, std::string* effective) {
-    for (int attempt = 1;; ++attempt) {
-      FetchResult r = fetchText(url, kPlaylistLimit, hooks, body, effective);
-      if (r.outcome != FetchOutcome::kRetry || attempt >= policy.maxAttempts) return r;
-      std::chrono::milliseconds delay = policy.baseDelay * (1LL << std::min(attempt - 1, 20));
-      delay = std::min(delay, policy.maxDelay);
-      if (!sleeper(delay)) return FetchResult{FetchOutcome::kStopped, std::nullopt, 0, 0};
-    }
-  };
-  auto stopOrFail = [&](const FetchResult& r) {
-    if (r.outcome == FetchOutcome::kStopped) {
-      if (!cancel->load()) requeue(asset);
-      return;
-    }
-    fail(asset, r.error.value_or(engineError(kEngineErrorTransfer, "The transfer failed")));
-  };
-
-  std::string master, masterURL;
-  FetchResult r = fetchPlaylist(f.url, &master, &masterURL);
-  if (r.outcome != FetchOutcome::kDone) return stopOrFail(r);
-  std::string mediaURL = masterURL, media = master;
-  std::int64_t bandwidth = 0;
-  auto variants = parseMasterPlaylist(master);
-  if (!variants.empty()) {
-    auto chosen = chooseVariant(variants, f.maximumBitrate);
-    bandwidth = chosen->bandwidth;
-    r = fetchPlaylist(resolveURL(masterURL, chosen->uri), &media, &mediaURL);
-    if (r.outcome != FetchOutcome::kDone) return stopOrFail(r);
-  }
-  HlsMediaPlaylist playlist;
-  if (auto e = parseMediaPlaylist(media, f.includeEncryptionKeys, &playlist))
-    return fail(asset, *e);
-  const auto total = static_cast<std::int64_t>(playlist.resources.size());
-  persist(asset->update([&](AssetFields& x) {
-    x.bandwidth = bandwidth;
-    x.segmentsTotal = total;
-  }));
-
-  std::uint64_t bytes = 0;
-  std::int64_t done = 0;
-  for (std::size_t i = 0; i < playlist.resources.size(); ++i) {
-    const auto& resource = playlist.resources[i];
-    const std::filesystem::path local = folder / localResourceName(resource, i);
-    if (std::filesystem::exists(local, ec)) {
-      bytes += std::filesystem::file_size(local, ec);
-    } else {
-      FetchRequest request;
-      request.url = resolveURL(mediaURL, resource.uri);
-      request.partPath = local.string() + ".partial";
-      request.finalPath = local;
-      request.expectMedia = false;
-      request.freeSpaceMargin = options.freeSpaceMargin;
-      request.spaceProbe = options.dataFolder;
-      // A segment is small: an interrupted one starts again rather than resuming.
-      std::filesystem::remove(request.partPath, ec);
-      FetchHooks segmentHooks = hooksFor(asset, cancel, bytes);
-      segmentHooks.progress = [this, asset, bytes](std::uint64_t d, std::uint64_t) {
-        asset->update([&](AssetFields& x) { x.bytesDone = bytes + d; });
-        reportProgress(asset, false);
-      };
-      FetchResult s = fetchWithRetry(request, segmentHooks, policy, sleeper);
-      if (s.outcome != FetchOutcome::kDone) return stopOrFail(s);
-      bytes += s.fileSize;
-    }
-    ++done;
-    asset->update([&](AssetFields& x) {
-      x.segmentsDone = done;
-      x.bytesDone = bytes;
-      x.fraction = static_cast<double>(done) / static_cast<double>(total);
-    });
-    reportProgress(asset, false);
-  }
-  const std::filesystem::path index = folder / "index.m3u8";
-  const std::filesystem::path indexPart = folder / "index.m3u8.partial";
-  {
-    std::ofstream out(indexPart, std::ios::binary | std::ios::trunc);
-    out << rewritePlaylist(playlist, mediaURL);
-    out.flush();
-    if (!out)
-      return fail(asset, engineError(kEngineErrorFile, "Could not write the local playlist"));
-  }
-  std::filesystem::rename(indexPart, index, ec);
-  if (ec)
-    return fail(asset, engineError(kEngineErrorFile,
-                                   "Could not write the local playlist: " + ec.message()));
-  finish(asset, relative(f.uuid, "stream/index.m3u8"), bytes);
-}
-
-void ReferenceEngine::Impl::prepareManifest(const std::shared_ptr<ReferenceAsset>& asset,
-                                            AssetReadyCallback ready, AssetParseCallback parse) {
-  // Reads the playlist once so that a stream the engine cannot download (a live
-  // one, a broken playlist) is refused before it is queued. A network failure
-  // here does not refuse the asset: the download reads the playlist again.
-  const AssetFields f = asset->fields();
-  FetchHooks hooks;
-  hooks.serverDate = [this](Date d) { observeServerDate(d); };
-  std::string text, effective;
-  std::optional<Error> error;
-  bool refuse = false;
-  FetchResult r = fetchText(f.url, kPlaylistLimit, hooks, &text, &effective);
-  if (r.outcome == FetchOutcome::kDone) {
-    auto variants = parseMasterPlaylist(text);
-    if (!variants.empty()) {
-      auto chosen = chooseVariant(variants, f.maximumBitrate);
-      r = fetchText(resolveURL(effective, chosen->uri), kPlaylistLimit, hooks, &text, &effective);
-    }
-  }
-  if (r.outcome == FetchOutcome::kDone) {
-    HlsMediaPlaylist playlist;
-    error = parseMediaPlaylist(text, f.includeEncryptionKeys, &playlist);
-    refuse = error.has_value();
-  } else {
-    error = r.error;
-    refuse = r.outcome == FetchOutcome::kFail;
-  }
-  if (refuse) fail(asset, *error);
-  if (parse) parse(asset, error);
-  if (!refuse && ready && options.callReadyCallbacks) ready(asset);
 }
 
 }  // namespace zolvani::reference
