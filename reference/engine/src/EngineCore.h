@@ -180,7 +180,18 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
 
   mutable std::mutex mutex_;
   std::condition_variable cv_;
-  std::unordered_map<std::string, std::shared_ptr<ReferenceAsset>> assets_;
+  // What an offline worker waits on: the engine stopping or reachability
+  // changing, not every asset queued meanwhile.
+  std::condition_variable offlineCv_;
+  // Looked up by string_view without building a string.
+  struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const {
+      return std::hash<std::string_view>{}(text);
+    }
+  };
+  std::unordered_map<std::string, std::shared_ptr<ReferenceAsset>, TextHash, std::equal_to<>>
+      assets_;
   // The same assets by their content's asset identifier, oldest first, so
   // that the duplicate test before each new item does not scan every asset.
   std::unordered_map<std::string, std::vector<std::shared_ptr<ReferenceAsset>>> byAssetID_;

@@ -74,6 +74,7 @@ void ReferenceEngine::Impl::stop() {
     stopping_ = true;  // running transfers see it at their next progress call
   }
   cv_.notify_all();
+  offlineCv_.notify_all();
   for (auto& t : workers_) t.join();
   workers_.clear();
   {
@@ -192,7 +193,7 @@ void ReferenceEngine::Impl::finishPreparing(const std::string& uuid) {
 
 std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findByUUID(std::string_view uuid) {
   std::lock_guard l(mutex_);
-  auto it = assets_.find(std::string(uuid));
+  auto it = assets_.find(uuid);
   if (it == assets_.end()) return nullptr;
   if (it->second->state() == AssetState::kGone) {
     // A gone asset answers as absent; the engine then completes its deletion so
@@ -206,7 +207,7 @@ std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findByUUID(std::string_vi
 
 std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findAny(std::string_view uuid) const {
   std::lock_guard l(mutex_);
-  auto it = assets_.find(std::string(uuid));
+  auto it = assets_.find(uuid);
   return it == assets_.end() ? nullptr : it->second;
 }
 

@@ -116,6 +116,7 @@ void ReferenceEngine::Impl::setReachabilityOverride(std::optional<bool> online) 
     reachCheckedAt_ = {};
   }
   cv_.notify_all();
+  offlineCv_.notify_all();
 }
 
 void ReferenceEngine::Impl::startup(std::string u, std::string usr, std::string device,

@@ -91,7 +91,7 @@ void ReferenceEngine::Impl::worker() {
       l.lock();
       if (!online) {
         // Offline: the queue waits; the reachability check runs again shortly.
-        cv_.wait_for(l, std::chrono::milliseconds(250), [&] { return stopping_; });
+        offlineCv_.wait_for(l, std::chrono::milliseconds(250), [&] { return stopping_; });
         continue;
       }
       if (stopping_ || queue_.empty()) continue;

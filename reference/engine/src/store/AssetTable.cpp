@@ -98,7 +98,7 @@ std::optional<std::string> AssetTable::loadAll(std::vector<AssetFields>* out) {
 }
 
 bool AssetTable::insert(const AssetFields& f) {
-  return commits_.write([&] {
+  return commits_.writeStatement([&] {
     Statement& s = db_.prepared(kInsert);
     s.bind(1, f.uuid).bind(2, f.assetID).bind(3, f.description).bind(4, f.url);
     s.bind(5, std::int64_t{f.manifest}).bind(6, std::int64_t{f.protectionType});
@@ -121,7 +121,7 @@ bool AssetTable::insert(const AssetFields& f) {
 }
 
 bool AssetTable::update(const AssetFields& f) {
-  return commits_.write([&] {
+  return commits_.writeStatement([&] {
     Progress now = progressOf(f);
     auto it = written_.find(f.uuid);
     if (it == written_.end()) return false;  // no row to update

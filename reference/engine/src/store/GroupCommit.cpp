@@ -15,7 +15,13 @@ GroupCommit::~GroupCommit() {
   flush();
 }
 
-bool GroupCommit::write(const std::function<bool()>& step) {
+bool GroupCommit::write(const std::function<bool()>& step) { return writeLocked(step, true); }
+
+bool GroupCommit::writeStatement(const std::function<bool()>& statement) {
+  return writeLocked(statement, false);
+}
+
+bool GroupCommit::writeLocked(const std::function<bool()>& step, bool savepoint) {
   std::lock_guard dbLock(db_.mutex());
   const auto now = std::chrono::steady_clock::now();
   bool opened = false;
@@ -23,9 +29,11 @@ bool GroupCommit::write(const std::function<bool()>& step) {
     if (db_.exec("BEGIN IMMEDIATE")) return false;
     opened = true;
   }
-  if (!db_.prepared("SAVEPOINT step").run()) return false;
+  if (savepoint && !db_.prepared("SAVEPOINT step").run()) return false;
   bool ok = step();
-  if (ok) {
+  if (!savepoint) {
+    // One statement lands whole or not at all by itself.
+  } else if (ok) {
     ok = db_.prepared("RELEASE step").run();
   } else if (db_.inTransaction()) {
     db_.prepared("ROLLBACK TO step").run();

@@ -45,6 +45,9 @@ class GroupCommit {
   // Runs `step` as one atomic write: when it returns false, or a statement of
   // the savepoint fails, nothing it did stays. Returns the step's outcome.
   bool write(const std::function<bool()>& step);
+  // The same for a step of one statement, which SQLite already makes atomic:
+  // no savepoint is needed around it.
+  bool writeStatement(const std::function<bool()>& statement);
   // Commits now; false when the commit failed (the steps stay pending).
   bool flush();
   // Commits made so far.
@@ -55,6 +58,7 @@ class GroupCommit {
  private:
   void run();
   bool commitLocked();
+  bool writeLocked(const std::function<bool()>& step, bool savepoint);
 
   Database& db_;
   const GroupCommitOptions options_;
