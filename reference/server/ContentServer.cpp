@@ -3,10 +3,6 @@
 #include <httplib.h>
 #include <spdlog/spdlog.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <chrono>
 #include <fstream>
 
@@ -17,11 +13,15 @@ namespace zolvani::refserver {
 
 namespace {
 
-constexpr size_t kMaxBodyBytes = 1 << 20;
-
 void SendJson(httplib::Response& res, int status, const nlohmann::json& body) {
   res.status = status;
   res.set_content(body.dump(), "application/json");
+}
+
+// A refusal in the protocol's reply form.
+void SendRefusal(httplib::Response& res, int status, const std::string& reason) {
+  SendJson(res, status,
+           {{"response_header", {{"response_code", status}, {"response_string", reason}}}});
 }
 
 // Streams [first, first + length) of `path`.
@@ -46,37 +46,6 @@ void ProvideFileRange(httplib::Response& res, const std::filesystem::path& path,
                            });
 }
 
-// The HTTP library listens with a queue of five pending connections, far too few
-// when hundreds of devices connect at once: the rest are dropped and retried after
-// a second, or reset. Listening again on a bound socket only changes its queue
-// length, so the server finds its own listening socket and widens the queue.
-void WidenListenQueue(int port) {
-  std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
-    int fd = -1;
-    try {
-      fd = std::stoi(entry.path().filename().string());
-    } catch (const std::exception&) {
-      continue;
-    }
-    int accepting = 0;
-    socklen_t size = sizeof(accepting);
-    if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &accepting, &size) != 0 || accepting == 0) {
-      continue;
-    }
-    sockaddr_storage address{};
-    socklen_t length = sizeof(address);
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) continue;
-    int boundPort = -1;
-    if (address.ss_family == AF_INET) {
-      boundPort = ntohs(reinterpret_cast<sockaddr_in*>(&address)->sin_port);
-    } else if (address.ss_family == AF_INET6) {
-      boundPort = ntohs(reinterpret_cast<sockaddr_in6*>(&address)->sin6_port);
-    }
-    if (boundPort == port) ::listen(fd, SOMAXCONN);
-  }
-}
-
 }  // namespace
 
 int64_t ContentServer::WallClockMs() {
@@ -89,6 +58,9 @@ Status ContentServer::Create(ServerOptions options, std::unique_ptr<ContentServe
   if (options.dataDir.empty()) return Status::InvalidArgument("a data folder is required");
   if (options.port < 0 || options.port > 65535) return Status::InvalidArgument("bad port");
   if (options.threads < 1) options.threads = 1;
+  options.limits.warmThreads = options.threads;
+  if (options.limits.maxConnections < 1) options.limits.maxConnections = 1;
+  if (options.limits.maxConnectionsPerAddress < 1) options.limits.maxConnectionsPerAddress = 1;
   if (!options.clockMs) options.clockMs = &ContentServer::WallClockMs;
   std::unique_ptr<ContentStore> store;
   Status s = ContentStore::Open(options.dataDir, &store);
@@ -103,7 +75,7 @@ ContentServer::ContentServer(ServerOptions options, std::unique_ptr<ContentStore
       media_(std::make_unique<MediaLibrary>(options_.dataDir / "media")),
       protocol_(std::make_unique<ProtocolHandler>(store_.get(), options_.freshnessWindowSeconds,
                                                   options_.clockMs)),
-      http_(std::make_unique<httplib::Server>()) {
+      http_(std::make_unique<GuardedServer>(options_.limits)) {
   InstallRoutes();
 }
 
@@ -118,15 +90,7 @@ std::string ContentServer::url() const {
 }
 
 void ContentServer::InstallRoutes() {
-  const int threads = options_.threads;
-  http_->new_task_queue = [threads] {
-    return new httplib::ThreadPool(static_cast<size_t>(threads));
-  };
-  http_->set_payload_max_length(kMaxBodyBytes);
-  http_->set_keep_alive_max_count(1000);
-  http_->set_keep_alive_timeout(2);
-  http_->set_read_timeout(10, 0);
-  http_->set_write_timeout(10, 0);
+  http_->SetRefusalWriter(&SendRefusal);
   http_->set_exception_handler(
       [](const httplib::Request& req, httplib::Response& res, std::exception_ptr ep) {
         std::string what = "unknown";
@@ -137,29 +101,43 @@ void ContentServer::InstallRoutes() {
         } catch (...) {
         }
         spdlog::error("{} {} failed: {}", req.method, req.path, what);
-        SendJson(res, 500,
-                 {{"response_header",
-                   {{"response_code", 500}, {"response_string", "Internal server error"}}}});
+        SendRefusal(res, 500, "Internal server error");
       });
 
-  // Endpoints may sit below a path prefix when the base URL has one.
-  http_->Post(R"((.*)/Subscriptions/client/([^/?]+))", [this](const httplib::Request& req,
-                                                              httplib::Response& res) {
-    ProtocolRequest request;
-    request.endpoint = req.matches[2].str();
-    if (!ProtocolHandler::IsEndpoint(request.endpoint)) {
-      SendJson(
-          res, 404,
-          {{"response_header", {{"response_code", 404}, {"response_string", "Unknown endpoint"}}}});
-      return;
-    }
-    request.host = req.get_header_value("Host");
-    request.target = req.target;
-    request.body = req.body;
-    request.serverUrl = options_.publicUrl.empty() ? "http://" + request.host : options_.publicUrl;
-    ProtocolReply reply = protocol_->Handle(request);
-    SendJson(res, reply.httpStatus, reply.body);
-  });
+  // Endpoints may sit below a path prefix when the base URL has one. The body is
+  // read here, through the transport's limit, whatever its framing.
+  http_->Post(R"((.*)/Subscriptions/client/([^/?]+))",
+              [this](const httplib::Request& req, httplib::Response& res,
+                     const httplib::ContentReader& reader) {
+                ProtocolRequest request;
+                request.endpoint = req.matches[2].str();
+                if (!ProtocolHandler::IsEndpoint(request.endpoint)) {
+                  SendRefusal(res, 404, "Unknown endpoint");
+                  return;
+                }
+                const int refusal = GuardedServer::ReadBody(reader, &request.body);
+                if (refusal == 413) {
+                  SendRefusal(res, 413,
+                              "Request body larger than " +
+                                  std::to_string(http_->limits().maxBodyBytes) + " bytes");
+                  return;
+                }
+                if (refusal != 0) {
+                  SendRefusal(res, refusal,
+                              refusal == 408 ? "Request timeout" : "Malformed request body");
+                  return;
+                }
+                request.host = req.get_header_value("Host");
+                request.target = req.target;
+                request.serverUrl =
+                    options_.publicUrl.empty() ? "http://" + request.host : options_.publicUrl;
+                ProtocolReply reply = protocol_->Handle(request);
+                SendJson(res, reply.httpStatus, reply.body);
+              });
+  // Every other POST is answered without reading its body, so that the library
+  // never reads one past the limit.
+  http_->Post(".*", [](const httplib::Request&, httplib::Response& res,
+                       const httplib::ContentReader&) { SendRefusal(res, 404, "Not found"); });
 
   http_->Get("/health", [](const httplib::Request&, httplib::Response& res) {
     res.set_content("ok\n", "text/plain");
@@ -172,13 +150,13 @@ void ContentServer::InstallRoutes() {
       res.set_content("not found\n", "text/plain");
       return;
     }
-    // This handler answers Range itself (with If-Range); the library must not
-    // slice the reply a second time.
-    const_cast<httplib::Request&>(req).ranges.clear();
     res.set_header("Accept-Ranges", "bytes");
     res.set_header("ETag", file.etag);
     res.set_header("Last-Modified", file.lastModified);
-    const bool hasRange = req.has_header("Range");
+    // The transport hands Range over renamed, so that the library neither refuses
+    // what it cannot parse nor slices the reply itself.
+    const size_t ranges = req.get_header_value_count(GuardedServer::kRangeHeader);
+    const bool hasRange = ranges > 0;
     if (!hasRange && req.has_header("If-None-Match") &&
         req.get_header_value("If-None-Match") == file.etag) {
       res.status = 304;
@@ -187,7 +165,11 @@ void ContentServer::InstallRoutes() {
     RangeRequest range;
     if (hasRange && (!req.has_header("If-Range") ||
                      MediaLibrary::IfRangeMatches(req.get_header_value("If-Range"), file))) {
-      range = MediaLibrary::ParseRange(req.get_header_value("Range"), file.size);
+      // Several Range fields make an invalid header, which is ignored.
+      if (ranges == 1) {
+        range = MediaLibrary::ParseRange(req.get_header_value(GuardedServer::kRangeHeader),
+                                         file.size);
+      }
     }
     switch (range.kind) {
       case RangeRequest::Kind::kUnsatisfiable:
@@ -212,16 +194,11 @@ void ContentServer::InstallRoutes() {
 
 Status ContentServer::Start() {
   if (thread_.joinable()) return Status::InvalidArgument("already started");
-  int port = options_.port;
-  if (port == 0) {
-    port = http_->bind_to_any_port(options_.address);
-    if (port <= 0) return Status::IOError("cannot bind " + options_.address);
-  } else if (!http_->bind_to_port(options_.address, port)) {
-    return Status::IOError("cannot bind " + options_.address + ":" + std::to_string(port));
-  }
+  int port = 0;
+  Status s = http_->Bind(options_.address, options_.port, &port);
+  if (!s.ok()) return s;
   port_ = port;
-  WidenListenQueue(port);
-  thread_ = std::thread([this] { http_->listen_after_bind(); });
+  thread_ = std::thread([this] { http_->Serve(); });
   // Stop() right after Start() must find the loop running, or it would miss it.
   while (!http_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   spdlog::info("serving {} from {}", url(), options_.dataDir.string());
@@ -230,7 +207,7 @@ Status ContentServer::Start() {
 
 void ContentServer::Stop() {
   if (!thread_.joinable()) return;
-  http_->stop();
+  http_->Shutdown();
   thread_.join();
 }
 

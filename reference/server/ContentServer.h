@@ -17,11 +17,8 @@
 #include <thread>
 
 #include "reference/server/ContentStore.h"
+#include "reference/server/GuardedServer.h"
 #include "reference/server/Status.h"
-
-namespace httplib {
-class Server;
-}
 
 namespace zolvani::refserver {
 
@@ -36,7 +33,10 @@ struct ServerOptions {
   // catalog. Empty: taken from the Host header of each request.
   std::string publicUrl;
   int64_t freshnessWindowSeconds = 300;
-  int threads = 64;                  // request threads
+  // Connection threads kept ready; more start on demand, one per open connection,
+  // up to limits.maxConnections.
+  int threads = 64;
+  ConnectionLimits limits;           // deadlines, connection caps, size limits
   std::function<int64_t()> clockMs;  // milliseconds since 1970; wall clock when empty
 };
 
@@ -48,7 +48,8 @@ class ContentServer {
   ContentServer(const ContentServer&) = delete;
   ContentServer& operator=(const ContentServer&) = delete;
 
-  // Binds the address and serves on a background thread.
+  // Binds the address and serves on a background thread. Fails when another
+  // server listens on the port.
   Status Start();
   // Stops serving and waits for the serving thread; safe to call more than once.
   void Stop();
@@ -69,7 +70,7 @@ class ContentServer {
   std::unique_ptr<ContentStore> store_;
   std::unique_ptr<MediaLibrary> media_;
   std::unique_ptr<ProtocolHandler> protocol_;
-  std::unique_ptr<httplib::Server> http_;
+  std::unique_ptr<GuardedServer> http_;
   std::thread thread_;
   std::atomic<int> port_{0};
 };

@@ -1,10 +1,13 @@
 #include "reference/server/ContentStore.h"
 
+#include <spdlog/spdlog.h>
 #include <sqlite3.h>
 
 #include <algorithm>
 #include <set>
 #include <system_error>
+
+#include "reference/server/JsonLimits.h"
 
 namespace zolvani::refserver {
 
@@ -123,7 +126,11 @@ CREATE TABLE IF NOT EXISTS pushes (
   id INTEGER PRIMARY KEY AUTOINCREMENT, user TEXT NOT NULL, device TEXT NOT NULL,
   service TEXT NOT NULL, token TEXT NOT NULL, item_uuid TEXT NOT NULL, feed TEXT NOT NULL,
   created_ms INTEGER NOT NULL, delivered INTEGER NOT NULL DEFAULT 0);
-PRAGMA user_version = 1;
+-- Accounts that may publish into a feed through the protocol; feed '' (never a
+-- feed's identifier) grants every feed.
+CREATE TABLE IF NOT EXISTS publishers (
+  feed TEXT NOT NULL, user TEXT NOT NULL, PRIMARY KEY (feed, user));
+PRAGMA user_version = 2;
 )sql";
 
 Item ReadItem(const Statement& row) {
@@ -134,9 +141,19 @@ Item ReadItem(const Statement& row) {
   item.user = row.Text(2);
   item.createdMs = row.Int(3);
   item.mediaPath = row.Text(4);
-  // The store writes only serialised objects here; anything else reads as empty.
-  item.metadata = nlohmann::json::parse(row.Text(5), nullptr, false);
-  if (!item.metadata.is_object()) item.metadata = nlohmann::json::object();
+  // The store writes only serialised objects within JsonLimits here; a row written
+  // before the limits existed is trimmed, so that no catalog carries it.
+  bool trimmed = false;
+  item.metadata = JsonLimits::ParseStoredMetadata(row.Text(5), &trimmed);
+  if (trimmed) {
+    static std::mutex reportedMutex;
+    static std::set<std::string> reported;
+    std::lock_guard lock(reportedMutex);
+    if (reported.insert(item.uuid).second) {
+      spdlog::warn("item {} has metadata beyond the limits; catalogs carry only its scalar members",
+                   item.uuid);
+    }
+  }
   return item;
 }
 
@@ -267,18 +284,67 @@ Status ContentStore::AddItem(const Item& item, int64_t nowMs, std::vector<PushNo
   if (item.feed.empty() == item.user.empty()) {
     return Status::InvalidArgument("an item belongs either to a feed or to an account");
   }
+  Status s = JsonLimits::CheckItemMetadata(item.metadata);
+  if (!s.ok()) return Status::InvalidArgument("item " + item.uuid + ": " + s.message());
   std::lock_guard lock(mutex_);
   Transaction tx(db_, true);
   if (!tx.status().ok()) return tx.status();
   if (!item.feed.empty()) {
     Feed feed;
-    Status s = FindFeedLocked(db_, item.feed, &feed);
+    s = FindFeedLocked(db_, item.feed, &feed);
     if (!s.ok()) return s;
   } else {
     Statement st(db_, "SELECT 1 FROM accounts WHERE user = ?1");
     st.Bind(1, item.user);
     if (st.Step() != SQLITE_ROW) return Status::NotFound("unknown account " + item.user);
   }
+  s = InsertItemLocked(item, nowMs, notices, replaceExisting);
+  if (!s.ok()) return s;
+  return tx.Commit();
+}
+
+Status ContentStore::PublishItem(const Item& item, const std::string& publisher, int64_t nowMs,
+                                 std::vector<PushNotice>* notices) {
+  if (item.uuid.empty()) return Status::InvalidArgument("an item needs a remoteUUID");
+  if (item.feed.empty() == item.user.empty()) {
+    return Status::InvalidArgument("an item belongs either to a feed or to an account");
+  }
+  Status s = JsonLimits::CheckItemMetadata(item.metadata);
+  if (!s.ok()) return s;
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, true);
+  if (!tx.status().ok()) return tx.status();
+  if (item.feed.empty()) {
+    if (item.user != publisher) {
+      return Status::PermissionDenied(publisher + " may not add direct items for " + item.user);
+    }
+    Statement st(db_, "SELECT 1 FROM accounts WHERE user = ?1");
+    st.Bind(1, item.user);
+    if (st.Step() != SQLITE_ROW) return Status::NotFound("unknown account " + item.user);
+  } else {
+    Feed feed;
+    s = FindFeedLocked(db_, item.feed, &feed);
+    if (!s.ok()) return s;
+    if (!feed.subscribable) {
+      return Status::FailedPrecondition("feed " + item.feed + " is not subscribable");
+    }
+    Statement grant(db_,
+                    "SELECT 1 FROM publishers WHERE user = ?1 AND (feed = ?2 OR feed = '')");
+    if (!grant.prepared()) return grant.Error("find publisher");
+    grant.Bind(1, publisher).Bind(2, item.feed);
+    const int rc = grant.Step();
+    if (rc == SQLITE_DONE) {
+      return Status::PermissionDenied(publisher + " does not publish feed " + item.feed);
+    }
+    if (rc != SQLITE_ROW) return grant.Error("find publisher");
+  }
+  s = InsertItemLocked(item, nowMs, notices, /*replaceExisting=*/false);
+  if (!s.ok()) return s;
+  return tx.Commit();
+}
+
+Status ContentStore::InsertItemLocked(const Item& item, int64_t nowMs,
+                                      std::vector<PushNotice>* notices, bool replaceExisting) {
   bool existed = false;
   {
     Statement st(db_, "SELECT 1 FROM items WHERE uuid = ?1");
@@ -286,7 +352,7 @@ Status ContentStore::AddItem(const Item& item, int64_t nowMs, std::vector<PushNo
     existed = st.Step() == SQLITE_ROW;
   }
   if (existed && !replaceExisting) {
-    return Status::InvalidArgument("item " + item.uuid + " already exists");
+    return Status::AlreadyExists("item " + item.uuid + " already exists");
   }
   {
     Statement st(
@@ -346,7 +412,50 @@ Status ContentStore::AddItem(const Item& item, int64_t nowMs, std::vector<PushNo
     }
     if (notices != nullptr) notices->insert(notices->end(), made.begin(), made.end());
   }
+  return Status::OK();
+}
+
+Status ContentStore::GrantPublisher(const std::string& feedId, const std::string& user) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, true);
+  if (!tx.status().ok()) return tx.status();
+  {
+    Statement st(db_, "SELECT 1 FROM accounts WHERE user = ?1");
+    st.Bind(1, user);
+    if (st.Step() != SQLITE_ROW) return Status::NotFound("unknown account " + user);
+  }
+  if (!feedId.empty()) {
+    Feed feed;
+    Status s = FindFeedLocked(db_, feedId, &feed);
+    if (!s.ok()) return s;
+  }
+  Statement st(db_, "INSERT OR IGNORE INTO publishers (feed, user) VALUES (?1, ?2)");
+  st.Bind(1, feedId).Bind(2, user);
+  Status s = Run(st, "grant publisher");
+  if (!s.ok()) return s;
   return tx.Commit();
+}
+
+Status ContentStore::RevokePublisher(const std::string& feedId, const std::string& user) {
+  std::lock_guard lock(mutex_);
+  Statement st(db_, "DELETE FROM publishers WHERE feed = ?1 AND user = ?2");
+  st.Bind(1, feedId).Bind(2, user);
+  return Run(st, "revoke publisher");
+}
+
+Status ContentStore::ListPublishers(const std::string& feedId,
+                                    std::vector<PublisherGrant>* grants) {
+  std::lock_guard lock(mutex_);
+  Statement st(db_,
+               "SELECT feed, user FROM publishers WHERE ?1 = '' OR feed = ?1 OR feed = '' "
+               "ORDER BY feed, user");
+  if (!st.prepared()) return st.Error("list publishers");
+  st.Bind(1, feedId);
+  grants->clear();
+  int rc;
+  while ((rc = st.Step()) == SQLITE_ROW) grants->push_back({st.Text(0), st.Text(1)});
+  if (rc != SQLITE_DONE) return st.Error("list publishers");
+  return Status::OK();
 }
 
 Status ContentStore::Subscribe(const std::string& user, const std::string& device,
@@ -357,7 +466,9 @@ Status ContentStore::Subscribe(const std::string& user, const std::string& devic
   Feed feed;
   Status s = FindFeedLocked(db_, feedId, &feed);
   if (!s.ok()) return s;
-  if (!feed.subscribable) return Status::InvalidArgument("feed " + feedId + " is not subscribable");
+  if (!feed.subscribable) {
+    return Status::FailedPrecondition("feed " + feedId + " is not subscribable");
+  }
   {
     Statement st(db_,
                  "INSERT OR IGNORE INTO subscriptions (user, device, feed) VALUES (?1, ?2, ?3)");

@@ -1,7 +1,7 @@
 // ContentStore: the reference server's durable state in one SQLite database in its
-// data folder: accounts, devices, feeds with their default rules, items (feed items
-// and direct items for an account), subscriptions, per-device feed rules, push
-// registrations and pending push notices.
+// data folder: accounts, devices, feeds with their default rules and publishers,
+// items (feed items and direct items for an account), subscriptions, per-device
+// feed rules, push registrations and pending push notices.
 //
 // Thread-safe: one connection guarded by a mutex; each call is one transaction.
 // Several processes may open the same folder (the server and an admin command);
@@ -56,6 +56,13 @@ struct Item {
   nlohmann::json metadata = nlohmann::json::object();  // the item's "metadata" object
 };
 
+// An account allowed to publish into a feed through the protocol; an empty feed
+// means every feed.
+struct PublisherGrant {
+  std::string feed;
+  std::string user;
+};
+
 struct PushNotice {
   int64_t id = 0;
   std::string user;
@@ -99,17 +106,35 @@ class ContentStore {
   Status AddFeed(const Feed& feed);
   Status FindFeed(const std::string& id, Feed* feed);
 
-  // Adds or replaces an item. A new item records a push notice for each device it
-  // concerns: the devices subscribed to its feed, or every device of the account a
-  // direct item is for. The notices made are appended to `notices` when given.
-  // With `replaceExisting` false an existing item of the same uuid is left alone
-  // and the call fails with InvalidArgument.
+  // Adds or replaces an item, as the administrator does. A new item records a push
+  // notice for each device it concerns: the devices subscribed to its feed, or every
+  // device of the account a direct item is for. The notices made are appended to
+  // `notices` when given. With `replaceExisting` false an existing item of the same
+  // uuid is left alone and the call fails with AlreadyExists. Metadata beyond
+  // JsonLimits is refused with InvalidArgument.
   Status AddItem(const Item& item, int64_t nowMs, std::vector<PushNotice>* notices = nullptr,
                  bool replaceExisting = true);
 
+  // Adds a new item announced by a device of account `publisher`, in one
+  // transaction with the checks of the publishing model: a direct item must be for
+  // `publisher` itself; a feed item needs a known feed (NotFound), a subscribable
+  // one (FailedPrecondition) and a grant of that feed, or of every feed, to
+  // `publisher` (PermissionDenied). An existing uuid fails with AlreadyExists.
+  Status PublishItem(const Item& item, const std::string& publisher, int64_t nowMs,
+                     std::vector<PushNotice>* notices);
+
+  // Publishing grants. `feed` empty: every feed. Granting needs a known account and
+  // feed; revoking what was not granted is not an error.
+  Status GrantPublisher(const std::string& feed, const std::string& user);
+  Status RevokePublisher(const std::string& feed, const std::string& user);
+  // Grants of `feed` (and every-feed grants), or all grants when `feed` is empty;
+  // sorted by feed, then user.
+  Status ListPublishers(const std::string& feed, std::vector<PublisherGrant>* grants);
+
   // Subscriptions. Subscribing copies the feed's default rules to the device unless
-  // the device already has rules for the feed; unsubscribing drops both and is not an
-  // error when the device was not subscribed.
+  // the device already has rules for the feed (a feed that is not subscribable fails
+  // with FailedPrecondition); unsubscribing drops both and is not an error when the
+  // device was not subscribed.
   Status Subscribe(const std::string& user, const std::string& device, const std::string& feed);
   Status Unsubscribe(const std::string& user, const std::string& device, const std::string& feed);
   Status Subscriptions(const std::string& user, const std::string& device,
@@ -131,6 +156,9 @@ class ContentStore {
  private:
   explicit ContentStore(sqlite3* db) : db_(db) {}
   Status InitSchema();
+  // With mutex_ held and a write transaction open.
+  Status InsertItemLocked(const Item& item, int64_t nowMs, std::vector<PushNotice>* notices,
+                          bool replaceExisting);
 
   std::mutex mutex_;
   sqlite3* db_;

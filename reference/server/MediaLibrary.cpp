@@ -2,20 +2,39 @@
 
 #include <sys/stat.h>
 
-#include <charconv>
+#include <cctype>
 #include <cstdio>
 #include <ctime>
 #include <system_error>
+#include <vector>
 
 namespace zolvani::refserver {
 
 namespace {
 
-bool ParseUnsigned(std::string_view text, uint64_t* value) {
+// One or more decimal digits and nothing else; a value past 2^64 - 1 saturates, as
+// it still names a position past the end of any file.
+bool ParseDigits(std::string_view text, uint64_t* value) {
   if (text.empty()) return false;
-  const auto* end = text.data() + text.size();
-  auto [ptr, ec] = std::from_chars(text.data(), end, *value);
-  return ec == std::errc() && ptr == end;
+  uint64_t v = 0;
+  for (const char c : text) {
+    if (c < '0' || c > '9') return false;
+    const auto digit = static_cast<uint64_t>(c - '0');
+    v = v > (UINT64_MAX - digit) / 10 ? UINT64_MAX : v * 10 + digit;
+  }
+  *value = v;
+  return true;
+}
+
+bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(a[i])) !=
+        std::tolower(static_cast<unsigned char>(b[i]))) {
+      return false;
+    }
+  }
+  return true;
 }
 
 std::string_view Trim(std::string_view text) {
@@ -82,45 +101,75 @@ std::string MediaLibrary::ContentTypeFor(const std::filesystem::path& path) {
 }
 
 RangeRequest MediaLibrary::ParseRange(std::string_view header, uint64_t size) {
-  RangeRequest request;
+  // RFC 9110, section 14: Range = range-unit "=" range-set, where range-set is a
+  // comma-separated list of "first-last", "first-" or "-suffix". A header this
+  // server cannot read is ignored (the whole file, 200); only a well-formed set none
+  // of whose ranges is satisfiable gets 416.
+  RangeRequest whole;
   header = Trim(header);
-  constexpr std::string_view kUnit = "bytes=";
-  if (header.substr(0, kUnit.size()) != kUnit) return request;
-  const std::string_view spec = Trim(header.substr(kUnit.size()));
-  if (spec.find(',') != std::string_view::npos) return request;
-  const size_t dash = spec.find('-');
-  if (dash == std::string_view::npos) return request;
-  const std::string_view firstText = Trim(spec.substr(0, dash));
-  const std::string_view lastText = Trim(spec.substr(dash + 1));
-  uint64_t first = 0;
-  uint64_t last = 0;
-  if (firstText.empty()) {
-    // Suffix range: the final N bytes.
-    uint64_t suffix = 0;
-    if (!ParseUnsigned(lastText, &suffix)) return request;
-    if (suffix == 0 || size == 0) {
-      request.kind = RangeRequest::Kind::kUnsatisfiable;
-      return request;
+  const size_t equals = header.find('=');
+  if (equals == std::string_view::npos) return whole;
+  if (!EqualsIgnoringCase(header.substr(0, equals), "bytes")) return whole;
+  struct Spec {
+    bool suffix = false;
+    uint64_t first = 0;
+    uint64_t last = UINT64_MAX;  // inclusive; UINT64_MAX when open or too large
+  };
+  std::vector<Spec> specs;
+  std::string_view rest = header.substr(equals + 1);
+  while (true) {
+    const size_t comma = rest.find(',');
+    const std::string_view element = Trim(rest.substr(0, comma));
+    // A list may carry empty elements ("a, , b"); they name no range.
+    if (!element.empty()) {
+      if (specs.size() == kMaxRanges) return whole;
+      const size_t dash = element.find('-');
+      if (dash == std::string_view::npos) return whole;
+      Spec spec;
+      const std::string_view firstText = element.substr(0, dash);
+      const std::string_view lastText = element.substr(dash + 1);
+      if (firstText.empty()) {
+        spec.suffix = true;
+        if (!ParseDigits(lastText, &spec.last)) return whole;
+      } else {
+        if (!ParseDigits(firstText, &spec.first)) return whole;
+        if (!lastText.empty()) {
+          if (!ParseDigits(lastText, &spec.last) || spec.last < spec.first) return whole;
+        }
+      }
+      specs.push_back(spec);
     }
-    const uint64_t length = suffix < size ? suffix : size;
-    request.kind = RangeRequest::Kind::kPartial;
-    request.range = ByteRange{size - length, length};
-    return request;
+    if (comma == std::string_view::npos) break;
+    rest.remove_prefix(comma + 1);
   }
-  if (!ParseUnsigned(firstText, &first)) return request;
-  if (lastText.empty()) {
-    last = size == 0 ? 0 : size - 1;
+  if (specs.empty()) return whole;
+
+  // Satisfiable: a range starting inside the file, or a suffix of at least a byte.
+  size_t satisfiable = 0;
+  for (const auto& spec : specs) {
+    if (spec.suffix ? spec.last > 0 : spec.first < size) ++satisfiable;
+  }
+  if (satisfiable == 0) {
+    RangeRequest refused;
+    refused.kind = RangeRequest::Kind::kUnsatisfiable;
+    return refused;
+  }
+  // Several ranges are answered with the whole file, which HTTP allows; so is an
+  // empty file, which no byte range can describe.
+  if (specs.size() > 1 || size == 0) return whole;
+  const Spec& spec = specs.front();
+  RangeRequest partial;
+  partial.kind = RangeRequest::Kind::kPartial;
+  if (spec.suffix) {
+    // A suffix longer than the file is the whole file.
+    const uint64_t length = spec.last < size ? spec.last : size;
+    partial.range = ByteRange{size - length, length};
   } else {
-    if (!ParseUnsigned(lastText, &last) || last < first) return request;
-    if (size > 0 && last >= size) last = size - 1;
+    // An end past the file is clamped to its last byte.
+    const uint64_t last = spec.last < size ? spec.last : size - 1;
+    partial.range = ByteRange{spec.first, last - spec.first + 1};
   }
-  if (first >= size) {
-    request.kind = RangeRequest::Kind::kUnsatisfiable;
-    return request;
-  }
-  request.kind = RangeRequest::Kind::kPartial;
-  request.range = ByteRange{first, last - first + 1};
-  return request;
+  return partial;
 }
 
 bool MediaLibrary::IfRangeMatches(std::string_view value, const MediaFile& file) {

@@ -24,9 +24,9 @@ struct ByteRange {
 // What a Range header asks of a file of a given size.
 struct RangeRequest {
   enum class Kind {
-    kWhole,          // no usable single range: send the whole file
+    kWhole,          // no Range, one this server ignores, or several ranges: 200
     kPartial,        // send `range` with 206
-    kUnsatisfiable,  // 416
+    kUnsatisfiable,  // a well-formed set that no byte of the file satisfies: 416
   };
   Kind kind = Kind::kWhole;
   ByteRange range;
@@ -58,10 +58,15 @@ class MediaLibrary {
 
   static std::string ContentTypeFor(const std::filesystem::path& path);
 
-  // Interprets a Range header value for a file of `size` bytes. Only one range is
-  // served; a header with several ranges, or one this server does not understand,
-  // yields the whole file, which a client must accept.
+  // Interprets a Range header value for a file of `size` bytes by RFC 9110: a
+  // header that is not a well-formed byte range set is ignored (the whole file); an
+  // end past the file is clamped to its last byte, and a suffix longer than the
+  // file is the whole file; a set with several ranges gets the whole file, which a
+  // client must accept; only a set with no range starting inside the file (or
+  // only "-0") is unsatisfiable. At most kMaxRanges ranges are read; more are
+  // ignored as a whole.
   static RangeRequest ParseRange(std::string_view header, uint64_t size);
+  static constexpr size_t kMaxRanges = 64;
 
   // Whether an If-Range value still names this version of the file: a strong ETag
   // equal to ours, or a date equal to our Last-Modified.

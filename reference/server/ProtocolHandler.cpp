@@ -5,6 +5,7 @@
 #include <array>
 
 #include "reference/server/CatalogBuilder.h"
+#include "reference/server/JsonLimits.h"
 #include "reference/server/RequestSigner.h"
 
 namespace zolvani::refserver {
@@ -38,11 +39,14 @@ ProtocolReply InternalError(const Status& s) {
 // A feed refusal as the store reports it.
 ProtocolReply FromFeedStatus(const Status& s, const std::string& feed) {
   if (s.IsNotFound()) return Refuse(kResponseUnknownFeed, "Unknown feed: " + feed);
-  if (s.IsInvalidArgument()) {
+  if (s.IsFailedPrecondition()) {
     return Refuse(kResponseFeedNotSubscribable, "Feed is not subscribable: " + feed);
   }
   return InternalError(s);
 }
+
+// Longest "uuid" an announced item may have.
+constexpr size_t kMaxUuidBytes = 256;
 
 // Reads a required non-empty string member; fills `reply` when it is absent or bad.
 bool RequireString(const json& object, const char* key, std::string* value, ProtocolReply* reply) {
@@ -97,6 +101,10 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
 
 }  // namespace
 
+bool ProtocolHandler::IsReadOnly(const std::string& name) {
+  return name == "validate" || name == "subscriptions" || name == "catalog";
+}
+
 bool ProtocolHandler::IsEndpoint(const std::string& name) {
   static const std::array<std::string, 6> kNames = {
       "validate", "subscribe", "unsubscribe", "subscriptions", "addItemAndNotifyDevice", "catalog"};
@@ -119,6 +127,13 @@ ProtocolReply ProtocolHandler::Handle(const ProtocolRequest& request) {
   if (input.host.empty()) return Forbidden("missing Host header");
   if (!RequestSigner::IsWellFormedSignature(input.signature)) return Forbidden("bad signature");
 
+  // Measured before parsing: copying or serialising deeper JSON would recurse once
+  // per level on this thread's stack.
+  if (JsonLimits::TextNestsDeeperThan(request.body, JsonLimits::kMaxRequestNesting)) {
+    return Refuse(kResponseMalformedRequest,
+                  "Malformed request: the body nests deeper than " +
+                      std::to_string(JsonLimits::kMaxRequestNesting) + " levels");
+  }
   json body = json::parse(request.body, nullptr, false);
   if (body.is_discarded() || !body.is_object()) {
     return Refuse(kResponseMalformedRequest, "Malformed request: the body is not a JSON object");
@@ -128,7 +143,10 @@ ProtocolReply ProtocolHandler::Handle(const ProtocolRequest& request) {
     return Refuse(kResponseMalformedRequest, "Malformed request: " + problem);
   }
   const int64_t nowMs = clockMs_();
-  const auto verdict = auth_.Check(input, nowMs / 1000);
+  const auto verdict = auth_.Check(input, nowMs / 1000,
+                                   IsReadOnly(request.endpoint)
+                                       ? RequestAuthenticator::Replays::kAllow
+                                       : RequestAuthenticator::Replays::kRefuse);
   if (verdict == RequestAuthenticator::Verdict::kStoreFailure) {
     return InternalError(Status::IOError("account lookup"));
   }
@@ -227,6 +245,10 @@ ProtocolReply ProtocolHandler::AddItem(const json& body, const RequestHeader& he
       !OptionalString(given, "feed", &item.feed, &reply)) {
     return reply;
   }
+  if (item.uuid.size() > kMaxUuidBytes) {
+    return Refuse(kResponseInvalidMember,
+                  "\"uuid\" must be at most " + std::to_string(kMaxUuidBytes) + " bytes");
+  }
   if (downloadUrl.empty()) downloadUrl = streamUrl;
   if (downloadUrl.empty()) {
     return Refuse(kResponseInvalidMember, "the item needs a \"downloadURL\" or \"streamURL\"");
@@ -243,22 +265,44 @@ ProtocolReply ProtocolHandler::AddItem(const json& body, const RequestHeader& he
   }
   item.metadata = {
       {"title", title}, {"desc", desc}, {"downloadURL", downloadUrl}, {"mediaType", mediaType}};
+  // The extra members are stored as given and served in catalogs, so they are held
+  // to what a device reads (the body as a whole is shallow already).
   for (const char* extra : {"contentSize", "contentSizeIsEstimate", "duration", "downloadEnabled",
                             "streamURL", "contentType"}) {
     if (auto m = given.find(extra); m != given.end()) item.metadata[extra] = *m;
   }
+  if (Status limits = JsonLimits::CheckItemMetadata(item.metadata); !limits.ok()) {
+    return Refuse(kResponseInvalidMember, "the item is refused: " + limits.message());
+  }
   // An item that names no feed is a direct item for every device of the sending
-  // account; one that names a feed joins it and is announced to its subscribers.
+  // account; one that names a feed joins it, when the sender publishes that feed,
+  // and is announced to its subscribers.
   if (item.feed.empty()) item.user = header.userId;
   item.createdMs = nowMs;
   std::vector<PushNotice> notices;
-  Status s = store_->AddItem(item, nowMs, &notices, /*replaceExisting=*/false);
-  if (s.IsNotFound()) return Refuse(kResponseUnknownFeed, "Unknown feed: " + item.feed);
-  if (s.IsInvalidArgument())
-    return Refuse(kResponseDuplicateItem, "Item already exists: " + item.uuid);
-  if (!s.ok()) return InternalError(s);
-  spdlog::info("added item {} ({}), {} push notice(s)", item.uuid,
-               item.feed.empty() ? "direct for " + item.user : "feed " + item.feed, notices.size());
+  Status s = store_->PublishItem(item, header.userId, nowMs, &notices);
+  if (!s.ok()) {
+    ProtocolReply refusal;
+    if (s.IsNotFound()) {
+      refusal = Refuse(kResponseUnknownFeed, "Unknown feed: " + item.feed);
+    } else if (s.IsFailedPrecondition()) {
+      refusal = Refuse(kResponseFeedNotSubscribable, "Feed is not subscribable: " + item.feed);
+    } else if (s.IsPermissionDenied()) {
+      refusal = Refuse(kResponseNotPublisher, "Not a publisher of feed: " + item.feed);
+    } else if (s.IsAlreadyExists()) {
+      refusal = Refuse(kResponseDuplicateItem, "Item already exists: " + item.uuid);
+    } else if (s.IsInvalidArgument()) {
+      refusal = Refuse(kResponseInvalidMember, "the item is refused: " + s.message());
+    } else {
+      return InternalError(s);
+    }
+    spdlog::warn("refused addItemAndNotifyDevice from {}/{}: item {}: {}", header.userId,
+                 header.deviceId, item.uuid, s.message());
+    return refusal;
+  }
+  spdlog::info("added item {} ({}) from {}/{}, {} push notice(s)", item.uuid,
+               item.feed.empty() ? "direct for " + item.user : "feed " + item.feed, header.userId,
+               header.deviceId, notices.size());
   return Ok({{"notified_devices", notices.size()}});
 }
 

@@ -27,6 +27,7 @@ enum ResponseCode : int {
   kResponseFeedNotSubscribable = 3,
   kResponseInvalidMember = 4,  // an endpoint member is missing or of the wrong type
   kResponseDuplicateItem = 5,
+  kResponseNotPublisher = 6,  // the sender's account may not publish into the feed
 };
 
 struct ProtocolRequest {
@@ -48,6 +49,9 @@ class ProtocolHandler {
       : store_(store), auth_(store, windowSeconds), clockMs_(std::move(clockMs)) {}
 
   static bool IsEndpoint(const std::string& name);
+  // "validate", "subscriptions" and "catalog": repeating one changes nothing, so a
+  // byte-identical repeat is not refused as a replay.
+  static bool IsReadOnly(const std::string& name);
 
   ProtocolReply Handle(const ProtocolRequest& request);
 

@@ -1,8 +1,8 @@
 // RequestAuthenticator: decides whether a protocol request comes from the account it
 // names: the account must exist, the Base64 "key" must be its public key, the
 // timestamp must be within the freshness window of the server's clock, the
-// signature must be the one the account's secret gives, and the signature must not
-// have been accepted before.
+// signature must be the one the account's secret gives, and, for a request that
+// changes state, the signature must not have been accepted before.
 //
 // Thread-safe: the store and the replay guard serialise their own state.
 #pragma once
@@ -45,6 +45,12 @@ class RequestAuthenticator {
     kStoreFailure
   };
 
+  // The protocol carries no nonce: byte-identical requests of one device within one
+  // second have the same signature and cannot be told apart. A request that changes
+  // state is refused when its signature was accepted before; a read-only one is
+  // not (repeating it changes nothing, and a host may ask twice in one second).
+  enum class Replays { kRefuse, kAllow };
+
   RequestAuthenticator(ContentStore* store, int64_t windowSeconds)
       : store_(store), window_(windowSeconds), replays_(windowSeconds) {}
 
@@ -52,7 +58,7 @@ class RequestAuthenticator {
   static bool ParseHeader(const nlohmann::json& body, RequestHeader* header, std::string* problem);
 
   // `nowSeconds` is the server's clock.
-  Verdict Check(const AuthenticationInput& input, int64_t nowSeconds);
+  Verdict Check(const AuthenticationInput& input, int64_t nowSeconds, Replays replays);
 
   static const char* Describe(Verdict verdict);
 

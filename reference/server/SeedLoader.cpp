@@ -5,6 +5,7 @@
 #include <sstream>
 #include <type_traits>
 
+#include "reference/server/JsonLimits.h"
 #include "reference/server/MediaLibrary.h"
 
 namespace zolvani::refserver {
@@ -138,6 +139,19 @@ Status SeedLoader::Apply(const json& seed, ContentStore* store, int64_t nowMs,
       if (s.ok()) s = store->AddFeed(feed);
       if (!s.ok()) return s;
       ++counted.feeds;
+      if (auto publishers = entry.find("publishers"); publishers != entry.end()) {
+        if (!publishers->is_array()) {
+          return Status::InvalidArgument(where + ": \"publishers\" must be an array of users");
+        }
+        for (const auto& user : *publishers) {
+          if (!user.is_string()) {
+            return Status::InvalidArgument(where + ": \"publishers\" must be an array of users");
+          }
+          s = store->GrantPublisher(feed.id, user.get<std::string>());
+          if (!s.ok()) return Status::InvalidArgument(where + ": " + s.ToString());
+          ++counted.publishers;
+        }
+      }
       if (auto items = entry.find("items"); items != entry.end()) {
         if (!items->is_array())
           return Status::InvalidArgument(where + ": \"items\" must be an array");
@@ -177,6 +191,10 @@ Status SeedLoader::ApplyFile(const std::filesystem::path& file, ContentStore* st
   if (!in) return Status::IOError("cannot read seed file " + file.string());
   std::stringstream text;
   text << in.rdbuf();
+  if (JsonLimits::TextNestsDeeperThan(text.str(), JsonLimits::kMaxSeedNesting)) {
+    return Status::InvalidArgument(file.string() + " nests deeper than " +
+                                   std::to_string(JsonLimits::kMaxSeedNesting) + " levels");
+  }
   json seed = json::parse(text.str(), nullptr, false);
   if (seed.is_discarded()) return Status::InvalidArgument(file.string() + " is not valid JSON");
   Status s = Apply(seed, store, nowMs, summary);

@@ -1,5 +1,6 @@
 // SeedLoader: fills a store from a seed document (JSON) describing accounts, feeds
-// with their items, and direct items for accounts. The format is in README.md.
+// with their publishers and items, and direct items for accounts. The format is in
+// README.md.
 //
 // Stateless; the functions are safe to call from any thread (the store serialises).
 #pragma once
@@ -19,6 +20,7 @@ struct SeedSummary {
   int accounts = 0;
   int feeds = 0;
   int items = 0;
+  int publishers = 0;
 };
 
 class SeedLoader {
@@ -28,7 +30,8 @@ class SeedLoader {
   static Status Apply(const nlohmann::json& seed, ContentStore* store, int64_t nowMs,
                       SeedSummary* summary);
 
-  // Reads and applies the seed file at `file`.
+  // Reads and applies the seed file at `file`; a file nested deeper than
+  // JsonLimits::kMaxSeedNesting is refused before it is parsed.
   static Status ApplyFile(const std::filesystem::path& file, ContentStore* store, int64_t nowMs,
                           SeedSummary* summary);
 

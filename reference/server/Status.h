@@ -11,7 +11,16 @@ namespace zolvani::refserver {
 
 class Status {
  public:
-  enum class Kind { kOk, kInvalidArgument, kNotFound, kIOError, kCorruption };
+  enum class Kind {
+    kOk,
+    kInvalidArgument,
+    kNotFound,
+    kIOError,
+    kCorruption,
+    kAlreadyExists,      // the thing to add is there already
+    kPermissionDenied,   // the caller may not do this
+    kFailedPrecondition  // the target is not in a state that allows it
+  };
 
   Status() = default;
 
@@ -26,10 +35,22 @@ class Status {
   static Status Corruption(std::string message) {
     return Status(Kind::kCorruption, std::move(message));
   }
+  static Status AlreadyExists(std::string message) {
+    return Status(Kind::kAlreadyExists, std::move(message));
+  }
+  static Status PermissionDenied(std::string message) {
+    return Status(Kind::kPermissionDenied, std::move(message));
+  }
+  static Status FailedPrecondition(std::string message) {
+    return Status(Kind::kFailedPrecondition, std::move(message));
+  }
 
   bool ok() const { return kind_ == Kind::kOk; }
   bool IsNotFound() const { return kind_ == Kind::kNotFound; }
   bool IsInvalidArgument() const { return kind_ == Kind::kInvalidArgument; }
+  bool IsAlreadyExists() const { return kind_ == Kind::kAlreadyExists; }
+  bool IsPermissionDenied() const { return kind_ == Kind::kPermissionDenied; }
+  bool IsFailedPrecondition() const { return kind_ == Kind::kFailedPrecondition; }
   Kind kind() const { return kind_; }
   const std::string& message() const { return message_; }
 
@@ -46,6 +67,12 @@ class Status {
         return "IO error: " + message_;
       case Kind::kCorruption:
         return "Corruption: " + message_;
+      case Kind::kAlreadyExists:
+        return "Already exists: " + message_;
+      case Kind::kPermissionDenied:
+        return "Permission denied: " + message_;
+      case Kind::kFailedPrecondition:
+        return "Failed precondition: " + message_;
     }
     return message_;
   }

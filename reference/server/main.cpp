@@ -3,6 +3,7 @@
 #include <spdlog/spdlog.h>
 #include <CLI/CLI.hpp>
 
+#include <chrono>
 #include <csignal>
 #include <iostream>
 #include <optional>
@@ -56,8 +57,24 @@ Status Generate(const std::string& dataDir, ContentStore* store) {
   return s;
 }
 
-int Serve(const std::string& dataDir, const std::string& address, int port,
-          const std::string& seedFile, bool generate, const std::string& publicUrl, int threads) {
+struct ServeFlags {
+  std::string address = "127.0.0.1";
+  int port = 0;
+  std::string seedFile;
+  bool generate = false;
+  std::string publicUrl;
+  int threads = 64;
+  ConnectionLimits limits;
+  double headerTimeout = 5;
+  double bodyTimeout = 10;
+  double keepAliveTimeout = 2;
+};
+
+std::chrono::milliseconds Milliseconds(double seconds) {
+  return std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000.0 + 0.5));
+}
+
+int Serve(const std::string& dataDir, const ServeFlags& flags) {
   // Signals are taken by sigwait below; block them before any thread starts so
   // that every thread inherits the mask.
   sigset_t signals;
@@ -68,23 +85,28 @@ int Serve(const std::string& dataDir, const std::string& address, int port,
 
   ServerOptions options;
   options.dataDir = dataDir;
-  options.address = address;
-  options.port = port;
-  options.publicUrl = publicUrl;
-  options.threads = threads;
+  options.address = flags.address;
+  options.port = flags.port;
+  options.publicUrl = flags.publicUrl;
+  options.threads = flags.threads;
+  options.limits = flags.limits;
+  options.limits.headerTimeout = Milliseconds(flags.headerTimeout);
+  options.limits.bodyTimeout = Milliseconds(flags.bodyTimeout);
+  options.limits.keepAliveIdle = Milliseconds(flags.keepAliveTimeout);
   std::unique_ptr<ContentServer> server;
   Status s = ContentServer::Create(options, &server);
   if (!s.ok()) return Fail(s);
-  if (generate) {
+  if (flags.generate) {
     s = Generate(dataDir, server->store());
     if (!s.ok()) return Fail(s);
   }
-  if (!seedFile.empty()) {
+  if (!flags.seedFile.empty()) {
     SeedSummary summary;
-    s = SeedLoader::ApplyFile(seedFile, server->store(), ContentServer::WallClockMs(), &summary);
+    s = SeedLoader::ApplyFile(flags.seedFile, server->store(), ContentServer::WallClockMs(),
+                              &summary);
     if (!s.ok()) return Fail(s);
-    spdlog::info("seed: {} account(s), {} feed(s), {} item(s)", summary.accounts, summary.feeds,
-                 summary.items);
+    spdlog::info("seed: {} account(s), {} feed(s), {} item(s), {} publisher grant(s)",
+                 summary.accounts, summary.feeds, summary.items, summary.publishers);
   }
   s = server->Start();
   if (!s.ok()) return Fail(s);
@@ -122,24 +144,40 @@ int main(int argc, char** argv) {
 
   auto* serve = app.add_subcommand("serve", "serve the protocol and the media folder");
   addData(serve);
-  std::string address = "127.0.0.1";
-  int port = 0;
-  std::string seedFile;
-  bool generate = false;
-  std::string publicUrl;
-  int threads = 64;
-  serve->add_option("--address", address, "address to listen on")->capture_default_str();
-  serve->add_option("--port", port, "port; 0 picks a free one")
+  ServeFlags flags;
+  serve->add_option("--address", flags.address, "address to listen on")->capture_default_str();
+  serve->add_option("--port", flags.port, "port; 0 picks a free one")
       ->capture_default_str()
       ->check(CLI::Range(0, 65535));
-  serve->add_option("--seed", seedFile, "seed file (JSON) applied before serving")
+  serve->add_option("--seed", flags.seedFile, "seed file (JSON) applied before serving")
       ->check(CLI::ExistingFile);
-  serve->add_flag("--generate-sample", generate, "generate the sample content first");
-  serve->add_option("--public-url", publicUrl,
+  serve->add_flag("--generate-sample", flags.generate, "generate the sample content first");
+  serve->add_option("--public-url", flags.publicUrl,
                     "base URL devices use for media (default: each request's Host)");
-  serve->add_option("--threads", threads, "request threads")
+  serve->add_option("--threads", flags.threads,
+                    "connection threads kept ready (more start on demand)")
       ->capture_default_str()
       ->check(CLI::Range(1, 1024));
+  serve->add_option("--max-connections", flags.limits.maxConnections,
+                    "open connections in all; more are refused with 503")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100000));
+  serve->add_option("--max-connections-per-address", flags.limits.maxConnectionsPerAddress,
+                    "open connections from one address (IPv6: one /64)")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100000));
+  serve->add_option("--header-timeout", flags.headerTimeout,
+                    "seconds for a request line and headers to arrive")
+      ->capture_default_str()
+      ->check(CLI::Range(0.05, 3600.0));
+  serve->add_option("--body-timeout", flags.bodyTimeout,
+                    "seconds for a request body to arrive after its headers")
+      ->capture_default_str()
+      ->check(CLI::Range(0.05, 3600.0));
+  serve->add_option("--keep-alive-timeout", flags.keepAliveTimeout,
+                    "seconds an idle connection is kept between requests")
+      ->capture_default_str()
+      ->check(CLI::Range(0.05, 3600.0));
 
   auto* addAccount = app.add_subcommand("add-account", "add or replace an account");
   addData(addAccount);
@@ -193,6 +231,25 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   setRule->add_option("--max-bitrate", rules.maxBitrate, "max_bitrate")->capture_default_str();
 
+  auto* grant = app.add_subcommand("grant-publisher",
+                                   "let an account's devices publish into a feed");
+  addData(grant);
+  auto* revoke = app.add_subcommand("revoke-publisher", "withdraw a publishing grant");
+  addData(revoke);
+  std::string grantUser, grantFeed;
+  bool allFeeds = false;
+  for (auto* cmd : {grant, revoke}) {
+    cmd->add_option("--user", grantUser, "account")->required();
+    auto* feedOption = cmd->add_option("--feed", grantFeed, "feed identifier");
+    auto* allOption = cmd->add_flag("--all-feeds", allFeeds, "every feed, present and future");
+    feedOption->excludes(allOption);
+  }
+  auto* listPublishers =
+      app.add_subcommand("list-publishers", "print publishing grants, one JSON per line");
+  addData(listPublishers);
+  std::string listFeed;
+  listPublishers->add_option("--feed", listFeed, "only grants that cover this feed");
+
   auto* generateCmd = app.add_subcommand("generate-sample", "write and publish sample content");
   addData(generateCmd);
 
@@ -208,9 +265,7 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
   spdlog::set_level(*LogLevel(logLevel));
 
-  if (serve->parsed()) {
-    return Serve(dataDir, address, port, seedFile, generate, publicUrl, threads);
-  }
+  if (serve->parsed()) return Serve(dataDir, flags);
   std::unique_ptr<ContentStore> store;
   Status s = OpenStore(dataDir, &store);
   if (!s.ok()) return Fail(s);
@@ -242,6 +297,22 @@ int main(int argc, char** argv) {
     }
     if (s.ok()) s = store->AddItem(item, now, &notices);
     if (s.ok()) std::cout << "added " << item.uuid << ", " << notices.size() << " push notice(s)\n";
+  } else if (grant->parsed() || revoke->parsed()) {
+    if (grantFeed.empty() != allFeeds) {
+      return Fail(Status::InvalidArgument("--feed or --all-feeds is required"));
+    }
+    s = grant->parsed() ? store->GrantPublisher(grantFeed, grantUser)
+                        : store->RevokePublisher(grantFeed, grantUser);
+  } else if (listPublishers->parsed()) {
+    std::vector<PublisherGrant> grants;
+    s = store->ListPublishers(listFeed, &grants);
+    for (const auto& g : grants) {
+      std::cout << nlohmann::json{{"feed", g.feed.empty() ? nlohmann::json(nullptr)
+                                                          : nlohmann::json(g.feed)},
+                                  {"user", g.user}}
+                       .dump()
+                << "\n";
+    }
   } else if (setRule->parsed()) {
     s = store->SetRules(ruleUser, ruleDevice, ruleFeed, rules);
   } else if (generateCmd->parsed()) {

@@ -1,5 +1,7 @@
 // What the endpoints do once a request is authenticated: subscriptions, catalog
 // filtering and rules, and items announced by a device.
+#include <sqlite3.h>
+
 #include <set>
 #include <string>
 #include <vector>
@@ -165,6 +167,8 @@ TEST_F(EndpointsTest, AnnouncedItemsReachTheRightDevicesWithPushNotices) {
   bob.body = {{"feed", "news"}};
   ASSERT_EQ(Send(bob).code(), 0);
 
+  // alice publishes "news"; her devices may add direct items for themselves.
+  ASSERT_TRUE(server_->store()->GrantPublisher("news", "alice").ok());
   nowMs_ += 5000;
   const RawReply direct =
       Call("addItemAndNotifyDevice",
@@ -209,6 +213,44 @@ TEST_F(EndpointsTest, AnnouncedItemsReachTheRightDevicesWithPushNotices) {
   EXPECT_TRUE(bobCatalog["contentItems"].empty());
   EXPECT_EQ(FeedItems(bobCatalog),
             (std::map<std::string, std::vector<std::string>>{{"news", {"F-1"}}}));
+}
+
+TEST_F(EndpointsTest, AStoredItemBeyondTheMetadataLimitsReachesCatalogsTrimmed) {
+  // A row stored before the limits existed: its metadata nests 70,000 levels deep,
+  // which a device would read as no catalog at all (and which would overflow the
+  // stack of a request thread copying it).
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dir_ / "server.sqlite").c_str(), &db), SQLITE_OK);
+  sqlite3_busy_timeout(db, 5000);
+  const std::string deep = "{\"title\":\"Old\",\"downloadURL\":\"http://cdn.test/old.mp4\","
+                           "\"mediaType\":0,\"duration\":" +
+                           std::string(70000, '[') + std::string(70000, ']') +
+                           ",\"desc\":\"kept\"}";
+  sqlite3_stmt* st = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(db,
+                               "INSERT INTO items (uuid, feed, user, created_ms, media_path, "
+                               "metadata) VALUES ('old-1', NULL, 'alice', ?1, '', ?2)",
+                               -1, &st, nullptr),
+            SQLITE_OK);
+  sqlite3_bind_int64(st, 1, kNowMs - 1000);
+  sqlite3_bind_text(st, 2, deep.data(), static_cast<int>(deep.size()), SQLITE_TRANSIENT);
+  EXPECT_EQ(sqlite3_step(st), SQLITE_DONE);
+  sqlite3_finalize(st);
+  sqlite3_close(db);
+  AddFeedItem("news", "news-1", kNowMs - 500);
+  ASSERT_EQ(Call("subscribe", {{"feed", "news"}}).code(), 0);
+
+  const RawReply reply = Call("catalog", {{"filter", {{"subscribed", true}}}});
+  ASSERT_EQ(reply.code(), 0) << reply.body.substr(0, 200);
+  EXPECT_LT(reply.body.size(), 4096u);
+  ASSERT_EQ(reply.json["contentItems"].size(), 1u);
+  EXPECT_EQ(reply.json["contentItems"][0]["metadata"],
+            json({{"title", "Old"},
+                  {"downloadURL", "http://cdn.test/old.mp4"},
+                  {"mediaType", 0},
+                  {"desc", "kept"}}));
+  EXPECT_EQ(FeedItems(reply.json),
+            (std::map<std::string, std::vector<std::string>>{{"news", {"news-1"}}}));
 }
 
 }  // namespace
