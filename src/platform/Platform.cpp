@@ -1,5 +1,6 @@
 #include "zolvani/subscription/platform/Platform.h"
 
+#include <openssl/rand.h>
 #include <uuid/uuid.h>
 
 #include <algorithm>
@@ -12,8 +13,16 @@
 namespace zolvani {
 
 std::string newUUIDString() {
+  // A random (version 4) UUID. OpenSSL's generator keeps its state per thread,
+  // so a large sync that names thousands of assets does not pay, per name, for
+  // the re-seeding and process-id calls libuuid's generator makes.
   uuid_t id;
-  uuid_generate_random(id);
+  if (RAND_bytes(id, sizeof id) == 1) {
+    id[6] = static_cast<unsigned char>((id[6] & 0x0F) | 0x40);
+    id[8] = static_cast<unsigned char>((id[8] & 0x3F) | 0x80);
+  } else {
+    uuid_generate_random(id);
+  }
   char text[37];
   uuid_unparse_upper(id, text);
   return text;

@@ -67,12 +67,16 @@ void RetentionCleaner::clean(const std::string& feed, bool checkForCanceled) con
     bool isCancelled;
     if (!asset) {
       isCancelled = true;  // deleted outside the library
+    } else if (!checkForCanceled) {
+      // Only a missing asset counts as cancelled here; admission passes this
+      // way for every new item, so the asset is not asked anything more.
+      isCancelled = false;
     } else if (asset->downloadCompleteDateTime()) {
       isCancelled = false;  // a finished download is never cancelled
     } else if (queued.count(asset->uuid()) || transferring.count(asset.get())) {
       isCancelled = false;
     } else {
-      isCancelled = checkForCanceled;
+      isCancelled = true;  // neither finished, queued nor transferring
     }
     if (!isCancelled) continue;
     env_.log(
