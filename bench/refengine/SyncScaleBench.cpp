@@ -25,11 +25,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -295,18 +297,44 @@ int table(const char* mode, const std::vector<int>& sizes) {
 }  // namespace
 }  // namespace zolvani
 
+namespace {
+
+// A size on the command line: a whole number from 1 to 100,000.
+std::optional<int> parseSize(const char* text) {
+  int value = 0;
+  const char* end = text + std::strlen(text);
+  auto [ptr, ec] = std::from_chars(text, end, value);
+  if (ec != std::errc() || ptr != end || value < 1 || value > 100000) return std::nullopt;
+  return value;
+}
+
+int usage() {
+  std::fprintf(stderr,
+               "usage: refengine_sync_bench [FEEDS...]        whole syncs, both engines\n"
+               "       refengine_sync_bench fill [ITEMS...]   addItem into one feed, both engines\n"
+               "sizes are whole numbers from 1 to 100000\n");
+  return 2;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   using namespace zolvani;
   if (argc == 4 && (std::string(argv[2]) == "memory" || std::string(argv[2]) == "reference")) {
     const std::string mode = argv[1];
     const bool reference = std::string(argv[2]) == "reference";
-    const int n = std::stoi(argv[3]);
-    if (mode == "sync") return measureSync(reference, n);
-    if (mode == "fill") return measureFill(reference, n);
+    const auto n = parseSize(argv[3]);
+    if (!n) return usage();
+    if (mode == "sync") return measureSync(reference, *n);
+    if (mode == "fill") return measureFill(reference, *n);
   }
   const bool fill = argc > 1 && std::string(argv[1]) == "fill";
   std::vector<int> sizes;
-  for (int i = fill ? 2 : 1; i < argc; ++i) sizes.push_back(std::stoi(argv[i]));
+  for (int i = fill ? 2 : 1; i < argc; ++i) {
+    const auto n = parseSize(argv[i]);
+    if (!n) return usage();
+    sizes.push_back(*n);
+  }
   if (sizes.empty()) sizes = fill ? std::vector<int>{1000, 10000} : std::vector<int>{100, 1000};
   return table(fill ? "fill" : "sync", sizes);
 }

@@ -386,6 +386,35 @@ TEST_F(EndToEndTest, AFullFeedWithoutAutodeleteDefersNewItems) {
   EXPECT_EQ(FeedItems("morning-news").size(), 4u);
 }
 
+TEST_F(EndToEndTest, ADownloadThatWouldLeaveTooLittleFreeIsRefusedAndSaysWhatWasFree) {
+  Subscribe("morning-news");
+  // A margin larger than any disk: every download is refused before a byte lands.
+  const std::vector<std::string> keepAll = {"--keep-free", "1073741824"};
+  auto with = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), keepAll.begin(), keepAll.end());
+    return Zsm(std::move(args));
+  };
+  Outcome sync = with({"sync", "--watch", "--watch-timeout", "25"});
+  EXPECT_EQ(sync.status, 4) << sync.text;
+  EXPECT_EQ(sync.doc["downloads"]["failed"], 4) << sync.text;  // three news items, one direct
+
+  Outcome items = with({"items"});
+  ASSERT_EQ(items.status, 0) << items.text;
+  int refused = 0;
+  for (const auto& item : items.doc["items"]) {
+    SCOPED_TRACE(item.dump());
+    ASSERT_TRUE(item.contains("error"));
+    const std::string text = item["error"]["description"];
+    EXPECT_NE(text.find("Not enough free space"), std::string::npos);
+    EXPECT_NE(text.find("; free on "), std::string::npos);
+    EXPECT_NE(text.find("and the engine keeps 1073741824.0 MiB free beyond each download"),
+              std::string::npos);
+    EXPECT_FALSE(item.contains("file") && fs::exists(item["file"].get<std::string>()));
+    ++refused;
+  }
+  EXPECT_EQ(refused, 4);
+}
+
 TEST_F(EndToEndTest, BackgroundWakesSyncAndAnswer) {
   // A fetch with a subscription answers "new data" (the rule looks at the
   // subscription list, not at what arrived).

@@ -24,6 +24,7 @@ std::optional<Error> openHost(const CommandContext& context, std::unique_ptr<Hos
   options.paths = context.paths;
   if (auto error = CliConfig::load(context.paths, &options.config)) return error;
   options.echoLogLevel = context.logLevel;
+  if (context.keepFreeBytes) options.freeSpaceMargin = *context.keepFreeBytes;
   return HostRuntime::open(options, runtime);
 }
 

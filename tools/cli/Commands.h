@@ -28,6 +28,9 @@ struct CommandContext {
   std::int64_t logLevel = -1;
   // How long a command waits for the server before it gives up.
   std::chrono::milliseconds timeout{30000};
+  // Bytes the engine keeps free on the data folder's file system beyond each
+  // download; unset keeps the engine's default.
+  std::optional<std::uint64_t> keepFreeBytes;
 
   Output output() const { return Output(json); }
 };

@@ -27,7 +27,8 @@ bool parseSwitch(const std::string& text, bool* value) {
 
 // Global options that take a value, for finding the command word in argv.
 bool takesValue(const std::string& option) {
-  return option == "--data" || option == "--log-level" || option == "--timeout";
+  return option == "--data" || option == "--log-level" || option == "--timeout" ||
+         option == "--keep-free";
 }
 
 // The first word of argv that is not a global option or its value; empty when
@@ -94,6 +95,11 @@ int main(int argc, char** argv) {
           "LEVEL"));
   app.add_option("--timeout", timeoutSeconds, "seconds to wait for the server, 0.1 to 3600")
       ->check(CLI::Range(0.1, 3600.0));
+  double keepFreeMiB = -1;
+  app.add_option("--keep-free", keepFreeMiB,
+                 "MiB the engine keeps free on the data folder's file system beyond each "
+                 "download, 0 to 1073741824 (default 64)")
+      ->check(CLI::Range(0.0, 1073741824.0));
   std::function<int()> action;
 
   // config
@@ -298,6 +304,8 @@ int main(int argc, char** argv) {
   if (!logLevelText.empty()) context.logLevel = *parseLogLevel(logLevelText);
   context.paths.root = data.empty() ? HostPaths::defaultRoot() : std::filesystem::path(data);
   context.timeout = std::chrono::milliseconds(static_cast<long long>(timeoutSeconds * 1000));
+  if (keepFreeMiB >= 0)
+    context.keepFreeBytes = static_cast<std::uint64_t>(keepFreeMiB * 1024 * 1024);
   if (!action) {
     std::cerr << app.help();
     return kExitUsage;

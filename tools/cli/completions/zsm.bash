@@ -6,7 +6,7 @@ _zsm() {
 
   local commands="config settings status subscribe unsubscribe subscriptions sync feeds items
     deferred publish wake demo help"
-  local globals="--data --json --log-level --timeout --help --version"
+  local globals="--data --json --log-level --timeout --keep-free --help --version"
 
   case $prev in
     --data | --folder | --server-program)
@@ -31,7 +31,7 @@ _zsm() {
   local i command=""
   for ((i = 1; i < cword; i++)); do
     case ${words[i]} in
-      --data | --log-level | --timeout) ((i++)) ;;
+      --data | --log-level | --timeout | --keep-free) ((i++)) ;;
       -*) ;;
       *)
         command=${words[i]}
