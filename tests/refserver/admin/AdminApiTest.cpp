@@ -296,7 +296,8 @@ TEST_F(AdminApiTest, ChangesReachDevicesAndBadInputIsRefusedWithReasons) {
         << c.route << " " << reply.body.dump();
   }
   // Bodies that are not JSON objects, or nest without end, are refused whole.
-  for (const std::string body : {"[]", "nonsense", std::string(100, '[')}) {
+  for (const std::string& body :
+       {std::string("[]"), std::string("nonsense"), std::string(100, '[')}) {
     AdminRequest r;
     r.method = "POST";
     r.route = "feeds/create";
