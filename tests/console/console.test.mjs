@@ -171,7 +171,7 @@ try {
 
   step('forged requests are refused');
   // A page of another site posts a form at the console: SameSite keeps the cookie
-  // at home, so the server sees no session.
+  // at home, and the Origin names the other site; either refuses it.
   let forged;
   await page.route('http://attacker.test/**', (r) => r.fulfill({
     contentType: 'text/html',
@@ -182,7 +182,9 @@ try {
   const forgedReply = page.waitForResponse((r) => r.url().endsWith('/admin/api/feeds/create'));
   await page.goto('http://attacker.test/');
   forged = await forgedReply;
-  assert.equal(forged.status(), 401);
+  assert.equal(forged.status(), 403);
+  assert.ok(!((await forged.request().allHeaders()).cookie ?? '').includes('zsm_console'),
+    'the session cookie went along with a cross-site form');
   // The same with the cookie attached (as a browser without SameSite would): no
   // token, or another site's Origin, is refused all the same.
   for (const headers of [{ Origin: url }, { Origin: 'http://attacker.test', 'X-Zsm-Csrf': 'x'.repeat(64) }]) {
