@@ -161,7 +161,7 @@ int SetConsolePassword(const std::string& dataDir) {
     s = console->Record(std::move(entry));
   }
   if (!s.ok()) return Fail(s);
-  std::cout << "console password set; sessions signed in before keep going until they end\n";
+  std::cout << "console password set; sessions signed in with the old one have ended\n";
   return 0;
 }
 

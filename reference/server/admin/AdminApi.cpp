@@ -264,6 +264,15 @@ AdminReply AdminApi::Handle(const AdminRequest& request) {
 
   const auto session = sessions_->Find(CookieValue(request.cookie, kCookieName), clockMs_());
   if (!session) return Error(401, "sign in first");
+  // A new password (set-console-password, possibly from another process) ends
+  // every session signed in with the old one.
+  int64_t passwordSetMs = 0;
+  Status s = console_->PasswordSetMs(&passwordSetMs);
+  if (!s.ok()) return FromStatus(s);
+  if (session->createdMs < passwordSetMs) {
+    sessions_->End(session->id);
+    return Error(401, "the console password changed; sign in again");
+  }
   if (change && !ConsoleSessions::CsrfMatches(*session, request.csrf)) {
     return Error(403, "cross-site request refused");
   }

@@ -65,6 +65,16 @@ Status ConsoleStore::SetPasswordHash(const std::string& encoded, int64_t nowMs) 
   return Run(st, "set console password");
 }
 
+Status ConsoleStore::PasswordSetMs(int64_t* setMs) {
+  std::lock_guard lock(mutex_);
+  Statement st(db_, "SELECT set_ms FROM console_password WHERE only_row = 1");
+  if (!st.prepared()) return st.Error("read console password");
+  const int rc = st.Step();
+  if (rc != SQLITE_ROW && rc != SQLITE_DONE) return st.Error("read console password");
+  *setMs = rc == SQLITE_ROW ? st.Int(0) : 0;
+  return Status::OK();
+}
+
 Status ConsoleStore::Record(AuditEntry entry) {
   std::lock_guard lock(mutex_);
   Statement st(db_,

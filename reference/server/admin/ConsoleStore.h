@@ -41,6 +41,8 @@ class ConsoleStore {
   // The encoded hash of the console password; NotFound when none was set.
   Status PasswordHash(std::string* encoded);
   Status SetPasswordHash(const std::string& encoded, int64_t nowMs);
+  // When the password was last set; 0 when never.
+  Status PasswordSetMs(int64_t* setMs);
 
   Status Record(AuditEntry entry);
   // Newest first: at most `limit` entries with an id below `beforeId` (all when 0).

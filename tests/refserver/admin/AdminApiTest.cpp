@@ -161,8 +161,18 @@ TEST_F(AdminApiTest, EveryRouteWantsASessionAndEveryChangeItsTokenAndOrigin) {
   }
   EXPECT_EQ(Call("GET", "nothing-here", nullptr, cookie, csrf).status, 404);
 
+  // A new password ends sessions signed in before it, even from another process.
+  const auto [other, otherCsrf] = SignIn();
+  nowMs_ += 1000;
+  ASSERT_TRUE(console_->SetPasswordHash("$argon2id$unused", nowMs_).ok());
+  EXPECT_EQ(Call("GET", "feeds", nullptr, other).status, 401);
+  SetPassword();
+  const auto [fresh, freshCsrf] = SignIn();
+  EXPECT_EQ(Call("GET", "feeds", nullptr, fresh).status, 200);
+
   // Signing out ends the session for every later request.
-  EXPECT_EQ(Call("POST", "logout", json::object(), cookie, csrf).status, 200);
+  EXPECT_EQ(Call("POST", "logout", json::object(), fresh, freshCsrf).status, 200);
+  EXPECT_EQ(Call("GET", "feeds", nullptr, fresh, freshCsrf).status, 401);
   EXPECT_EQ(Call("GET", "feeds", nullptr, cookie, csrf).status, 401);
 }
 
