@@ -9,6 +9,7 @@ const livePages = new Set(['dashboard', 'devices']);
 const state = {};
 let timer = 0;
 let drawing = null;
+let again = false;
 
 function currentPage() {
   const name = location.hash.replace(/^#\/?/, '');
@@ -25,22 +26,32 @@ function showLogin(message = '') {
 }
 
 async function draw() {
-  const name = currentPage();
-  for (const a of document.querySelectorAll('#nav a')) a.classList.toggle('active', a.dataset.page === name);
-  const root = document.getElementById('page');
-  state[name] ??= {};
-  // One drawing at a time: a refresh that comes while one runs is dropped.
-  if (drawing) return drawing;
+  // One drawing at a time; a request that comes while one runs (a new address, a
+  // change) draws once more afterwards, so that the page shown is the one asked for.
+  if (drawing) {
+    again = true;
+    return drawing;
+  }
   drawing = (async () => {
-    try {
-      await pages[name](root, draw, state[name]);
-      root.dataset.page = name;
-    } catch (e) {
-      if (e.status === 401) showLogin('Your session ended; sign in again.');
-      else toast(e.message, true);
-    } finally {
-      drawing = null;
-    }
+    do {
+      again = false;
+      const name = currentPage();
+      for (const a of document.querySelectorAll('#nav a')) a.classList.toggle('active', a.dataset.page === name);
+      const root = document.getElementById('page');
+      state[name] ??= {};
+      try {
+        await pages[name](root, draw, state[name]);
+        root.dataset.page = name;
+      } catch (e) {
+        if (e.status === 401) {
+          showLogin('Your session ended; sign in again.');
+          again = false;
+        } else {
+          toast(e.message, true);
+        }
+      }
+    } while (again);
+    drawing = null;
   })();
   return drawing;
 }
