@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev curl sqlite3 help2man
   libxml2-dev ffmpeg
+  libargon2-dev chromium
 )
 
 missing=()
@@ -18,6 +19,13 @@ for p in "${packages[@]}"; do
     missing+=("$p")
   fi
 done
+
+# The console's browser test runs playwright-core (npm) under Node.js; a Node.js
+# that is already installed (for example from another vendor, bringing its own
+# npm) is used as it is.
+if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+  missing+=(nodejs npm)
+fi
 
 if [ ${#missing[@]} -eq 0 ]; then
   exit 0

@@ -8,6 +8,9 @@
 
 #include "reference/server/MediaLibrary.h"
 #include "reference/server/ProtocolHandler.h"
+#include "reference/server/admin/AdminApi.h"
+#include "reference/server/admin/ConsoleStore.h"
+#include "reference/server/console/ConsoleSite.h"
 
 namespace zolvani::refserver {
 
@@ -65,17 +68,31 @@ Status ContentServer::Create(ServerOptions options, std::unique_ptr<ContentServe
   std::unique_ptr<ContentStore> store;
   Status s = ContentStore::Open(options.dataDir, &store);
   if (!s.ok()) return s;
-  server->reset(new ContentServer(std::move(options), std::move(store)));
+  std::unique_ptr<ConsoleStore> consoleStore;
+  if (options.console) {
+    s = ConsoleStore::Open(options.dataDir, &consoleStore);
+    if (!s.ok()) return s;
+  }
+  server->reset(new ContentServer(std::move(options), std::move(store), std::move(consoleStore)));
   return Status::OK();
 }
 
-ContentServer::ContentServer(ServerOptions options, std::unique_ptr<ContentStore> store)
+ContentServer::ContentServer(ServerOptions options, std::unique_ptr<ContentStore> store,
+                             std::unique_ptr<ConsoleStore> consoleStore)
     : options_(std::move(options)),
       store_(std::move(store)),
+      consoleStore_(std::move(consoleStore)),
+      sessions_(options_.consoleSessions),
       media_(std::make_unique<MediaLibrary>(options_.dataDir / "media")),
       protocol_(std::make_unique<ProtocolHandler>(store_.get(), options_.freshnessWindowSeconds,
                                                   options_.clockMs)),
       http_(std::make_unique<GuardedServer>(options_.limits)) {
+  if (consoleStore_) {
+    admin_ = std::make_unique<AdminApi>(store_.get(), consoleStore_.get(), &sessions_, &figures_,
+                                        media_->root(), options_.clockMs);
+    consoleSite_ = std::make_unique<ConsoleSite>(admin_.get(), &figures_, options_.clockMs,
+                                                 options_.consoleFromAnywhere);
+  }
   InstallRoutes();
 }
 
@@ -104,36 +121,46 @@ void ContentServer::InstallRoutes() {
         SendRefusal(res, 500, "Internal server error");
       });
 
+  // The console's routes come first: the protocol's catch-all POST route below
+  // would otherwise answer its changes.
+  if (consoleSite_) consoleSite_->Install(http_.get());
+
   // Endpoints may sit below a path prefix when the base URL has one. The body is
   // read here, through the transport's limit, whatever its framing.
-  http_->Post(R"((.*)/Subscriptions/client/([^/?]+))",
-              [this](const httplib::Request& req, httplib::Response& res,
-                     const httplib::ContentReader& reader) {
-                ProtocolRequest request;
-                request.endpoint = req.matches[2].str();
-                if (!ProtocolHandler::IsEndpoint(request.endpoint)) {
-                  SendRefusal(res, 404, "Unknown endpoint");
-                  return;
-                }
-                const int refusal = GuardedServer::ReadBody(reader, &request.body);
-                if (refusal == 413) {
-                  SendRefusal(res, 413,
-                              "Request body larger than " +
-                                  std::to_string(http_->limits().maxBodyBytes) + " bytes");
-                  return;
-                }
-                if (refusal != 0) {
-                  SendRefusal(res, refusal,
-                              refusal == 408 ? "Request timeout" : "Malformed request body");
-                  return;
-                }
-                request.host = req.get_header_value("Host");
-                request.target = req.target;
-                request.serverUrl =
-                    options_.publicUrl.empty() ? "http://" + request.host : options_.publicUrl;
-                ProtocolReply reply = protocol_->Handle(request);
-                SendJson(res, reply.httpStatus, reply.body);
-              });
+  http_->Post(R"((.*)/Subscriptions/client/([^/?]+))", [this](
+                                                           const httplib::Request& req,
+                                                           httplib::Response& res,
+                                                           const httplib::ContentReader& reader) {
+    ProtocolRequest request;
+    request.endpoint = req.matches[2].str();
+    if (!ProtocolHandler::IsEndpoint(request.endpoint)) {
+      figures_.Record("other", 404, 0, options_.clockMs());
+      SendRefusal(res, 404, "Unknown endpoint");
+      return;
+    }
+    const int refusal = GuardedServer::ReadBody(reader, &request.body);
+    if (refusal == 413) {
+      SendRefusal(
+          res, 413,
+          "Request body larger than " + std::to_string(http_->limits().maxBodyBytes) + " bytes");
+      return;
+    }
+    if (refusal != 0) {
+      SendRefusal(res, refusal, refusal == 408 ? "Request timeout" : "Malformed request body");
+      return;
+    }
+    request.host = req.get_header_value("Host");
+    request.target = req.target;
+    request.serverUrl = options_.publicUrl.empty() ? "http://" + request.host : options_.publicUrl;
+    ProtocolReply reply = protocol_->Handle(request);
+    int code = 0;
+    if (reply.body.is_object() && reply.body.contains("response_header") &&
+        reply.body["response_header"].is_object()) {
+      code = reply.body["response_header"].value("response_code", 0);
+    }
+    figures_.Record(request.endpoint, reply.httpStatus, code, options_.clockMs());
+    SendJson(res, reply.httpStatus, reply.body);
+  });
   // Every other POST is answered without reading its body, so that the library
   // never reads one past the limit.
   http_->Post(".*", [](const httplib::Request&, httplib::Response& res,
@@ -146,6 +173,7 @@ void ContentServer::InstallRoutes() {
   http_->Get(R"(/media/(.+))", [this](const httplib::Request& req, httplib::Response& res) {
     MediaFile file;
     if (!media_->Find(req.matches[1].str(), &file).ok()) {
+      figures_.Record("media", 404, 0, options_.clockMs());
       res.status = 404;
       res.set_content("not found\n", "text/plain");
       return;
@@ -167,10 +195,12 @@ void ContentServer::InstallRoutes() {
                      MediaLibrary::IfRangeMatches(req.get_header_value("If-Range"), file))) {
       // Several Range fields make an invalid header, which is ignored.
       if (ranges == 1) {
-        range = MediaLibrary::ParseRange(req.get_header_value(GuardedServer::kRangeHeader),
-                                         file.size);
+        range =
+            MediaLibrary::ParseRange(req.get_header_value(GuardedServer::kRangeHeader), file.size);
       }
     }
+    figures_.Record("media", range.kind == RangeRequest::Kind::kUnsatisfiable ? 416 : 200, 0,
+                    options_.clockMs());
     switch (range.kind) {
       case RangeRequest::Kind::kUnsatisfiable:
         res.status = 416;

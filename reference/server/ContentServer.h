@@ -1,7 +1,9 @@
 // ContentServer: the reference content server as an object that a program or a test
 // starts and stops in-process. It answers the protocol endpoints under
 // /Subscriptions/client/<name> and publishes the media folder under /media with
-// byte ranges and validators.
+// byte ranges and validators. Unless turned off, it also serves the operator's
+// console under /admin (see console/ConsoleSite.h) and counts what it answers for
+// the console's figures.
 //
 // Start() and Stop() are meant for one controlling thread; requests are served on
 // the server's own pool of threads. The store is safe to use from other threads
@@ -19,9 +21,14 @@
 #include "reference/server/ContentStore.h"
 #include "reference/server/GuardedServer.h"
 #include "reference/server/Status.h"
+#include "reference/server/admin/ConsoleSessions.h"
+#include "reference/server/admin/TrafficFigures.h"
 
 namespace zolvani::refserver {
 
+class AdminApi;
+class ConsoleSite;
+class ConsoleStore;
 class MediaLibrary;
 class ProtocolHandler;
 
@@ -38,6 +45,11 @@ struct ServerOptions {
   int threads = 64;
   ConnectionLimits limits;           // deadlines, connection caps, size limits
   std::function<int64_t()> clockMs;  // milliseconds since 1970; wall clock when empty
+  // The operator's console under /admin, answering loopback clients only unless
+  // consoleFromAnywhere is set.
+  bool console = true;
+  bool consoleFromAnywhere = false;
+  SessionLimits consoleSessions;
 };
 
 class ContentServer {
@@ -58,16 +70,25 @@ class ContentServer {
   // "http://address:port" once started.
   std::string url() const;
   ContentStore* store() { return store_.get(); }
+  // Null when the console is off.
+  ConsoleStore* consoleStore() { return consoleStore_.get(); }
+  TrafficFigures* figures() { return &figures_; }
   const std::filesystem::path& mediaRoot() const;
 
   static int64_t WallClockMs();
 
  private:
-  ContentServer(ServerOptions options, std::unique_ptr<ContentStore> store);
+  ContentServer(ServerOptions options, std::unique_ptr<ContentStore> store,
+                std::unique_ptr<ConsoleStore> consoleStore);
   void InstallRoutes();
 
   ServerOptions options_;
   std::unique_ptr<ContentStore> store_;
+  std::unique_ptr<ConsoleStore> consoleStore_;
+  TrafficFigures figures_;
+  ConsoleSessions sessions_;
+  std::unique_ptr<AdminApi> admin_;
+  std::unique_ptr<ConsoleSite> consoleSite_;
   std::unique_ptr<MediaLibrary> media_;
   std::unique_ptr<ProtocolHandler> protocol_;
   std::unique_ptr<GuardedServer> http_;

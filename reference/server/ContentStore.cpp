@@ -8,95 +8,11 @@
 #include <system_error>
 
 #include "reference/server/JsonLimits.h"
+#include "reference/server/SqliteStatement.h"
 
 namespace zolvani::refserver {
 
 namespace {
-
-// A prepared statement that finalises itself; binds are 1-based like SQLite's.
-class Statement {
- public:
-  Statement(sqlite3* db, const char* sql) : db_(db) {
-    prepared_ = sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) == SQLITE_OK;
-  }
-  ~Statement() { sqlite3_finalize(stmt_); }
-  Statement(const Statement&) = delete;
-  Statement& operator=(const Statement&) = delete;
-
-  bool prepared() const { return prepared_; }
-  Statement& Bind(int index, const std::string& text) {
-    sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
-    return *this;
-  }
-  Statement& Bind(int index, int64_t value) {
-    sqlite3_bind_int64(stmt_, index, value);
-    return *this;
-  }
-  Statement& BindNull(int index) {
-    sqlite3_bind_null(stmt_, index);
-    return *this;
-  }
-  // SQLITE_ROW, SQLITE_DONE or an error code.
-  int Step() { return sqlite3_step(stmt_); }
-  void Reset() {
-    sqlite3_reset(stmt_);
-    sqlite3_clear_bindings(stmt_);
-  }
-  std::string Text(int column) const {
-    const auto* text = sqlite3_column_text(stmt_, column);
-    return text == nullptr ? std::string()
-                           : std::string(reinterpret_cast<const char*>(text),
-                                         static_cast<size_t>(sqlite3_column_bytes(stmt_, column)));
-  }
-  int64_t Int(int column) const { return sqlite3_column_int64(stmt_, column); }
-  Status Error(const char* what) const {
-    return Status::IOError(std::string(what) + ": " + sqlite3_errmsg(db_));
-  }
-
- private:
-  sqlite3* db_;
-  sqlite3_stmt* stmt_ = nullptr;
-  bool prepared_ = false;
-};
-
-Status Exec(sqlite3* db, const char* sql) {
-  char* message = nullptr;
-  if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
-    std::string text = message != nullptr ? message : "unknown error";
-    sqlite3_free(message);
-    return Status::IOError(text);
-  }
-  return Status::OK();
-}
-
-// Runs a statement that returns no rows.
-Status Run(Statement& statement, const char* what) {
-  if (!statement.prepared()) return statement.Error(what);
-  const int rc = statement.Step();
-  if (rc != SQLITE_DONE && rc != SQLITE_ROW) return statement.Error(what);
-  return Status::OK();
-}
-
-// BEGIN IMMEDIATE ... COMMIT, rolled back when the scope ends without Commit().
-class Transaction {
- public:
-  Transaction(sqlite3* db, bool write) : db_(db) {
-    status_ = Exec(db, write ? "BEGIN IMMEDIATE" : "BEGIN");
-  }
-  ~Transaction() {
-    if (status_.ok() && !done_) Exec(db_, "ROLLBACK");
-  }
-  const Status& status() const { return status_; }
-  Status Commit() {
-    done_ = true;
-    return Exec(db_, "COMMIT");
-  }
-
- private:
-  sqlite3* db_;
-  Status status_;
-  bool done_ = false;
-};
 
 constexpr const char* kSchema = R"sql(
 CREATE TABLE IF NOT EXISTS accounts (
@@ -328,8 +244,7 @@ Status ContentStore::PublishItem(const Item& item, const std::string& publisher,
     if (!feed.subscribable) {
       return Status::FailedPrecondition("feed " + item.feed + " is not subscribable");
     }
-    Statement grant(db_,
-                    "SELECT 1 FROM publishers WHERE user = ?1 AND (feed = ?2 OR feed = '')");
+    Statement grant(db_, "SELECT 1 FROM publishers WHERE user = ?1 AND (feed = ?2 OR feed = '')");
     if (!grant.prepared()) return grant.Error("find publisher");
     grant.Bind(1, publisher).Bind(2, item.feed);
     const int rc = grant.Step();
@@ -661,6 +576,182 @@ Status ContentStore::ListPushes(const std::string& user, const std::string& devi
       if (!s.ok()) return s;
     }
   }
+  return tx.Commit();
+}
+
+Status ContentStore::ListAccounts(std::vector<AccountSummary>* accounts) {
+  std::lock_guard lock(mutex_);
+  Statement st(db_,
+               "SELECT a.user, a.public_key, (SELECT COUNT(*) FROM devices d WHERE d.user = "
+               "a.user) FROM accounts a ORDER BY a.user");
+  if (!st.prepared()) return st.Error("list accounts");
+  accounts->clear();
+  int rc;
+  while ((rc = st.Step()) == SQLITE_ROW) accounts->push_back({st.Text(0), st.Text(1), st.Int(2)});
+  if (rc != SQLITE_DONE) return st.Error("list accounts");
+  return Status::OK();
+}
+
+Status ContentStore::ListFeeds(std::vector<FeedSummary>* feeds) {
+  std::lock_guard lock(mutex_);
+  Statement st(db_,
+               "SELECT f.id, f.title, f.subscribable, f.max_assets, f.auto_delete, f.max_bitrate, "
+               "(SELECT COUNT(*) FROM items i WHERE i.feed = f.id), "
+               "(SELECT COUNT(*) FROM subscriptions s WHERE s.feed = f.id) "
+               "FROM feeds f ORDER BY f.id");
+  if (!st.prepared()) return st.Error("list feeds");
+  feeds->clear();
+  int rc;
+  while ((rc = st.Step()) == SQLITE_ROW) {
+    FeedSummary f;
+    f.feed.id = st.Text(0);
+    f.feed.title = st.Text(1);
+    f.feed.subscribable = st.Int(2) != 0;
+    f.feed.defaults =
+        FeedRules{static_cast<int32_t>(st.Int(3)), st.Int(4) != 0, static_cast<int32_t>(st.Int(5))};
+    f.items = st.Int(6);
+    f.subscribers = st.Int(7);
+    feeds->push_back(std::move(f));
+  }
+  if (rc != SQLITE_DONE) return st.Error("list feeds");
+  return Status::OK();
+}
+
+Status ContentStore::ListItems(const std::string& feed, const std::string& user, int limit,
+                               std::vector<Item>* items) {
+  std::lock_guard lock(mutex_);
+  Statement st(db_,
+               "SELECT uuid, feed, user, created_ms, media_path, metadata FROM items "
+               "WHERE (?1 = '' OR feed = ?1) AND (?2 = '' OR user = ?2) "
+               "ORDER BY created_ms DESC, uuid LIMIT ?3");
+  if (!st.prepared()) return st.Error("list items");
+  st.Bind(1, feed).Bind(2, user).Bind(3, int64_t{std::max(0, limit)});
+  items->clear();
+  int rc;
+  while ((rc = st.Step()) == SQLITE_ROW) items->push_back(ReadItem(st));
+  if (rc != SQLITE_DONE) return st.Error("list items");
+  return Status::OK();
+}
+
+Status ContentStore::ListDevices(std::vector<DeviceSummary>* devices) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, false);
+  if (!tx.status().ok()) return tx.status();
+  Statement st(db_,
+               "SELECT d.user, d.device, d.first_seen_ms, d.last_seen_ms, "
+               "COALESCE(p.service, ''), (SELECT COUNT(*) FROM pushes n WHERE n.user = d.user "
+               "AND n.device = d.device AND n.delivered = 0) FROM devices d LEFT JOIN "
+               "push_registrations p ON p.user = d.user AND p.device = d.device "
+               "ORDER BY d.last_seen_ms DESC, d.user, d.device");
+  if (!st.prepared()) return st.Error("list devices");
+  devices->clear();
+  int rc;
+  while ((rc = st.Step()) == SQLITE_ROW) {
+    DeviceSummary d;
+    d.user = st.Text(0);
+    d.device = st.Text(1);
+    d.firstSeenMs = st.Int(2);
+    d.lastSeenMs = st.Int(3);
+    d.pushService = st.Text(4);
+    d.pendingPushes = st.Int(5);
+    devices->push_back(std::move(d));
+  }
+  if (rc != SQLITE_DONE) return st.Error("list devices");
+  Statement subs(db_,
+                 "SELECT feed FROM subscriptions WHERE user = ?1 AND device = ?2 ORDER BY feed");
+  if (!subs.prepared()) return subs.Error("list subscriptions");
+  for (auto& d : *devices) {
+    subs.Reset();
+    subs.Bind(1, d.user).Bind(2, d.device);
+    while ((rc = subs.Step()) == SQLITE_ROW) d.subscriptions.push_back(subs.Text(0));
+    if (rc != SQLITE_DONE) return subs.Error("list subscriptions");
+  }
+  return tx.Commit();
+}
+
+Status ContentStore::RemoveItem(const std::string& uuid) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, true);
+  if (!tx.status().ok()) return tx.status();
+  {
+    Statement st(db_, "DELETE FROM items WHERE uuid = ?1");
+    st.Bind(1, uuid);
+    Status s = Run(st, "remove item");
+    if (!s.ok()) return s;
+    if (sqlite3_changes(db_) == 0) return Status::NotFound("unknown item " + uuid);
+  }
+  Statement st(db_, "DELETE FROM pushes WHERE item_uuid = ?1 AND delivered = 0");
+  st.Bind(1, uuid);
+  Status s = Run(st, "remove push notices");
+  if (!s.ok()) return s;
+  return tx.Commit();
+}
+
+Status ContentStore::SetRulesForSubscribers(const std::string& feedId, const FeedRules& rules,
+                                            int64_t* changed) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, true);
+  if (!tx.status().ok()) return tx.status();
+  Feed feed;
+  Status s = FindFeedLocked(db_, feedId, &feed);
+  if (!s.ok()) return s;
+  Statement st(db_,
+               "INSERT INTO rules (user, device, feed, max_assets, auto_delete, max_bitrate) "
+               "SELECT user, device, feed, ?2, ?3, ?4 FROM subscriptions WHERE feed = ?1 "
+               "ON CONFLICT(user, device, feed) DO UPDATE SET max_assets = ?2, "
+               "auto_delete = ?3, max_bitrate = ?4");
+  st.Bind(1, feedId)
+      .Bind(2, int64_t{rules.maxAssets})
+      .Bind(3, int64_t{rules.autoDelete})
+      .Bind(4, int64_t{rules.maxBitrate});
+  s = Run(st, "set subscribers' rules");
+  if (!s.ok()) return s;
+  if (changed != nullptr) *changed = sqlite3_changes(db_);
+  return tx.Commit();
+}
+
+Status ContentStore::AddPushNotice(const std::string& user, const std::string& device,
+                                   const std::string& itemUuid, int64_t nowMs, PushNotice* notice) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, true);
+  if (!tx.status().ok()) return tx.status();
+  PushNotice n;
+  {
+    Statement st(db_,
+                 "SELECT COALESCE(p.service, ''), COALESCE(p.token, '') FROM devices d LEFT JOIN "
+                 "push_registrations p ON p.user = d.user AND p.device = d.device "
+                 "WHERE d.user = ?1 AND d.device = ?2");
+    if (!st.prepared()) return st.Error("find device");
+    st.Bind(1, user).Bind(2, device);
+    if (st.Step() != SQLITE_ROW) return Status::NotFound("unknown device " + user + "/" + device);
+    n.service = st.Text(0);
+    n.token = st.Text(1);
+  }
+  {
+    Statement st(db_, "SELECT COALESCE(feed, '') FROM items WHERE uuid = ?1");
+    if (!st.prepared()) return st.Error("find item");
+    st.Bind(1, itemUuid);
+    if (st.Step() != SQLITE_ROW) return Status::NotFound("unknown item " + itemUuid);
+    n.feed = st.Text(0);
+  }
+  n.user = user;
+  n.device = device;
+  n.itemUuid = itemUuid;
+  n.createdMs = nowMs;
+  Statement insert(db_,
+                   "INSERT INTO pushes (user, device, service, token, item_uuid, feed, created_ms) "
+                   "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)");
+  insert.Bind(1, n.user)
+      .Bind(2, n.device)
+      .Bind(3, n.service)
+      .Bind(4, n.token)
+      .Bind(5, n.itemUuid)
+      .Bind(6, n.feed)
+      .Bind(7, n.createdMs);
+  Status s = Run(insert, "record push notice");
+  if (!s.ok()) return s;
+  n.id = sqlite3_last_insert_rowid(db_);
+  if (notice != nullptr) *notice = n;
   return tx.Commit();
 }
 

@@ -75,6 +75,31 @@ struct PushNotice {
   bool delivered = false;
 };
 
+// What the console lists of a feed: the feed with its counts.
+struct FeedSummary {
+  Feed feed;
+  int64_t items = 0;
+  int64_t subscribers = 0;
+};
+
+// What the console lists of an account; the secret never leaves the store this way.
+struct AccountSummary {
+  std::string user;
+  std::string publicKey;
+  int64_t devices = 0;
+};
+
+// A device as the server knows it from its requests.
+struct DeviceSummary {
+  std::string user;
+  std::string device;
+  int64_t firstSeenMs = 0;
+  int64_t lastSeenMs = 0;   // recorded at most once a minute while the device is busy
+  std::string pushService;  // empty when the device registered no push token
+  std::vector<std::string> subscriptions;  // sorted
+  int64_t pendingPushes = 0;
+};
+
 // What one device's catalog holds, read in one transaction.
 struct CatalogSnapshot {
   std::vector<std::string> subscriptions;                 // feed identifiers, sorted
@@ -147,6 +172,27 @@ class ContentStore {
   Status ReadCatalog(const std::string& user, const std::string& device,
                      std::optional<int64_t> sinceMs, bool subscribedOnly,
                      CatalogSnapshot* snapshot);
+
+  // Administration listings, each read in one transaction. Items are newest first,
+  // at most `limit`; `feed` or `user` filters them when not empty.
+  Status ListAccounts(std::vector<AccountSummary>* accounts);
+  Status ListFeeds(std::vector<FeedSummary>* feeds);
+  Status ListItems(const std::string& feed, const std::string& user, int limit,
+                   std::vector<Item>* items);
+  Status ListDevices(std::vector<DeviceSummary>* devices);
+
+  // Removes an item (NotFound when absent) with its pending push notices; devices
+  // that downloaded it keep their copy until their own rules delete it.
+  Status RemoveItem(const std::string& uuid);
+
+  // Gives every device subscribed to `feed` these rules, as if set one by one with
+  // SetRules; `changed` receives how many devices that concerned.
+  Status SetRulesForSubscribers(const std::string& feed, const FeedRules& rules, int64_t* changed);
+
+  // Records a push notice of an existing item for one known device, as the
+  // administrator's nudge to fetch it now.
+  Status AddPushNotice(const std::string& user, const std::string& device,
+                       const std::string& itemUuid, int64_t nowMs, PushNotice* notice);
 
   // Push notices, oldest first; `user` and `device` filter when not empty. With
   // `markDelivered` the listed notices are marked delivered in the same transaction.

@@ -5,12 +5,17 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
 #include <optional>
+
+#include <unistd.h>
 
 #include "reference/server/ContentServer.h"
 #include "reference/server/SampleGenerator.h"
 #include "reference/server/SeedLoader.h"
+#include "reference/server/admin/ConsoleStore.h"
+#include "reference/server/admin/PasswordHasher.h"
 
 namespace {
 
@@ -68,6 +73,8 @@ struct ServeFlags {
   double headerTimeout = 5;
   double bodyTimeout = 10;
   double keepAliveTimeout = 2;
+  bool noConsole = false;
+  bool consoleFromAnywhere = false;
 };
 
 std::chrono::milliseconds Milliseconds(double seconds) {
@@ -93,6 +100,8 @@ int Serve(const std::string& dataDir, const ServeFlags& flags) {
   options.limits.headerTimeout = Milliseconds(flags.headerTimeout);
   options.limits.bodyTimeout = Milliseconds(flags.bodyTimeout);
   options.limits.keepAliveIdle = Milliseconds(flags.keepAliveTimeout);
+  options.console = !flags.noConsole;
+  options.consoleFromAnywhere = flags.consoleFromAnywhere;
   std::unique_ptr<ContentServer> server;
   Status s = ContentServer::Create(options, &server);
   if (!s.ok()) return Fail(s);
@@ -111,10 +120,48 @@ int Serve(const std::string& dataDir, const ServeFlags& flags) {
   s = server->Start();
   if (!s.ok()) return Fail(s);
   std::cout << "listening on " << server->url() << std::endl;
+  if (options.console) {
+    std::string hash;
+    const bool ready = server->consoleStore()->PasswordHash(&hash).ok();
+    spdlog::info("console: {}/admin/{}", server->url(),
+                 ready ? "" : " (no password yet: run zsm-server set-console-password)");
+  }
   int received = 0;
   sigwait(&signals, &received);
   spdlog::info("signal {}: shutting down", received);
   server->Stop();
+  return 0;
+}
+
+// Reads the new console password from ZSM_CONSOLE_PASSWORD, or else the first
+// line of standard input, so that it never appears in a process listing.
+int SetConsolePassword(const std::string& dataDir) {
+  std::string password;
+  if (const char* env = std::getenv("ZSM_CONSOLE_PASSWORD"); env != nullptr && *env != '\0') {
+    password = env;
+  } else {
+    if (isatty(STDIN_FILENO)) std::cerr << "new console password: " << std::flush;
+    std::getline(std::cin, password);
+    if (!password.empty() && password.back() == '\r') password.pop_back();
+  }
+  std::string encoded;
+  Status s = PasswordHasher::Hash(password, PasswordHashParams{}, &encoded);
+  if (!s.ok()) return Fail(s);
+  std::unique_ptr<ConsoleStore> console;
+  s = ConsoleStore::Open(dataDir, &console);
+  if (!s.ok()) return Fail(s);
+  const int64_t now = ContentServer::WallClockMs();
+  s = console->SetPasswordHash(encoded, now);
+  if (s.ok()) {
+    AuditEntry entry;
+    entry.atMs = now;
+    entry.peer = "command line";
+    entry.action = "console.password";
+    entry.target = "console";
+    s = console->Record(std::move(entry));
+  }
+  if (!s.ok()) return Fail(s);
+  std::cout << "console password set; sessions signed in with the old one have ended\n";
   return 0;
 }
 
@@ -154,30 +201,45 @@ int main(int argc, char** argv) {
   serve->add_flag("--generate-sample", flags.generate, "generate the sample content first");
   serve->add_option("--public-url", flags.publicUrl,
                     "base URL devices use for media (default: each request's Host)");
-  serve->add_option("--threads", flags.threads,
-                    "connection threads kept ready (more start on demand)")
+  serve
+      ->add_option("--threads", flags.threads,
+                   "connection threads kept ready (more start on demand)")
       ->capture_default_str()
       ->check(CLI::Range(1, 1024));
-  serve->add_option("--max-connections", flags.limits.maxConnections,
-                    "open connections in all; more are refused with 503")
+  serve
+      ->add_option("--max-connections", flags.limits.maxConnections,
+                   "open connections in all; more are refused with 503")
       ->capture_default_str()
       ->check(CLI::Range(1, 100000));
-  serve->add_option("--max-connections-per-address", flags.limits.maxConnectionsPerAddress,
-                    "open connections from one address (IPv6: one /64)")
+  serve
+      ->add_option("--max-connections-per-address", flags.limits.maxConnectionsPerAddress,
+                   "open connections from one address (IPv6: one /64)")
       ->capture_default_str()
       ->check(CLI::Range(1, 100000));
-  serve->add_option("--header-timeout", flags.headerTimeout,
-                    "seconds for a request line and headers to arrive")
+  serve
+      ->add_option("--header-timeout", flags.headerTimeout,
+                   "seconds for a request line and headers to arrive")
       ->capture_default_str()
       ->check(CLI::Range(0.05, 3600.0));
-  serve->add_option("--body-timeout", flags.bodyTimeout,
-                    "seconds for a request body to arrive after its headers")
+  serve
+      ->add_option("--body-timeout", flags.bodyTimeout,
+                   "seconds for a request body to arrive after its headers")
       ->capture_default_str()
       ->check(CLI::Range(0.05, 3600.0));
-  serve->add_option("--keep-alive-timeout", flags.keepAliveTimeout,
-                    "seconds an idle connection is kept between requests")
+  serve
+      ->add_option("--keep-alive-timeout", flags.keepAliveTimeout,
+                   "seconds an idle connection is kept between requests")
       ->capture_default_str()
       ->check(CLI::Range(0.05, 3600.0));
+
+  serve->add_flag("--no-console", flags.noConsole, "do not serve the operator's console at /admin");
+  serve->add_flag("--console-from-anywhere", flags.consoleFromAnywhere,
+                  "let clients beyond the loopback interface reach the console");
+
+  auto* setPassword = app.add_subcommand(
+      "set-console-password",
+      "set the console's password from ZSM_CONSOLE_PASSWORD or the first line of stdin");
+  addData(setPassword);
 
   auto* addAccount = app.add_subcommand("add-account", "add or replace an account");
   addData(addAccount);
@@ -231,8 +293,8 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   setRule->add_option("--max-bitrate", rules.maxBitrate, "max_bitrate")->capture_default_str();
 
-  auto* grant = app.add_subcommand("grant-publisher",
-                                   "let an account's devices publish into a feed");
+  auto* grant =
+      app.add_subcommand("grant-publisher", "let an account's devices publish into a feed");
   addData(grant);
   auto* revoke = app.add_subcommand("revoke-publisher", "withdraw a publishing grant");
   addData(revoke);
@@ -266,6 +328,7 @@ int main(int argc, char** argv) {
   spdlog::set_level(*LogLevel(logLevel));
 
   if (serve->parsed()) return Serve(dataDir, flags);
+  if (setPassword->parsed()) return SetConsolePassword(dataDir);
   std::unique_ptr<ContentStore> store;
   Status s = OpenStore(dataDir, &store);
   if (!s.ok()) return Fail(s);

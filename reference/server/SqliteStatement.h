@@ -1,0 +1,103 @@
+// SqliteStatement: small RAII helpers over SQLite's C interface that the server's
+// stores share: a prepared statement that finalises itself, a statement run for
+// its effect, and a transaction rolled back unless committed.
+//
+// Not thread-safe: a statement and a transaction belong to the thread that holds
+// their store's lock.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <string>
+
+#include "reference/server/Status.h"
+
+namespace zolvani::refserver {
+
+// A prepared statement that finalises itself; binds are 1-based like SQLite's.
+class Statement {
+ public:
+  Statement(sqlite3* db, const char* sql) : db_(db) {
+    prepared_ = sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) == SQLITE_OK;
+  }
+  ~Statement() { sqlite3_finalize(stmt_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  bool prepared() const { return prepared_; }
+  Statement& Bind(int index, const std::string& text) {
+    sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+    return *this;
+  }
+  Statement& Bind(int index, int64_t value) {
+    sqlite3_bind_int64(stmt_, index, value);
+    return *this;
+  }
+  Statement& BindNull(int index) {
+    sqlite3_bind_null(stmt_, index);
+    return *this;
+  }
+  // SQLITE_ROW, SQLITE_DONE or an error code.
+  int Step() { return sqlite3_step(stmt_); }
+  void Reset() {
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+  }
+  std::string Text(int column) const {
+    const auto* text = sqlite3_column_text(stmt_, column);
+    return text == nullptr ? std::string()
+                           : std::string(reinterpret_cast<const char*>(text),
+                                         static_cast<size_t>(sqlite3_column_bytes(stmt_, column)));
+  }
+  int64_t Int(int column) const { return sqlite3_column_int64(stmt_, column); }
+  Status Error(const char* what) const {
+    return Status::IOError(std::string(what) + ": " + sqlite3_errmsg(db_));
+  }
+
+ private:
+  sqlite3* db_;
+  sqlite3_stmt* stmt_ = nullptr;
+  bool prepared_ = false;
+};
+
+inline Status Exec(sqlite3* db, const char* sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+    std::string text = message != nullptr ? message : "unknown error";
+    sqlite3_free(message);
+    return Status::IOError(text);
+  }
+  return Status::OK();
+}
+
+// Runs a statement that returns no rows.
+inline Status Run(Statement& statement, const char* what) {
+  if (!statement.prepared()) return statement.Error(what);
+  const int rc = statement.Step();
+  if (rc != SQLITE_DONE && rc != SQLITE_ROW) return statement.Error(what);
+  return Status::OK();
+}
+
+// BEGIN IMMEDIATE ... COMMIT, rolled back when the scope ends without Commit().
+class Transaction {
+ public:
+  Transaction(sqlite3* db, bool write) : db_(db) {
+    status_ = Exec(db, write ? "BEGIN IMMEDIATE" : "BEGIN");
+  }
+  ~Transaction() {
+    if (status_.ok() && !done_) Exec(db_, "ROLLBACK");
+  }
+  const Status& status() const { return status_; }
+  Status Commit() {
+    done_ = true;
+    return Exec(db_, "COMMIT");
+  }
+
+ private:
+  sqlite3* db_;
+  Status status_;
+  bool done_ = false;
+};
+
+}  // namespace zolvani::refserver

@@ -1,0 +1,238 @@
+// The console's pages. Each takes the element to fill and draws itself from the
+// API; the app redraws it after every change and, for live pages, every few
+// seconds.
+import { get, post } from './api.js';
+import { ago, checkbox, field, formValues, h, options, rulesText, table, toast } from './dom.js';
+
+// Runs a change, reports it, and redraws the page.
+async function change(route, body, done, redraw) {
+  try {
+    const reply = await post(route, body);
+    toast(done(reply));
+    await redraw();
+    return reply;
+  } catch (e) {
+    toast(e.message, true);
+    return null;
+  }
+}
+
+function rulesInputs(r = { max_assets: 10, auto_delete: true, max_bitrate: 0 }) {
+  return [
+    field('Max items', h('input', { name: 'max_assets', type: 'number', min: 0, max: 100000, value: r.max_assets, required: true })),
+    field('Max bit rate (0: any)', h('input', { name: 'max_bitrate', type: 'number', min: 0, value: r.max_bitrate })),
+    checkbox('Delete old items automatically', { name: 'auto_delete', checked: r.auto_delete }),
+  ];
+}
+
+export async function dashboard(root, redraw) {
+  const [figures, audit] = await Promise.all([get('figures'), get('audit', { limit: 15 })]);
+  const s = figures.store;
+  const tile = (n, label, id) => h('div', { class: 'tile', id }, h('div', { class: 'n' }, n), h('div', { class: 'l' }, label));
+  const minutes = figures.minutes;
+  const perMinute = minutes.map((m) => Object.values(m.requests).reduce((a, b) => a + b, 0));
+  const peak = Math.max(1, ...perMinute);
+  const bars = minutes.map((m, i) => {
+    const bar = h('div', { class: m.errors ? 'err' : null, title: `${new Date(m.minute_ms).toLocaleTimeString()}: ${perMinute[i]} requests, ${m.errors} errors` });
+    bar.style.height = `${(100 * perMinute[i]) / peak}%`;
+    return bar;
+  });
+  const lastMinute = minutes.at(-1);
+  const endpoints = Object.entries(figures.totals).map(([name, t]) => ({ name, ...t, now: lastMinute.requests[name] ?? 0 }));
+  root.replaceChildren(
+    h('h1', {}, 'Dashboard'),
+    h('div', { class: 'tiles' },
+      tile(s.feeds, 'feeds', 'tile-feeds'), tile(s.feed_items, 'feed items', 'tile-items'),
+      tile(s.devices, 'devices', 'tile-devices'), tile(s.devices_seen_last_hour, 'seen in the last hour', 'tile-active'),
+      tile(s.accounts, 'accounts', 'tile-accounts')),
+    h('section', { class: 'card' }, h('h2', {}, 'Requests per minute, last hour'), h('div', { class: 'chart', id: 'chart' }, bars)),
+    h('section', { class: 'card' }, h('h2', {}, 'By endpoint since ', new Date(figures.since_ms).toLocaleString()),
+      table('endpoints', [
+        ['Endpoint', (e) => e.name], ['This minute', (e) => e.now], ['Requests', (e) => e.requests],
+        ['Errors', (e) => e.errors], ['Signature refusals', (e) => e.signature_refusals]],
+      endpoints, 'No requests yet.')),
+    h('section', { class: 'card' }, h('h2', {}, 'Recent changes'),
+      table('audit', [
+        ['When', (e) => ago(e.at_ms)], ['What', (e) => e.action], ['Concerning', (e) => e.target], ['From', (e) => e.peer]],
+      audit.entries, 'No changes recorded.')));
+}
+
+export async function feeds(root, redraw) {
+  const [{ feeds: list }, { accounts }] = await Promise.all([get('feeds'), get('accounts')]);
+  const users = accounts.map((a) => [a.user, a.user]);
+  const createForm = h('form', { class: 'grid', id: 'feed-create' },
+    field('Identifier', h('input', { name: 'id', required: true, maxlength: 128, autocapitalize: 'off' })),
+    field('Title', h('input', { name: 'title', maxlength: 512 })),
+    ...rulesInputs(),
+    checkbox('Devices may subscribe', { name: 'subscribable', checked: true }),
+    h('button', { type: 'submit' }, 'Create feed'));
+  createForm.addEventListener('submit', async (ev) => {
+    ev.preventDefault();
+    const v = formValues(createForm);
+    await change('feeds/create', v, () => `Feed ${v.id} created`, redraw);
+  });
+
+  const editor = h('div', { id: 'feed-editor' });
+  const edit = (feed) => {
+    const form = h('form', { class: 'grid', id: 'feed-edit' },
+      field('Title', h('input', { name: 'title', value: feed.title, maxlength: 512 })),
+      ...rulesInputs(feed.rules),
+      checkbox('Devices may subscribe', { name: 'subscribable', checked: feed.subscribable }),
+      checkbox('Give subscribed devices these rules too', { name: 'apply_to_subscribers', checked: true }),
+      h('button', { type: 'submit' }, 'Save'));
+    form.addEventListener('submit', async (ev) => {
+      ev.preventDefault();
+      await change('feeds/update', { id: feed.id, ...formValues(form) },
+        (r) => `Feed ${feed.id} saved; ${r.devices_updated} device(s) get the new rules at their next sync`, redraw);
+    });
+    const grant = h('form', { class: 'grid', id: 'publisher-grant' },
+      field('Account', h('select', { name: 'user' }, options(users))),
+      h('button', { type: 'submit', class: 'secondary' }, 'Let publish'));
+    grant.addEventListener('submit', async (ev) => {
+      ev.preventDefault();
+      const { user } = formValues(grant);
+      await change('publishers/grant', { feed: feed.id, user }, () => `${user} may publish into ${feed.id}`, redraw);
+    });
+    editor.replaceChildren(h('section', { class: 'card' },
+      h('h2', {}, `Edit ${feed.id}`), form,
+      h('h2', {}, 'Publishers'),
+      h('p', {}, feed.publishers.length ? feed.publishers.map((u) => h('span', { class: 'tag' }, u,
+        ' ', h('button', { type: 'button', class: 'link', title: `revoke ${u}`, onclick: () => change('publishers/revoke', { feed: feed.id, user: u }, () => `${u} no longer publishes ${feed.id}`, redraw) }, '×'))) : h('span', { class: 'muted' }, 'None.')),
+      grant));
+    editor.scrollIntoView({ behavior: 'smooth' });
+  };
+
+  root.replaceChildren(
+    h('h1', {}, 'Feeds'),
+    h('section', { class: 'card' },
+      table('feeds-table', [
+        ['Feed', (f) => h('strong', {}, f.id)], ['Title', (f) => f.title],
+        ['Subscribable', (f) => h('span', { class: f.subscribable ? 'tag ok' : 'tag off' }, f.subscribable ? 'yes' : 'no')],
+        ['Rules', (f) => rulesText(f.rules)], ['Items', (f) => f.items], ['Subscribers', (f) => f.subscribers],
+        ['Publishers', (f) => f.publishers.join(', ') || '—'],
+        ['', (f) => h('button', { type: 'button', class: 'secondary', 'data-feed': f.id, onclick: () => edit(f) }, 'Edit')]],
+      list, 'No feeds yet: create one below.')),
+    editor,
+    h('section', { class: 'card' }, h('h2', {}, 'New feed'), createForm));
+}
+
+export async function items(root, redraw, state) {
+  const [{ feeds: feedList }, { accounts }, { files }] = await Promise.all([get('feeds'), get('accounts'), get('media')]);
+  state.feed ??= '';
+  const { items: list } = await get('items', { feed: state.feed, limit: 200 });
+  const filter = h('select', { id: 'items-filter', onchange: (ev) => { state.feed = ev.target.value; redraw(); } },
+    options([['', 'All items'], ...feedList.map((f) => [f.id, f.id])], state.feed));
+  const target = [...feedList.filter((f) => f.subscribable).map((f) => [`feed:${f.id}`, `feed ${f.id}`]),
+    ...accounts.map((a) => [`user:${a.user}`, `direct item for ${a.user}`])];
+  const form = h('form', { class: 'grid', id: 'item-publish' },
+    field('Publish to', h('select', { name: 'target', required: true }, options(target, state.feed ? `feed:${state.feed}` : undefined))),
+    field('Title', h('input', { name: 'title', required: true, maxlength: 1024 })),
+    field('File in the media folder', h('select', { name: 'media' }, options([['', '— or give a URL —'], ...files.map((f) => [f.path, f.path])]))),
+    field('or URL', h('input', { name: 'url', type: 'url', placeholder: 'https://…' })),
+    field('Description', h('input', { name: 'desc' })),
+    field('Identifier (empty: made up)', h('input', { name: 'uuid', maxlength: 256, autocapitalize: 'off' })),
+    h('button', { type: 'submit' }, 'Publish'));
+  form.addEventListener('submit', async (ev) => {
+    ev.preventDefault();
+    const v = formValues(form);
+    const [kind, ...rest] = v.target.split(':');
+    const body = { title: v.title, desc: v.desc, uuid: v.uuid || null, media: v.media || null, url: v.url || null };
+    body[kind === 'feed' ? 'feed' : 'user'] = rest.join(':');
+    await change('items/publish', body, (r) => `Published ${r.uuid}; ${r.notified_devices} device(s) notified`, redraw);
+  });
+  root.replaceChildren(
+    h('h1', {}, 'Items'),
+    h('section', { class: 'card' }, h('h2', {}, 'Publish an item'), form),
+    h('section', { class: 'card' },
+      h('div', { class: 'row' }, h('h2', {}, 'Published'), filter),
+      table('items-table', [
+        ['Item', (i) => h('strong', {}, i.metadata.title || i.uuid)], ['Identifier', (i) => i.uuid],
+        ['In', (i) => (i.feed ? `feed ${i.feed}` : `direct for ${i.user}`)],
+        ['Source', (i) => i.media || i.metadata.downloadURL || ''], ['Created', (i) => ago(i.created_ms)],
+        ['', (i) => h('button', { type: 'button', class: 'danger', onclick: () => {
+          if (confirm(`Remove ${i.uuid}? Devices that have it keep their copy until their rules delete it.`)) {
+            change('items/remove', { uuid: i.uuid }, () => `Removed ${i.uuid}`, redraw);
+          }
+        } }, 'Remove')]],
+      list, 'No items.')));
+}
+
+export async function devices(root, redraw) {
+  const [{ devices: list }, { feeds: feedList }, { items: recent }, { pushes }] = await Promise.all([
+    get('devices'), get('feeds'), get('items', { limit: 50 }), get('pushes', { all: 1, limit: 20 })]);
+  const panel = h('div', { id: 'device-panel' });
+  const open = (d) => {
+    const rules = h('form', { class: 'grid', id: 'device-rules' },
+      field('Feed', h('select', { name: 'feed' }, options((d.subscriptions.length ? d.subscriptions : feedList.map((f) => f.id)).map((f) => [f, f])))),
+      ...rulesInputs(d.rules[d.subscriptions[0]]),
+      h('button', { type: 'submit' }, 'Set rules'));
+    rules.addEventListener('submit', async (ev) => {
+      ev.preventDefault();
+      await change('devices/rules', { user: d.user, device: d.device, ...formValues(rules) },
+        () => `Rules set for ${d.device}; they apply at its next sync`, redraw);
+    });
+    const push = h('form', { class: 'grid', id: 'device-push' },
+      field('Item', h('select', { name: 'item' }, options(recent.map((i) => [i.uuid, `${i.metadata.title || i.uuid} (${i.uuid})`])))),
+      h('button', { type: 'submit', class: 'secondary' }, 'Send push notice'));
+    push.addEventListener('submit', async (ev) => {
+      ev.preventDefault();
+      await change('devices/push', { user: d.user, device: d.device, ...formValues(push) },
+        (r) => `Push notice ${r.notice.id} recorded for ${d.device}`, redraw);
+    });
+    panel.replaceChildren(h('section', { class: 'card' }, h('h2', {}, `${d.user} / ${d.device}`), rules, h('h2', {}, 'Push'), push));
+  };
+  root.replaceChildren(
+    h('h1', {}, 'Devices'),
+    h('section', { class: 'card' },
+      table('devices-table', [
+        ['Device', (d) => h('strong', {}, d.device)], ['Account', (d) => d.user],
+        ['Last seen', (d) => ago(d.last_seen_ms)],
+        ['Subscriptions', (d) => d.subscriptions.length ? d.subscriptions.map((f) => h('span', { class: 'tag', title: d.rules[f] ? rulesText(d.rules[f]) : '' }, f)) : '—'],
+        ['Rules', (d) => Object.entries(d.rules).map(([f, r]) => h('div', {}, `${f}: ${rulesText(r)}`))],
+        ['Push', (d) => `${d.push_service || 'no token'}, ${d.pending_pushes} pending`],
+        ['', (d) => h('button', { type: 'button', class: 'secondary', 'data-device': d.device, onclick: () => open(d) }, 'Manage')]],
+      list, 'No device has called yet.')),
+    panel,
+    h('section', { class: 'card' }, h('h2', {}, 'Recent push notices'),
+      table('pushes-table', [
+        ['Device', (p) => `${p.user}/${p.device}`], ['Item', (p) => p.item], ['Feed', (p) => p.feed || 'direct'],
+        ['When', (p) => ago(p.created_ms)], ['Delivered', (p) => (p.delivered ? 'yes' : 'pending')]],
+      pushes, 'No push notices.')));
+  return { live: true };
+}
+
+export async function accounts(root, redraw) {
+  const { accounts: list } = await get('accounts');
+  const shown = h('div', { id: 'account-secret' });
+  const reveal = (r) => {
+    if (r.secret) {
+      shown.replaceChildren(h('section', { class: 'card' }, h('h2', {}, `Secret of ${r.user}`),
+        h('p', {}, 'Shown this once: give it to the devices of this account.'),
+        h('p', {}, 'Key ', h('span', { class: 'secret' }, r.key), ' secret ', h('span', { class: 'secret', id: 'new-secret' }, r.secret))));
+    }
+    return `Account ${r.user} saved`;
+  };
+  const form = h('form', { class: 'grid', id: 'account-save' },
+    field('User', h('input', { name: 'user', required: true, maxlength: 128, autocapitalize: 'off' })),
+    field('Public key (empty: made up)', h('input', { name: 'key', maxlength: 512, autocapitalize: 'off' })),
+    field('Secret (empty: made up)', h('input', { name: 'secret', type: 'password', maxlength: 512, autocomplete: 'new-password' })),
+    h('button', { type: 'submit' }, 'Save account'));
+  form.addEventListener('submit', async (ev) => {
+    ev.preventDefault();
+    const v = formValues(form);
+    await change('accounts/save', { user: v.user, key: v.key || null, secret: v.secret || null }, reveal, redraw);
+  });
+  root.replaceChildren(
+    h('h1', {}, 'Accounts'),
+    shown,
+    h('section', { class: 'card' },
+      table('accounts-table', [
+        ['Account', (a) => h('strong', {}, a.user)], ['Public key', (a) => a.key], ['Devices', (a) => a.devices],
+        ['', (a) => h('button', { type: 'button', class: 'secondary', onclick: () => {
+          if (confirm(`Give ${a.user} a new secret? Its devices stop being accepted until they get it.`)) {
+            change('accounts/save', { user: a.user, new_secret: true }, reveal, redraw);
+          }
+        } }, 'New secret')]],
+      list, 'No accounts.')),
+    h('section', { class: 'card' }, h('h2', {}, 'Add or change an account'), form));
+}

@@ -1,0 +1,225 @@
+// The operator's console in Debian's chromium, headless: sign-in refusals, a feed
+// and an item made through the pages, a real device (zsm) subscribing and syncing
+// and showing up on the devices page, a rule changed in the console reaching the
+// device at its next sync, and forged requests refused. Screenshots of every page
+// at desktop and phone widths go to $ZSM_SCREENSHOTS.
+import { chromium } from 'playwright-core';
+import assert from 'node:assert/strict';
+import { spawn, execFile } from 'node:child_process';
+import { mkdtempSync, mkdirSync, rmSync, writeFileSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { promisify } from 'node:util';
+
+const run = promisify(execFile);
+const server = process.env.ZSM_SERVER;
+const zsm = process.env.ZSM_CLI;
+const shots = process.env.ZSM_SCREENSHOTS ?? 'screenshots';
+const password = 'console test password';
+const work = mkdtempSync(join(tmpdir(), 'zsm-console-'));
+const data = join(work, 'server');
+const device = join(work, 'device');
+mkdirSync(shots, { recursive: true });
+
+function step(text) {
+  console.log(`- ${text}`);
+}
+
+async function zsmJson(...args) {
+  const { stdout } = await run(zsm, ['--data', device, '--json', '--timeout', '20', ...args],
+    { timeout: 60000 });
+  return JSON.parse(stdout);
+}
+
+// Starts `zsm-server serve` on a free loopback port; resolves with its URL.
+function startServer() {
+  const child = spawn(server, ['serve', '--data', data, '--port', '0'], { stdio: ['ignore', 'pipe', 'pipe'] });
+  let log = '';
+  child.stderr.on('data', (d) => { log += d; });
+  return new Promise((resolve, reject) => {
+    let out = '';
+    const timer = setTimeout(() => reject(new Error(`server silent; log:\n${log}`)), 20000);
+    child.stdout.on('data', (d) => {
+      out += d;
+      const m = out.match(/listening on (http:\/\/\S+)/);
+      if (m) {
+        clearTimeout(timer);
+        resolve({ child, url: m[1], log: () => log });
+      }
+    });
+    child.on('exit', (code) => reject(new Error(`server exited ${code}; log:\n${log}`)));
+  });
+}
+
+const widths = { desktop: { width: 1280, height: 860 }, phone: { width: 390, height: 844 } };
+
+async function screenshots(page, name) {
+  for (const [label, size] of Object.entries(widths)) {
+    await page.setViewportSize(size);
+    await page.waitForTimeout(150);
+    await page.screenshot({ path: join(shots, `${name}-${label}.png`), fullPage: true });
+  }
+  await page.setViewportSize(widths.desktop);
+}
+
+async function open(page, url, name) {
+  await page.goto(`${url}/admin/#/${name}`);
+  await page.locator(`#page[data-page="${name}"]`).waitFor();
+}
+
+let srv;
+let browser;
+try {
+  // A media file to publish, and the console's password, before the server starts.
+  mkdirSync(join(data, 'media', 'clips'), { recursive: true });
+  writeFileSync(join(data, 'media', 'clips', 'harbour.mp4'), Buffer.alloc(64 * 1024, 7));
+  writeFileSync(join(data, 'media', 'clips', 'market.mp4'), Buffer.alloc(48 * 1024, 9));
+  await run(server, ['set-console-password', '--data', data],
+    { env: { ...process.env, ZSM_CONSOLE_PASSWORD: password } });
+  srv = await startServer();
+  const url = srv.url;
+  step(`server at ${url}`);
+
+  browser = await chromium.launch({ executablePath: process.env.ZSM_CHROMIUM ?? '/usr/bin/chromium', headless: true });
+  const context = await browser.newContext({ viewport: widths.desktop });
+  const page = await context.newPage();
+  const pageErrors = [];
+  page.on('pageerror', (e) => pageErrors.push(e.message));
+
+  step('no session: the API refuses, the pages ask for a password');
+  assert.equal((await context.request.get(`${url}/admin/api/feeds`)).status(), 401);
+  await page.goto(`${url}/admin/`);
+  await page.locator('#login').waitFor();
+  await screenshots(page, 'login');
+
+  step('a wrong password is refused');
+  await page.fill('#password', 'not the password');
+  await page.click('#login-form button');
+  await page.locator('#login-error', { hasText: 'wrong password' }).waitFor();
+  assert.equal(await page.locator('#nav').isHidden(), true);
+
+  step('the right password signs in; the cookie is HttpOnly and SameSite=Strict');
+  await page.fill('#password', password);
+  await page.click('#login-form button');
+  await page.locator('#page[data-page="dashboard"]').waitFor();
+  const [cookie] = await context.cookies();
+  assert.equal(cookie.name, 'zsm_console');
+  assert.equal(cookie.httpOnly, true);
+  assert.equal(cookie.sameSite, 'Strict');
+  assert.equal(await page.evaluate(() => document.cookie), '');
+
+  step('an account for the device, with a secret the console makes up');
+  await open(page, url, 'accounts');
+  await page.fill('#account-save [name=user]', 'harbour');
+  await page.fill('#account-save [name=key]', 'harbour-key');
+  await page.click('#account-save button');
+  const secret = (await page.locator('#new-secret').textContent()).trim();
+  assert.match(secret, /^[0-9a-f]{48}$/);
+  await page.locator('#accounts-table', { hasText: 'harbour-key' }).waitFor();
+
+  step('a feed');
+  await open(page, url, 'feeds');
+  await page.fill('#feed-create [name=id]', 'harbour-news');
+  await page.fill('#feed-create [name=title]', 'Harbour News');
+  await page.fill('#feed-create [name=max_assets]', '5');
+  await page.click('#feed-create button');
+  await page.locator('#feeds-table', { hasText: 'Harbour News' }).waitFor();
+
+  step('two items from the media folder');
+  await open(page, url, 'items');
+  for (const [title, file] of [['Harbour at dawn', 'clips/harbour.mp4'], ['Fish market', 'clips/market.mp4']]) {
+    await page.selectOption('#item-publish [name=target]', 'feed:harbour-news');
+    await page.fill('#item-publish [name=title]', title);
+    await page.selectOption('#item-publish [name=media]', file);
+    await page.click('#item-publish button');
+    await page.locator('#items-table', { hasText: title }).waitFor();
+    await page.waitForTimeout(1100);  // distinct creation seconds keep the order plain
+  }
+
+  step('the device subscribes and syncs');
+  await zsmJson('config', '--server', url, '--user', 'harbour', '--key', 'harbour-key', '--secret', secret);
+  const deviceId = (await zsmJson('config')).device_id;
+  assert.ok(deviceId);
+  await zsmJson('subscribe', 'harbour-news');
+  await zsmJson('sync', '--since', '1d', '--watch', '--watch-timeout', '30');
+  let feeds = await zsmJson('feeds');
+  let feed = feeds.feeds?.find((f) => f.feed === 'harbour-news') ?? feeds.find?.((f) => f.feed === 'harbour-news');
+  assert.ok(feed, JSON.stringify(feeds));
+  assert.equal(feed.max_items, 5);
+  assert.equal(feed.items.length, 2, JSON.stringify(feed));
+
+  step('the device appears on the devices page, subscribed');
+  await open(page, url, 'devices');
+  const row = page.locator('#devices-table tr', { hasText: deviceId });
+  await row.waitFor({ timeout: 10000 });
+  await row.locator('.tag', { hasText: 'harbour-news' }).waitFor();
+  assert.match(await row.textContent(), /s ago|min ago/);
+
+  step('a rule changed in the console reaches the device at its next sync');
+  await open(page, url, 'feeds');
+  await page.click('button[data-feed="harbour-news"]');
+  await page.fill('#feed-edit [name=max_assets]', '1');
+  await page.click('#feed-edit button');
+  await page.locator('#toast', { hasText: '1 device(s)' }).waitFor();
+  await zsmJson('sync');
+  feeds = await zsmJson('feeds');
+  feed = feeds.feeds?.find((f) => f.feed === 'harbour-news') ?? feeds.find?.((f) => f.feed === 'harbour-news');
+  assert.equal(feed.max_items, 1, JSON.stringify(feed));
+  assert.equal(feed.rules_from, 'server');
+  await open(page, url, 'devices');
+  await page.locator('#devices-table', { hasText: 'harbour-news: max 1' }).waitFor();
+
+  step('forged requests are refused');
+  // A page of another site posts a form at the console: SameSite keeps the cookie
+  // at home, and the Origin names the other site; either refuses it.
+  let forged;
+  await page.route('http://attacker.test/**', (r) => r.fulfill({
+    contentType: 'text/html',
+    body: `<form method="post" enctype="text/plain" action="${url}/admin/api/feeds/create">
+      <input name='{"id":"forged","x":"' value='"}'></form>
+      <script>document.forms[0].submit()</script>`,
+  }));
+  const forgedReply = page.waitForResponse((r) => r.url().endsWith('/admin/api/feeds/create'));
+  await page.goto('http://attacker.test/');
+  forged = await forgedReply;
+  assert.equal(forged.status(), 403);
+  assert.ok(!((await forged.request().allHeaders()).cookie ?? '').includes('zsm_console'),
+    'the session cookie went along with a cross-site form');
+  // The same with the cookie attached (as a browser without SameSite would): no
+  // token, or another site's Origin, is refused all the same.
+  for (const headers of [{ Origin: url }, { Origin: 'http://attacker.test', 'X-Zsm-Csrf': 'x'.repeat(64) }]) {
+    const reply = await context.request.post(`${url}/admin/api/feeds/create`, { headers, data: { id: 'forged' } });
+    assert.equal(reply.status(), 403, JSON.stringify(headers));
+  }
+  const list = await (await context.request.get(`${url}/admin/api/feeds`)).json();
+  assert.deepEqual(list.feeds.map((f) => f.id), ['harbour-news']);
+
+  step('screenshots of every page');
+  for (const name of ['dashboard', 'feeds', 'items', 'devices', 'accounts']) {
+    await open(page, url, name);
+    if (name === 'feeds') await page.click('button[data-feed="harbour-news"]');
+    if (name === 'devices') await page.click(`button[data-device="${deviceId}"]`);
+    await screenshots(page, name);
+  }
+  await open(page, url, 'dashboard');
+  const audit = await page.locator('#audit').textContent();
+  for (const action of ['feed.create', 'item.publish', 'feed.update', 'account.create', 'login.refused']) {
+    assert.ok(audit.includes(action), `audit log lacks ${action}`);
+  }
+  assert.ok(Number(await page.locator('#tile-devices .n').textContent()) >= 1);
+
+  step('signing out ends the session');
+  await page.click('#logout');
+  await page.locator('#login').waitFor();
+  assert.equal((await context.request.get(`${url}/admin/api/devices`)).status(), 401);
+  assert.deepEqual(pageErrors, []);
+  console.log(`console test passed; screenshots in ${shots}`);
+} catch (e) {
+  console.error(e);
+  if (srv) console.error(`server log:\n${srv.log()}`);
+  process.exitCode = 1;
+} finally {
+  await browser?.close();
+  srv?.child.kill('SIGTERM');
+  rmSync(work, { recursive: true, force: true });
+}

@@ -1,0 +1,357 @@
+// The admin API's gatekeeping (every route without a session, with a forged change
+// and with a good session) and what its changes do to the store and the audit log.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "reference/server/admin/AdminApi.h"
+#include "reference/server/admin/PasswordHasher.h"
+
+namespace zolvani::refserver {
+namespace {
+
+namespace fs = std::filesystem;
+using json = nlohmann::json;
+
+constexpr const char* kPassword = "console password 1";
+constexpr const char* kHost = "127.0.0.1:8080";
+constexpr const char* kOrigin = "http://127.0.0.1:8080";
+
+class AdminApiTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() /
+           ("zsm-admin-" + std::to_string(::getpid()) + "-" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(dir_);
+    fs::create_directories(dir_ / "media" / "clips");
+    std::ofstream(dir_ / "media" / "clips" / "one.mp4") << "not really a video";
+    ASSERT_TRUE(ContentStore::Open(dir_, &content_).ok());
+    ASSERT_TRUE(ConsoleStore::Open(dir_, &console_).ok());
+    api_ = std::make_unique<AdminApi>(content_.get(), console_.get(), &sessions_, &figures_,
+                                      dir_ / "media", [this] { return nowMs_.load(); });
+    ASSERT_TRUE(content_->AddAccount({"demo", "demo-key", "demo-secret"}).ok());
+    Feed news{"news", "News", true, {5, true, 0}};
+    ASSERT_TRUE(content_->AddFeed(news).ok());
+    ASSERT_TRUE(content_->TouchDevice("demo", "box-1", nowMs_).ok());
+    ASSERT_TRUE(content_->Subscribe("demo", "box-1", "news").ok());
+    Item item;
+    item.uuid = "news-1";
+    item.feed = "news";
+    item.createdMs = nowMs_;
+    item.metadata = {{"downloadURL", "http://example.test/1.mp4"}};
+    ASSERT_TRUE(content_->AddItem(item, nowMs_).ok());
+  }
+
+  void TearDown() override {
+    api_.reset();
+    content_.reset();
+    console_.reset();
+    fs::remove_all(dir_);
+  }
+
+  void SetPassword() {
+    std::string encoded;
+    ASSERT_TRUE(PasswordHasher::Hash(kPassword, {1, 1024, 1}, &encoded).ok());
+    ASSERT_TRUE(console_->SetPasswordHash(encoded, nowMs_).ok());
+  }
+
+  AdminReply Call(const std::string& method, const std::string& route, const json& body = {},
+                  const std::string& cookie = "", const std::string& csrf = "",
+                  const std::string& origin = kOrigin) {
+    AdminRequest r;
+    r.method = method;
+    r.route = route;
+    r.cookie = cookie;
+    r.csrf = csrf;
+    r.origin = origin;
+    r.host = kHost;
+    r.peer = "127.0.0.1";
+    r.body = body.is_null() ? "" : body.dump();
+    return api_->Handle(r);
+  }
+
+  // Signs in; the cookie header a browser would send and the change token.
+  std::pair<std::string, std::string> SignIn() {
+    AdminReply reply = Call("POST", "login", {{"password", kPassword}});
+    EXPECT_EQ(reply.status, 200) << reply.body.dump();
+    EXPECT_EQ(reply.setCookies.size(), 1u);
+    if (reply.setCookies.empty()) return {};
+    const std::string& cookie = reply.setCookies[0];
+    return {"theme=dark; " + cookie.substr(0, cookie.find(';')),
+            reply.body.value("csrf_token", "")};
+  }
+
+  std::vector<std::string> AuditActions() {
+    std::vector<AuditEntry> entries;
+    EXPECT_TRUE(console_->ListAudit(100, 0, &entries).ok());
+    std::vector<std::string> actions;
+    for (auto it = entries.rbegin(); it != entries.rend(); ++it) actions.push_back(it->action);
+    return actions;
+  }
+
+  fs::path dir_;
+  std::atomic<int64_t> nowMs_{1700000000000};
+  std::unique_ptr<ContentStore> content_;
+  std::unique_ptr<ConsoleStore> console_;
+  ConsoleSessions sessions_;
+  TrafficFigures figures_;
+  std::unique_ptr<AdminApi> api_;
+};
+
+TEST_F(AdminApiTest, EveryRouteWantsASessionAndEveryChangeItsTokenAndOrigin) {
+  SetPassword();
+  const auto [cookie, csrf] = SignIn();
+  ASSERT_FALSE(csrf.empty());
+  const std::string forged(64, 'a');
+  struct Route {
+    const char* method;
+    const char* name;
+    json body;  // a body that succeeds with a good session
+  } routes[] = {
+      {"GET", "session", nullptr},
+      {"GET", "figures", nullptr},
+      {"GET", "feeds", nullptr},
+      {"GET", "publishers", nullptr},
+      {"GET", "items", nullptr},
+      {"GET", "media", nullptr},
+      {"GET", "devices", nullptr},
+      {"GET", "pushes", nullptr},
+      {"GET", "accounts", nullptr},
+      {"GET", "audit", nullptr},
+      {"POST", "feeds/create", {{"id", "sport"}, {"title", "Sport"}, {"max_assets", 3}}},
+      {"POST", "feeds/update", {{"id", "news"}, {"max_assets", 2}}},
+      {"POST", "publishers/grant", {{"user", "demo"}, {"feed", "news"}}},
+      {"POST", "publishers/revoke", {{"user", "demo"}, {"feed", "news"}}},
+      {"POST", "items/publish", {{"feed", "news"}, {"media", "clips/one.mp4"}, {"title", "One"}}},
+      {"POST",
+       "devices/rules",
+       {{"user", "demo"}, {"device", "box-1"}, {"feed", "news"}, {"max_assets", 1}}},
+      {"POST", "devices/push", {{"user", "demo"}, {"device", "box-1"}, {"item", "news-1"}}},
+      {"POST", "items/remove", {{"uuid", "news-1"}}},
+      {"POST", "accounts/save", {{"user", "kiosk"}}},
+  };
+  for (const auto& r : routes) {
+    SCOPED_TRACE(std::string(r.method) + " " + r.name);
+    const bool change = std::string(r.method) == "POST";
+    const size_t auditBefore = AuditActions().size();
+    // No session at all, and a session that was never issued.
+    EXPECT_EQ(Call(r.method, r.name, r.body, "", csrf).status, 401);
+    EXPECT_EQ(Call(r.method, r.name, r.body, "zsm_console=" + forged, csrf).status, 401);
+    if (change) {
+      // The cookie alone, as a cross-site form would send it if SameSite failed.
+      EXPECT_EQ(Call(r.method, r.name, r.body, cookie, "").status, 403);
+      EXPECT_EQ(Call(r.method, r.name, r.body, cookie, forged).status, 403);
+      // The right token from another site's page, or with no Origin.
+      EXPECT_EQ(Call(r.method, r.name, r.body, cookie, csrf, "http://evil.test").status, 403);
+      EXPECT_EQ(Call(r.method, r.name, r.body, cookie, csrf, "").status, 403);
+      EXPECT_EQ(Call(r.method, r.name, r.body, cookie, csrf, "null").status, 403);
+      // Nothing refused made it into the audit log, so nothing changed.
+      EXPECT_EQ(AuditActions().size(), auditBefore);
+    }
+    const AdminReply good = Call(r.method, r.name, r.body, cookie, csrf);
+    EXPECT_EQ(good.status, 200) << good.body.dump();
+    EXPECT_EQ(AuditActions().size(), auditBefore + (change ? 1 : 0));
+    // A read with the other method is not a way around the checks.
+    EXPECT_EQ(Call(change ? "GET" : "POST", r.name, r.body, cookie, csrf).status, 405);
+  }
+  EXPECT_EQ(Call("GET", "nothing-here", nullptr, cookie, csrf).status, 404);
+
+  // A new password ends sessions signed in before it, even from another process.
+  const auto [other, otherCsrf] = SignIn();
+  nowMs_ += 1000;
+  ASSERT_TRUE(console_->SetPasswordHash("$argon2id$unused", nowMs_).ok());
+  EXPECT_EQ(Call("GET", "feeds", nullptr, other).status, 401);
+  SetPassword();
+  const auto [fresh, freshCsrf] = SignIn();
+  EXPECT_EQ(Call("GET", "feeds", nullptr, fresh).status, 200);
+
+  // Signing out ends the session for every later request.
+  EXPECT_EQ(Call("POST", "logout", json::object(), fresh, freshCsrf).status, 200);
+  EXPECT_EQ(Call("GET", "feeds", nullptr, fresh, freshCsrf).status, 401);
+  EXPECT_EQ(Call("GET", "feeds", nullptr, cookie, csrf).status, 401);
+}
+
+TEST_F(AdminApiTest, SignInNeedsThePasswordAndGivesAStrictHttpOnlyCookie) {
+  // No password yet: the console says how to set one.
+  AdminReply none = Call("POST", "login", {{"password", kPassword}});
+  EXPECT_EQ(none.status, 503);
+  EXPECT_NE(none.body["error"].get<std::string>().find("set-console-password"), std::string::npos);
+  SetPassword();
+
+  struct Case {
+    json body;
+    std::string origin;
+    int status;
+  } cases[] = {
+      {{{"password", "wrong password"}}, kOrigin, 401},
+      {{{"password", 12345678}}, kOrigin, 400},
+      {json::object(), kOrigin, 400},
+      {{{"password", kPassword}}, "http://evil.test", 403},  // another site signing us in
+  };
+  for (const auto& c : cases) {
+    const AdminReply reply = Call("POST", "login", c.body, "", "", c.origin);
+    EXPECT_EQ(reply.status, c.status) << c.body.dump();
+    EXPECT_TRUE(reply.setCookies.empty());
+  }
+  AdminReply good = Call("POST", "login", {{"password", kPassword}});
+  ASSERT_EQ(good.status, 200);
+  ASSERT_EQ(good.setCookies.size(), 1u);
+  const std::string& cookie = good.setCookies[0];
+  EXPECT_EQ(cookie.rfind("zsm_console=", 0), 0u);
+  EXPECT_NE(cookie.find("; HttpOnly"), std::string::npos);
+  EXPECT_NE(cookie.find("; SameSite=Strict"), std::string::npos);
+  EXPECT_NE(cookie.find("; Path=/admin"), std::string::npos);
+  // The session identifier and the change token are different secrets.
+  EXPECT_EQ(cookie.find(good.body["csrf_token"].get<std::string>()), std::string::npos);
+}
+
+TEST_F(AdminApiTest, RepeatedWrongPasswordsLockSignInForAMinute) {
+  SetPassword();
+  for (int i = 0; i < AdminApi::kLoginFailuresPerMinute; ++i) {
+    EXPECT_EQ(Call("POST", "login", {{"password", "guess number " + std::to_string(i)}}).status,
+              401);
+  }
+  // Even the right password waits: guessing must not learn anything meanwhile.
+  EXPECT_EQ(Call("POST", "login", {{"password", kPassword}}).status, 429);
+  nowMs_ += 61000;
+  EXPECT_EQ(Call("POST", "login", {{"password", kPassword}}).status, 200);
+  const auto actions = AuditActions();
+  EXPECT_EQ(std::count(actions.begin(), actions.end(), "login.refused"),
+            AdminApi::kLoginFailuresPerMinute);
+  EXPECT_EQ(actions.back(), "login");
+}
+
+TEST_F(AdminApiTest, ChangesReachDevicesAndBadInputIsRefusedWithReasons) {
+  SetPassword();
+  const auto [cookie, csrf] = SignIn();
+  auto post = [&](const std::string& route, const json& body) {
+    return Call("POST", route, body, cookie, csrf);
+  };
+  // A feed's new rules reach its subscribers only when asked to.
+  ASSERT_EQ(post("feeds/update", {{"id", "news"}, {"max_assets", 2}}).status, 200);
+  CatalogSnapshot snap;
+  ASSERT_TRUE(content_->ReadCatalog("demo", "box-1", std::nullopt, true, &snap).ok());
+  EXPECT_EQ(snap.rules["news"].maxAssets, 5);
+  AdminReply applied = post(
+      "feeds/update",
+      {{"id", "news"}, {"max_assets", 1}, {"auto_delete", false}, {"apply_to_subscribers", true}});
+  ASSERT_EQ(applied.status, 200);
+  EXPECT_EQ(applied.body["devices_updated"], 1);
+  ASSERT_TRUE(content_->ReadCatalog("demo", "box-1", std::nullopt, true, &snap).ok());
+  EXPECT_EQ(snap.rules["news"].maxAssets, 1);
+  EXPECT_FALSE(snap.rules["news"].autoDelete);
+
+  // Publishing notifies subscribers; removing takes the item out of catalogs.
+  AdminReply published =
+      post("items/publish", {{"feed", "news"}, {"media", "clips/one.mp4"}, {"title", "One"}});
+  ASSERT_EQ(published.status, 200) << published.body.dump();
+  EXPECT_EQ(published.body["notified_devices"], 1);
+  const std::string uuid = published.body["uuid"];
+  ASSERT_EQ(post("items/remove", {{"uuid", uuid}}).status, 200);
+  ASSERT_TRUE(content_->ReadCatalog("demo", "box-1", std::nullopt, true, &snap).ok());
+  ASSERT_EQ(snap.feeds.size(), 1u);
+  for (const auto& item : snap.feeds[0].second) EXPECT_NE(item.uuid, uuid);
+
+  // A new account's secret is made up and shown once; listings never show it.
+  AdminReply account = post("accounts/save", {{"user", "kiosk"}});
+  ASSERT_EQ(account.status, 200);
+  const std::string secret = account.body["secret"];
+  EXPECT_GE(secret.size(), 32u);
+  EXPECT_EQ(Call("GET", "accounts", nullptr, cookie).body.dump().find(secret), std::string::npos);
+  EXPECT_EQ(Call("GET", "audit", nullptr, cookie).body.dump().find(secret), std::string::npos);
+  AdminReply kept = post("accounts/save", {{"user", "kiosk"}, {"key", "new-key"}});
+  EXPECT_FALSE(kept.body.contains("secret"));
+  Account stored;
+  ASSERT_TRUE(content_->FindAccount("kiosk", &stored).ok());
+  EXPECT_EQ(stored.secret, secret);
+  EXPECT_EQ(stored.publicKey, "new-key");
+
+  struct Case {
+    const char* route;
+    json body;
+    int status;
+    const char* says;
+  } cases[] = {
+      {"feeds/create", {{"id", "news"}}, 409, "already exists"},
+      {"feeds/create", {{"id", ""}}, 400, "\"id\""},
+      {"feeds/create", {{"id", "x\ny"}}, 400, "control"},
+      {"feeds/create", {{"id", "x"}, {"max_assets", -1}}, 400, "max_assets"},
+      {"feeds/create", {{"id", "x"}, {"max_assets", "5"}}, 400, "max_assets"},
+      {"feeds/update", {{"id", "nope"}}, 404, "nope"},
+      {"items/publish", {{"feed", "news"}, {"media", "../server.sqlite"}}, 400, "media folder"},
+      {"items/publish", {{"feed", "news"}, {"media", "clips/missing.mp4"}}, 400, "media folder"},
+      {"items/publish", {{"feed", "news"}, {"url", "file:///etc/passwd"}}, 400, "http"},
+      {"items/publish",
+       {{"feed", "news"}, {"user", "demo"}, {"url", "http://a.test/x"}},
+       400,
+       "either"},
+      {"items/publish",
+       {{"feed", "news"}, {"uuid", "news-1"}, {"url", "http://a.test/x"}},
+       409,
+       "news-1"},
+      {"items/publish", {{"feed", "gone"}, {"url", "http://a.test/x"}}, 404, "gone"},
+      {"items/remove", {{"uuid", "never"}}, 404, "never"},
+      {"devices/push", {{"user", "demo"}, {"device", "box-9"}, {"item", "news-1"}}, 404, "box-9"},
+      {"publishers/grant", {{"user", "nobody"}, {"feed", "news"}}, 404, "nobody"},
+  };
+  for (const auto& c : cases) {
+    const AdminReply reply = post(c.route, c.body);
+    EXPECT_EQ(reply.status, c.status) << c.route << " " << c.body.dump();
+    EXPECT_NE(reply.body.value("error", "").find(c.says), std::string::npos)
+        << c.route << " " << reply.body.dump();
+  }
+  // Bodies that are not JSON objects, or nest without end, are refused whole.
+  for (const std::string& body :
+       {std::string("[]"), std::string("nonsense"), std::string(100, '[')}) {
+    AdminRequest r;
+    r.method = "POST";
+    r.route = "feeds/create";
+    r.cookie = cookie;
+    r.csrf = csrf;
+    r.origin = kOrigin;
+    r.host = kHost;
+    r.body = body;
+    EXPECT_EQ(api_->Handle(r).status, 400) << body;
+  }
+}
+
+TEST(AdminApiHelpersTest, CookiesAndOriginsAreReadExactly) {
+  struct CookieCase {
+    const char* header;
+    const char* value;
+  } cookies[] = {
+      {"zsm_console=abc", "abc"},
+      {"a=1; zsm_console=abc; b=2", "abc"},
+      {"xzsm_console=abc", ""},
+      {"zsm_console_old=abc", ""},
+      {"", ""},
+      {";;;", ""},
+  };
+  for (const auto& c : cookies) {
+    EXPECT_EQ(AdminApi::CookieValue(c.header, "zsm_console"), c.value) << c.header;
+  }
+  struct OriginCase {
+    const char* origin;
+    const char* host;
+    bool same;
+  } origins[] = {
+      {"http://127.0.0.1:8080", "127.0.0.1:8080", true},
+      {"https://console.example", "console.example", true},
+      {"http://127.0.0.1:8081", "127.0.0.1:8080", false},
+      {"http://127.0.0.1:8080.evil.test", "127.0.0.1:8080", false},
+      {"http://localhost:8080", "127.0.0.1:8080", false},
+      {"null", "127.0.0.1:8080", false},
+      {"", "", false},
+  };
+  for (const auto& c : origins) {
+    EXPECT_EQ(AdminApi::SameOrigin(c.origin, c.host), c.same) << c.origin << " " << c.host;
+  }
+}
+
+}  // namespace
+}  // namespace zolvani::refserver
