@@ -175,67 +175,6 @@ int runSubscriptions(const CommandContext& context) {
 
 namespace {
 
-// The push update has no completion: its outcome is one of these log lines.
-struct PushOutcome {
-  bool finished = false;
-  bool ok = false;
-  std::optional<Error> error;
-};
-
-constexpr std::string_view kTransportErrorLine = "Received error from network request: ";
-
-// The error an Error::describe() text describes; none when it does not read so.
-std::optional<Error> errorFromDescription(const std::string& text) {
-  const auto space = text.find(' ');
-  const auto colon = text.find(": ", space == std::string::npos ? 0 : space);
-  if (space == std::string::npos || colon == std::string::npos || space == 0) return std::nullopt;
-  const std::string code = text.substr(space + 1, colon - space - 1);
-  char* end = nullptr;
-  const long long value = std::strtoll(code.c_str(), &end, 10);
-  if (code.empty() || *end != '\0') return std::nullopt;
-  return Error::make(text.substr(0, space), value, text.substr(colon + 2));
-}
-
-PushOutcome judgePushLog(const std::vector<LogLine>& lines) {
-  const std::string domain(kZolvaniSubscriptionManagerErrorDomain);
-  for (const auto& l : lines) {
-    const std::string& t = l.message;
-    if (t.find("Push request was successful") != std::string::npos) return {true, true, {}};
-    if (auto at = t.find("Received an internal error report from the server: ");
-        at != std::string::npos) {
-      // "...: <text>(<code>)"
-      std::string rest = t.substr(at + 51);
-      std::int64_t code = -3;
-      if (auto open = rest.rfind('('); open != std::string::npos && rest.back() == ')') {
-        code = std::strtoll(rest.c_str() + open + 1, nullptr, 10);
-        rest = rest.substr(0, open);
-      }
-      return {true, false, Error::make(domain, code, rest)};
-    }
-    if (auto at = t.find("Received an unexpected status code from the server: ");
-        at != std::string::npos) {
-      const long long status = std::strtoll(t.c_str() + at + 52, nullptr, 10);
-      const std::int64_t code = status == 403 ? -1 : status == 404 ? -2 : -3;
-      return {true, false,
-              Error::make(domain, code, "The server answered HTTP " + std::to_string(status))};
-    }
-    // "...: <domain> <code>: <description>", the transport's error as it was.
-    if (auto at = t.find(kTransportErrorLine); at != std::string::npos) {
-      if (auto error = errorFromDescription(t.substr(at + kTransportErrorLine.size())))
-        return {true, false, std::move(error)};
-    }
-    for (const char* failure :
-         {"Received error from network request", "Response from server was nil",
-          "Attempted to lookup subscriptions while offline",
-          "Attempted to lookup subscriptions before starting",
-          "Cannot complete push update request"}) {
-      if (auto at = t.find(failure); at != std::string::npos)
-        return {true, false, Error::make(domain, -3, t.substr(at))};
-    }
-  }
-  return {};
-}
-
 }  // namespace
 
 int runPublish(const CommandContext& context, const PublishOptions& options) {
