@@ -385,9 +385,9 @@ int zsm_host_start(zsm_host* host, zsm_error** error) {
       if (auto wake = weakWake.lock()) wake->wakeNow();
     });
     observe(host);
-    host->runtime->setProgressListener([toMain, inbox](const zsm::reference::AssetInfo& a) {
-      const bool finished = a.state == zsm::reference::AssetState::kComplete ||
-                            a.state == zsm::reference::AssetState::kFailed;
+    host->runtime->setProgressListener([toMain, inbox](const zolvani::reference::AssetInfo& a) {
+      const bool finished = a.state == zolvani::reference::AssetState::kComplete ||
+                            a.state == zolvani::reference::AssetState::kFailed;
       nlohmann::json doc = zsm::assetJson(a);
       toMain([inbox, finished, doc = std::move(doc)] {
         emit(inbox, finished ? ZSM_EVENT_DOWNLOAD_FINISHED : ZSM_EVENT_DOWNLOAD_PROGRESS, doc);

@@ -113,7 +113,7 @@ int zsm_host_status(zsm_host* host, char** json, zsm_error** error) {
     auto& m = rt.manager();
     std::map<std::string, int> states;
     for (const auto& a : rt.listAssets())
-      ++states[std::string(zsm::reference::assetStateName(a.state))];
+      ++states[std::string(zolvani::reference::assetStateName(a.state))];
     const zsm::CliConfig& config = rt.options().config;
     nlohmann::json doc = {{"server", config.serverUrl},
                           {"user", config.user},
@@ -157,8 +157,8 @@ int zsm_host_pending_downloads(zsm_host* host, int64_t* count, zsm_error** error
     if (!count) return failArgument(error, "count is NULL");
     std::int64_t n = 0;
     for (const auto& a : rt->listAssets())
-      n += a.state == zsm::reference::AssetState::kQueued ||
-           a.state == zsm::reference::AssetState::kTransferring;
+      n += a.state == zolvani::reference::AssetState::kQueued ||
+           a.state == zolvani::reference::AssetState::kTransferring;
     *count = n;
     return 0;
   });

@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev curl sqlite3 help2man
   libxml2-dev ffmpeg
+  python3-pytest python3-venv python3-pip python3-setuptools
 )
 
 missing=()

@@ -6,6 +6,8 @@
 // Only one thread at a time may drive the queue.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -22,7 +24,7 @@
 
 namespace zolvani {
 
-class MainQueue final : public DispatchQueue {
+class ZSM_EXPORT MainQueue final : public DispatchQueue {
  public:
   using Clock = std::chrono::steady_clock;
 
