@@ -64,7 +64,10 @@ if [ -n "$leaked" ]; then
 fi
 tests/capi/run_with_server.sh "$work/host/bin/zsm-server" "$work/c-example/sync_example" \
   @URL@ @DATA@ >"$work/c-example.log" || { cat "$work/c-example.log" >&2; exit 1; }
-"$work/sync_example_pc" 2>/dev/null && exit 1 # usage error without arguments
+if "$work/sync_example_pc" >/dev/null 2>&1; then
+  echo "check-consumer: the pkg-config build of the example ran without its arguments" >&2
+  exit 1
+fi
 /usr/bin/python3 -m venv --system-site-packages "$work/venv"
 "$work/venv/bin/pip" install -q --no-build-isolation --no-index ./python >/dev/null
 (cd "$work" && LD_LIBRARY_PATH="$libdir" "$work/venv/bin/python" -c \
