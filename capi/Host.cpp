@@ -145,12 +145,12 @@ void observe(zsm_host* host) {
           doc["last_sync"] = last->secondsSince1970;
         emit(inbox, ZSM_EVENT_SYNC_FINISHED, doc);
       });
-  add(zolvani::kSubscriptionManagerStatusDidChangeNotification,
-      [inbox](const zolvani::Notification& n) {
-        auto it = n.userInfo.find(zolvani::kSubscriptionManagerStatusDidChangeNotificationStatusKey);
-        const std::int64_t status = it == n.userInfo.end() ? -1 : it->second.int64Value();
-        emit(inbox, ZSM_EVENT_STATUS_CHANGED, {{"status", status}, {"name", zsm::statusName(status)}});
-      });
+  add(zolvani::kSubscriptionManagerStatusDidChangeNotification, [inbox](const zolvani::Notification&
+                                                                            n) {
+    auto it = n.userInfo.find(zolvani::kSubscriptionManagerStatusDidChangeNotificationStatusKey);
+    const std::int64_t status = it == n.userInfo.end() ? -1 : it->second.int64Value();
+    emit(inbox, ZSM_EVENT_STATUS_CHANGED, {{"status", status}, {"name", zsm::statusName(status)}});
+  });
 }
 
 bool parseInteger(const char* text, long long low, long long high, long long* value) {
@@ -231,8 +231,8 @@ int zsm_config_set(zsm_config* config, const char* name, const char* value, zsm_
     const std::string n = name;
     const std::string v = value;
     auto bad = [&](const std::string& expected) {
-      return failArgument(error, "configuration " + n + ": expected " + expected + ", got \"" +
-                                     v + "\"");
+      return failArgument(error,
+                          "configuration " + n + ": expected " + expected + ", got \"" + v + "\"");
     };
     long long number = 0;
     if (n == "data_folder") {

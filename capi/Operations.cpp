@@ -41,8 +41,7 @@ class Reply {
   void deliver(std::optional<Error> error, const nlohmann::json& json) const {
     if (state_->done.exchange(true)) return;
     std::string text;
-    if (!json.is_null())
-      text = json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    if (!json.is_null()) text = json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     auto state = state_;
     auto queue = state->queue.lock();
     if (!queue) return;
@@ -231,15 +230,15 @@ int zsm_host_subscribe_with_rules(zsm_host* host, const char* feed, int32_t max_
       auto* rt = startedRuntime(host, error);
       if (!rt) return -1;
       auto& m = rt->manager();
-      return subscribe(host, feed, m.maximumSubscriptionItemsPerFeed(), std::nullopt,
-                       std::nullopt, callback, user_data, error);
+      return subscribe(host, feed, m.maximumSubscriptionItemsPerFeed(), std::nullopt, std::nullopt,
+                       callback, user_data, error);
     });
   }
   return subscribe(host, feed, items, del, bitrate, callback, user_data, error);
 }
 
-int zsm_host_unsubscribe(zsm_host* host, const char* feed, zsm_result_fn callback,
-                         void* user_data, zsm_error** error) {
+int zsm_host_unsubscribe(zsm_host* host, const char* feed, zsm_result_fn callback, void* user_data,
+                         zsm_error** error) {
   return guarded(error, [&]() -> int {
     auto* rt = startedRuntime(host, error);
     if (!rt) return -1;
@@ -248,12 +247,13 @@ int zsm_host_unsubscribe(zsm_host* host, const char* feed, zsm_result_fn callbac
     Reply reply(host, callback, user_data);
     const std::string f = feed;
     begin(host, reply, freshSecond(host), [=] {
-      rt->manager().unregisterForSubscription(f, onMain(host, [=](bool ok, std::optional<Error> e) {
-        if (ok)
-          reply.succeed({{"unsubscribed", nlohmann::json::array({f})}});
-        else
-          reply.fail(e.value_or(capiError(ZSM_ERROR_SERVER, "unsubscribe failed")));
-      }));
+      rt->manager().unregisterForSubscription(
+          f, onMain(host, [=](bool ok, std::optional<Error> e) {
+            if (ok)
+              reply.succeed({{"unsubscribed", nlohmann::json::array({f})}});
+            else
+              reply.fail(e.value_or(capiError(ZSM_ERROR_SERVER, "unsubscribe failed")));
+          }));
     });
     return 0;
   });
@@ -315,8 +315,8 @@ int zsm_host_sync(zsm_host* host, int force, zsm_result_fn callback, void* user_
     const bool forced = force != 0;
     begin(host, reply, std::chrono::milliseconds(0), [=] {
       rt->manager().syncSubscriptionsWithKeelhallNowUsingForce(
-          forced, onMain(host, [=](bool ok, std::optional<Value::Array> list,
-                                   std::optional<Error> e) {
+          forced,
+          onMain(host, [=](bool ok, std::optional<Value::Array> list, std::optional<Error> e) {
             if (!ok) {
               reply.fail(e.value_or(capiError(
                   ZSM_ERROR_STATE,
@@ -344,8 +344,8 @@ int zsm_host_push_notice(zsm_host* host, const char* payload_json, zsm_result_fn
     Reply reply(host, callback, user_data);
     begin(host, reply, std::chrono::milliseconds(0), [=] {
       const bool accepted = rt->manager().canProcessRemotePushNotice(payload);
-      const int handlers = rt->engine().deliverRemotePush(
-          payload, [=](zolvani::BackgroundFetchResult r) {
+      const int handlers =
+          rt->engine().deliverRemotePush(payload, [=](zolvani::BackgroundFetchResult r) {
             reply.succeed({{"accepted", true},
                            {"answer", static_cast<std::int64_t>(r)},
                            {"answer_name", answerName(r)}});
@@ -365,11 +365,10 @@ int zsm_host_background_fetch(zsm_host* host, zsm_result_fn callback, void* user
     if (!rt) return -1;
     Reply reply(host, callback, user_data);
     begin(host, reply, std::chrono::milliseconds(0), [=] {
-      const int handlers =
-          rt->engine().deliverBackgroundFetch([=](zolvani::BackgroundFetchResult r) {
-            reply.succeed(
-                {{"answer", static_cast<std::int64_t>(r)}, {"answer_name", answerName(r)}});
-          });
+      const int handlers = rt->engine().deliverBackgroundFetch([=](zolvani::BackgroundFetchResult
+                                                                       r) {
+        reply.succeed({{"answer", static_cast<std::int64_t>(r)}, {"answer_name", answerName(r)}});
+      });
       if (handlers == 0)
         reply.fail(capiError(ZSM_ERROR_STATE, "no handler took the background fetch"));
     });
@@ -377,8 +376,8 @@ int zsm_host_background_fetch(zsm_host* host, zsm_result_fn callback, void* user
   });
 }
 
-int zsm_host_publish(zsm_host* host, const char* item_json, zsm_result_fn callback,
-                     void* user_data, zsm_error** error) {
+int zsm_host_publish(zsm_host* host, const char* item_json, zsm_result_fn callback, void* user_data,
+                     zsm_error** error) {
   return guarded(error, [&]() -> int {
     auto* rt = startedRuntime(host, error);
     if (!rt) return -1;

@@ -217,8 +217,8 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
   if (auto error = rt->engine_->start()) return error;
 
   rt->roles_ = rt->engine_->roles();
-  rt->logger_ = std::make_shared<CapturingLogger>(rt->roles_.logger, options.echoLogLevel,
-                                                  options.logSink);
+  rt->logger_ =
+      std::make_shared<CapturingLogger>(rt->roles_.logger, options.echoLogLevel, options.logSink);
   rt->roles_.logger = rt->logger_;
   rt->roles_.utilities =
       std::make_shared<HostUtilities>(rt->roles_.utilities, options.applicationState);
@@ -327,8 +327,7 @@ std::chrono::milliseconds HostRuntime::freshSecondDelay() {
   return delay;
 }
 
-void HostRuntime::setProgressListener(
-    std::function<void(const reference::AssetInfo&)> listener) {
+void HostRuntime::setProgressListener(std::function<void(const reference::AssetInfo&)> listener) {
   std::lock_guard lock(mutex_);
   progressListener_ = std::move(listener);
 }

@@ -68,8 +68,8 @@ int main(int argc, char** argv) {
   const char* feed = argc > 3 ? argv[3] : "morning-news";
   zsm_error* error = NULL;
   zsm_config* config = zsm_config_new();
-  const char* settings[][2] = {{"server_url", argv[1]}, {"data_folder", argv[2]},
-                               {"user", "demo"},        {"key", "demo-public-key"},
+  const char* settings[][2] = {{"server_url", argv[1]},   {"data_folder", argv[2]},
+                               {"user", "demo"},          {"key", "demo-public-key"},
                                {"secret", "demo-secret"}, {"background_launch", "true"}};
   for (size_t i = 0; i < sizeof settings / sizeof settings[0]; ++i)
     if (!check(zsm_config_set(config, settings[i][0], settings[i][1], &error), error)) return 1;
@@ -82,7 +82,8 @@ int main(int argc, char** argv) {
   /* A new device catches up on the last week instead of starting from now. */
   zsm_host_set_last_sync(host, (double)time(NULL) - 7 * 24 * 3600.0, NULL);
   ok = check(zsm_host_subscribe_with_rules(host, feed, 2, 1, -1, on_result, "subscribe", &error),
-             error) && wait_answer(host);
+             error) &&
+       wait_answer(host);
   ok = ok && check(zsm_host_sync(host, 1, on_result, "sync", &error), error) && wait_answer(host);
 
   int64_t pending = 1;

@@ -95,29 +95,33 @@ def test_unsubscribe_removes_the_feed(news_device) -> None:
     assert host.unsubscribe_all() == []
 
 
-def test_events_iterator_and_descriptor(server: Server, work: Path) -> None:
+def test_settings_wakes_events_and_descriptor(server: Server, work: Path) -> None:
     with Host(**device_settings(server, work / "watcher")) as host:
-        selector = selectors.DefaultSelector()
-        selector.register(host.fileno(), selectors.EVENT_READ)
         assert host.settings()["max-items"] == 0
         host.set_max_items(4)
         host.set_autodelete(False)
         host.set_max_bitrate(800000)
         host.set_verbose(False)
-        assert host.settings() == {**host.settings(), "max-items": 4, "autodelete": False,
-                                   "max-bitrate": 800000}
+        settings = host.settings()
+        assert (settings["max-items"], settings["autodelete"], settings["max-bitrate"]) == (
+            4, False, 800000)
         host.last_sync = 1_000_000
-        assert host.last_sync == 1_000_000
-        answers = []
-        # Work that waits makes the descriptor readable.
-        host.push_notice({"subscription_sync": False})
-        fetch = host.background_fetch()
-        assert fetch["answer_name"] in ("new-data", "no-data")
-        answers.append(fetch)
-        assert selector.select(timeout=0) == [] or host.poll() >= 0
-        kinds = [e.kind for e in host.events(timeout=0.5)]
+        assert host.last_sync == 1_000_000 == host.settings()["last-sync"]
+        pushed = host.push_notice({"subscription_sync": False})
+        assert pushed["accepted"] is False and pushed["answer"] is None
+        # No subscriptions: the fetch's sync succeeds with an empty list.
+        assert host.background_fetch()["answer_name"] == "no-data"
+        kinds = [e.kind for e in host.events(timeout=0.3)]
         assert "sync-finished" in kinds
-        selector.close()
+        # The descriptor is readable exactly while work waits.
+        with selectors.DefaultSelector() as selector:
+            selector.register(host.fileno(), selectors.EVENT_READ)
+            host.poll()
+            assert selector.select(timeout=0) == []
+            host.wakeup()
+            assert len(selector.select(timeout=2)) == 1
+            assert host.poll() >= 1
+            assert selector.select(timeout=0) == []
 
 
 def test_arguments_and_states(server: Server, work: Path) -> None:

@@ -162,6 +162,11 @@ class Host:
             raise StateError("zsm", 9, "poll refused (called from a callback of this host?)")
         return ran
 
+    def wakeup(self) -> None:
+        """Makes a waiting :meth:`poll` return; may be called from any thread."""
+        error = ctypes.c_void_p()
+        _check(self._lib.zsm_host_wakeup(self._live(), ctypes.byref(error)), error)
+
     def on_event(self, callback: Callable[[Event], None]) -> None:
         """Calls ``callback(event)`` for every event, inside :meth:`poll` and the
         waiting operations."""

@@ -24,30 +24,30 @@
 
 static int passed = 0, failed = 0;
 
-#define CHECK(cond)                                                   \
-  do {                                                                \
-    if (cond) {                                                       \
-      ++passed;                                                       \
-    } else {                                                          \
-      ++failed;                                                       \
+#define CHECK(cond)                                                            \
+  do {                                                                         \
+    if (cond) {                                                                \
+      ++passed;                                                                \
+    } else {                                                                   \
+      ++failed;                                                                \
       fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-    }                                                                 \
+    }                                                                          \
   } while (0)
 
 /* Checks that `err` is an error of `domain` and `code`, then frees it. */
-#define CHECK_ERROR(err, domain, code)                                          \
-  do {                                                                          \
-    CHECK((err) != NULL);                                                       \
-    if (err) {                                                                  \
-      CHECK(strcmp(zsm_error_domain(err), (domain)) == 0);                      \
-      CHECK(zsm_error_code(err) == (code));                                     \
-      CHECK(zsm_error_description(err)[0] != '\0');                             \
+#define CHECK_ERROR(err, domain, code)                                                   \
+  do {                                                                                   \
+    CHECK((err) != NULL);                                                                \
+    if (err) {                                                                           \
+      CHECK(strcmp(zsm_error_domain(err), (domain)) == 0);                               \
+      CHECK(zsm_error_code(err) == (code));                                              \
+      CHECK(zsm_error_description(err)[0] != '\0');                                      \
       if (strcmp(zsm_error_domain(err), (domain)) != 0 || zsm_error_code(err) != (code)) \
-        fprintf(stderr, "  got %s %lld: %s\n", zsm_error_domain(err),           \
-                (long long)zsm_error_code(err), zsm_error_description(err));    \
-      zsm_error_free(err);                                                      \
-      (err) = NULL;                                                             \
-    }                                                                           \
+        fprintf(stderr, "  got %s %lld: %s\n", zsm_error_domain(err),                    \
+                (long long)zsm_error_code(err), zsm_error_description(err));             \
+      zsm_error_free(err);                                                               \
+      (err) = NULL;                                                                      \
+    }                                                                                    \
   } while (0)
 
 static double now_ms(void) {
@@ -68,8 +68,16 @@ typedef struct {
   char* json;
 } result_t;
 
+/* While set, result callbacks try to drive and to close their own host. */
+static zsm_host* reentry_host = NULL;
+static int reentry_poll = 0, reentry_close = 0;
+
 static void on_result(void* user, const zsm_error* error, const char* json) {
   result_t* r = (result_t*)user;
+  if (reentry_host) {
+    reentry_poll = zsm_host_poll(reentry_host, 0);
+    reentry_close = zsm_host_close(reentry_host);
+  }
   r->done = 1;
   r->calls++;
   if (error) {
@@ -98,9 +106,6 @@ static int wait_for(zsm_host* host, result_t* r, int timeout_ms) {
 typedef struct {
   int counts[16];
   char last_finished[4096];
-  int reentry_poll;  /* what zsm_host_poll answered from inside a callback */
-  int reentry_close;
-  zsm_host* host;
 } events_t;
 
 static void on_event(void* user, int kind, const char* json) {
@@ -108,10 +113,6 @@ static void on_event(void* user, int kind, const char* json) {
   if (kind > 0 && kind < 16) e->counts[kind]++;
   if (kind == ZSM_EVENT_DOWNLOAD_FINISHED)
     snprintf(e->last_finished, sizeof e->last_finished, "%s", json);
-  if (e->host && e->reentry_poll == 0) {
-    e->reentry_poll = zsm_host_poll(e->host, 0);
-    e->reentry_close = zsm_host_close(e->host);
-  }
 }
 
 /* The value of "key":"..." in `json` (no escapes in the values looked for). */
@@ -200,9 +201,9 @@ static void test_arguments(const char* work) {
     const int64_t code = h ? ZSM_ERROR_STATE : ZSM_ERROR_ARGUMENT;
     result_t r;
     memset(&r, 0, sizeof r);
-#define REFUSED(call)                        \
-  do {                                       \
-    CHECK((call) == -1);                     \
+#define REFUSED(call)                         \
+  do {                                        \
+    CHECK((call) == -1);                      \
     CHECK_ERROR(err, ZSM_ERROR_DOMAIN, code); \
   } while (0)
     REFUSED(zsm_host_wakeup(h, &err));
@@ -303,10 +304,10 @@ static zsm_host* device(const char* work, const char* name, const char* url, con
   char folder[1024];
   snprintf(folder, sizeof folder, "%s/%s", work, name);
   zsm_config* config = zsm_config_new();
-  const char* settings[][2] = {{"data_folder", folder},       {"server_url", url},
-                               {"user", "demo"},              {"key", "demo-public-key"},
-                               {"secret", secret},            {"background_launch", "true"},
-                               {"free_space_margin", "0"},    {"log_level", "warning"}};
+  const char* settings[][2] = {{"data_folder", folder},    {"server_url", url},
+                               {"user", "demo"},           {"key", "demo-public-key"},
+                               {"secret", secret},         {"background_launch", "true"},
+                               {"free_space_margin", "0"}, {"log_level", "warning"}};
   for (size_t i = 0; i < sizeof settings / sizeof settings[0]; ++i)
     CHECK(zsm_config_set(config, settings[i][0], settings[i][1], &err) == 0);
   zsm_host* host = NULL;
@@ -388,17 +389,18 @@ static void test_device(const char* work, const char* url) {
   CHECK(poll(&p, 1, 0) == 0 || zsm_host_poll(host, 0) > 0);
   reset(&r);
 
-  /* Callbacks may not drive or close their own host. */
-  events.host = host;
+  /* A waiting poll returns when woken from elsewhere. */
   CHECK(zsm_host_wakeup(host, &err) == 0);
   CHECK(zsm_host_poll(host, 1000) >= 1);
 
-  /* Subscribe with rules, sync, and follow the downloads to the end. */
+  /* Subscribe with rules, sync, and follow the downloads to the end. Callbacks
+   * may not drive or close their own host. */
+  reentry_host = host;
   CHECK(zsm_host_subscribe_with_rules(host, "morning-news", 2, 1, -1, on_result, &r, &err) == 0);
   CHECK(wait_for(host, &r, 15000) && !r.failed);
   CHECK(r.json && strstr(r.json, "\"max_items\":2"));
-  CHECK(events.reentry_poll == -1 && events.reentry_close == -1);
-  events.host = NULL;
+  CHECK(reentry_poll == -1 && reentry_close == -1);
+  reentry_host = NULL;
   reset(&r);
   CHECK(zsm_host_sync(host, 1, on_result, &r, &err) == 0);
   CHECK(wait_for(host, &r, 20000) && !r.failed);
@@ -428,7 +430,8 @@ static void test_device(const char* work, const char* url) {
   zsm_free(json);
   CHECK(zsm_host_feeds(host, &json, &err) == 0);
   /* The sync brought the server's rules for the feed, which replace those given. */
-  CHECK(json && strstr(json, "\"feed\":\"morning-news\"") && strstr(json, "\"rules_from\":\"server\""));
+  CHECK(json && strstr(json, "\"feed\":\"morning-news\"") &&
+        strstr(json, "\"rules_from\":\"server\""));
   zsm_free(json);
   CHECK(zsm_host_deferred(host, &json, &err) == 0);
   CHECK(json && json[0] == '[');
@@ -444,8 +447,7 @@ static void test_device(const char* work, const char* url) {
 
   /* The wake entry points. */
   CHECK(zsm_host_push_notice(host, "{\"subscription_sync\": false}", on_result, &r, &err) == 0);
-  CHECK(wait_for(host, &r, 5000) && !r.failed && r.json &&
-        strstr(r.json, "\"accepted\":false"));
+  CHECK(wait_for(host, &r, 5000) && !r.failed && r.json && strstr(r.json, "\"accepted\":false"));
   reset(&r);
   CHECK(zsm_host_background_fetch(host, on_result, &r, &err) == 0);
   CHECK(wait_for(host, &r, 20000) && !r.failed && r.json &&

@@ -122,7 +122,6 @@ struct ItemsOptions {
 int runItems(const CommandContext& context, const ItemsOptions& options);
 int runDeferred(const CommandContext& context);
 
-
 // --- The demo ----------------------------------------------------------------------
 struct DemoOptions {
   std::string serverProgram;  // zsm-server; found next to zsm when empty

@@ -173,10 +173,6 @@ int runSubscriptions(const CommandContext& context) {
 
 // --- publish ----------------------------------------------------------------------
 
-namespace {
-
-}  // namespace
-
 int runPublish(const CommandContext& context, const PublishOptions& options) {
   const Output out = context.output();
   if (options.downloadURL.empty() && options.streamURL.empty())

@@ -167,11 +167,11 @@ ZSM_C_API int zsm_host_wakeup(zsm_host* host, zsm_error** error);
 /* ---- Events -------------------------------------------------------------------------- */
 
 typedef enum zsm_event_kind {
-  ZSM_EVENT_ASSET_ADDED = 1,    /* {"assets": [{"uuid", "asset_id", "description"}]} */
-  ZSM_EVENT_ASSET_DEFERRED = 2, /* same shape: created, held back while the feed is full */
-  ZSM_EVENT_ASSET_DELETED = 3,  /* {"uuids": [...], "asset_ids": [...]} (ids "" when unknown) */
-  ZSM_EVENT_SYNC_FINISHED = 4,  /* {"last_sync": seconds since 1970} */
-  ZSM_EVENT_STATUS_CHANGED = 5, /* {"status": n, "name": "offline|started|receiving|errors"} */
+  ZSM_EVENT_ASSET_ADDED = 1,       /* {"assets": [{"uuid", "asset_id", "description"}]} */
+  ZSM_EVENT_ASSET_DEFERRED = 2,    /* same shape: created, held back while the feed is full */
+  ZSM_EVENT_ASSET_DELETED = 3,     /* {"uuids": [...]}: the assets are gone already */
+  ZSM_EVENT_SYNC_FINISHED = 4,     /* {"last_sync": seconds since 1970} */
+  ZSM_EVENT_STATUS_CHANGED = 5,    /* {"status": n, "name": "offline|started|receiving|errors"} */
   ZSM_EVENT_DOWNLOAD_PROGRESS = 6, /* an item (see zsm_host_items) while it downloads */
   ZSM_EVENT_DOWNLOAD_FINISHED = 7, /* an item whose state became "complete" or "failed" */
   ZSM_EVENT_LOG = 8                /* {"level": n, "message": "..."} up to "log_level" */
@@ -209,7 +209,8 @@ ZSM_C_API int zsm_host_validate(zsm_host* host, zsm_result_fn callback, void* us
                                 zsm_error** error);
 
 /* Subscribes to a feed with the global settings as its rules.
- * Result: {"feed", "rules": {"max_items", "autodelete", "max_bitrate"}, "deleted": [uuids]}. */
+ * Result: {"feed", "rules": {"max_items", "autodelete", "max_bitrate"}}; items the
+ * rules delete are announced as ZSM_EVENT_ASSET_DELETED. */
 ZSM_C_API int zsm_host_subscribe(zsm_host* host, const char* feed, zsm_result_fn callback,
                                  void* user_data, zsm_error** error);
 
@@ -221,11 +222,12 @@ ZSM_C_API int zsm_host_subscribe_with_rules(zsm_host* host, const char* feed, in
                                             zsm_result_fn callback, void* user_data,
                                             zsm_error** error);
 
-/* Leaves one feed. Result: {"unsubscribed": [feed], "deleted": [uuids]}. */
+/* Leaves one feed; its items are deleted (ZSM_EVENT_ASSET_DELETED).
+ * Result: {"unsubscribed": [feed]}. */
 ZSM_C_API int zsm_host_unsubscribe(zsm_host* host, const char* feed, zsm_result_fn callback,
                                    void* user_data, zsm_error** error);
 
-/* Leaves every feed the server lists. Result: {"unsubscribed": [...], "deleted": [...]}. */
+/* Leaves every feed the server lists. Result: {"unsubscribed": [...]}. */
 ZSM_C_API int zsm_host_unsubscribe_all(zsm_host* host, zsm_result_fn callback, void* user_data,
                                        zsm_error** error);
 
@@ -243,13 +245,13 @@ ZSM_C_API int zsm_host_sync(zsm_host* host, int force, zsm_result_fn callback, v
  * object such as {"subscription_sync": true}. Result: {"accepted": bool,
  * "answer": 0 new data | 1 no data | 2 failed | null}; a payload that asks for no
  * sync is not accepted and answers at once with a null answer. */
-ZSM_C_API int zsm_host_push_notice(zsm_host* host, const char* payload_json,
-                                   zsm_result_fn callback, void* user_data, zsm_error** error);
+ZSM_C_API int zsm_host_push_notice(zsm_host* host, const char* payload_json, zsm_result_fn callback,
+                                   void* user_data, zsm_error** error);
 
 /* A background fetch the way the system would wake the application.
  * Result: {"answer": 0|1|2, "answer_name": "new-data|no-data|failed"}. */
-ZSM_C_API int zsm_host_background_fetch(zsm_host* host, zsm_result_fn callback,
-                                        void* user_data, zsm_error** error);
+ZSM_C_API int zsm_host_background_fetch(zsm_host* host, zsm_result_fn callback, void* user_data,
+                                        zsm_error** error);
 
 /* Announces an item to the server (the push update): `item_json` an object
  * with "downloadURL" or "streamURL" and optionally "title", "desc",
