@@ -21,9 +21,12 @@ constexpr auto kPublishCheckInterval = std::chrono::milliseconds(50);
 
 class Reply {
  public:
-  Reply(zsm_host* host, zsm_result_fn fn, void* user)
-      : state_(std::make_shared<State>(
-            State{host->inbox, host->runtime->platform().mainQueue, fn, user, {}})) {}
+  Reply(zsm_host* host, zsm_result_fn fn, void* user) : state_(std::make_shared<State>()) {
+    state_->inbox = host->inbox;
+    state_->queue = host->runtime->platform().mainQueue;
+    state_->fn = fn;
+    state_->user = user;
+  }
 
   void succeed(const nlohmann::json& json) const { deliver(std::nullopt, json); }
   void fail(const Error& error) const { deliver(error, nullptr); }
@@ -33,9 +36,9 @@ class Reply {
     std::shared_ptr<Inbox> inbox;
     // Weak: a reply waits in the queue, which must not keep itself alive.
     std::weak_ptr<zolvani::MainQueue> queue;
-    zsm_result_fn fn;
-    void* user;
-    std::atomic<bool> done;
+    zsm_result_fn fn = nullptr;
+    void* user = nullptr;
+    std::atomic<bool> done{false};
   };
 
   void deliver(std::optional<Error> error, const nlohmann::json& json) const {
