@@ -290,7 +290,7 @@ ZSM_C_API int zsm_host_feeds(zsm_host* host, char** json, zsm_error** error);
 
 /* The device's items, oldest first, of one feed or of all (`feed` NULL):
  * [{"uuid", "asset_id", "description", "url", "stream", "state" (created,
- * queued, transferring, complete, failed), "fraction", "bytes_done",
+ * queued, downloading, complete, failed), "fraction", "bytes_done",
  * "bytes_total", "created", "completed", "file", "feed", "deferred", "error"}]. */
 ZSM_C_API int zsm_host_items(zsm_host* host, const char* feed, char** json, zsm_error** error);
 
