@@ -83,6 +83,9 @@ namespace {
 
 using namespace zsm::capi;
 
+// How long closing waits for requests in flight to end.
+constexpr auto kCloseDrainLimit = std::chrono::seconds(10);
+
 // Hands an event to the host's callback; runs on the driving thread.
 void emit(const std::shared_ptr<Inbox>& inbox, int kind, const nlohmann::json& json) {
   zsm_event_fn fn;
@@ -412,7 +415,17 @@ int zsm_host_close(zsm_host* host) {
       host->runtime->setProgressListener(nullptr);
       auto& center = *host->runtime->platform().notificationCenter;
       for (auto token : host->observers) center.removeObserver(token);
-      host->runtime->platform().mainQueue->setWakeHandler(nullptr);
+      auto& queue = *host->runtime->platform().mainQueue;
+      queue.setWakeHandler(nullptr);
+      // Work in flight holds the manager and posts to the main queue, which the
+      // manager holds in turn: let it finish (callbacks are not delivered any
+      // more), so that nothing is left holding the rest once the runtime goes.
+      auto& processing = *host->runtime->manager().processingQueue();
+      const auto deadline = std::chrono::steady_clock::now() + kCloseDrainLimit;
+      while (std::chrono::steady_clock::now() < deadline) {
+        const bool idle = processing.waitUntilIdle(std::chrono::milliseconds(50));
+        if (queue.pollFor(std::chrono::milliseconds(0)) == 0 && idle) break;
+      }
       host->runtime.reset();
     }
   } catch (...) {
