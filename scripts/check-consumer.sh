@@ -69,7 +69,9 @@ if "$work/sync_example_pc" >/dev/null 2>&1; then
   exit 1
 fi
 /usr/bin/python3 -m venv --system-site-packages "$work/venv"
-"$work/venv/bin/pip" install -q --no-build-isolation --no-index ./python >/dev/null
+# From a copy: building the package leaves files beside its sources.
+cp -r python "$work/python-src"
+"$work/venv/bin/pip" install -q --no-build-isolation --no-index "$work/python-src" >/dev/null
 (cd "$work" && LD_LIBRARY_PATH="$libdir" "$work/venv/bin/python" -c \
   'import zolvani_subscription as z; print("check-consumer: zolvani_subscription over libzsm", z.version())')
 echo "check-consumer: the C example builds with pkg-config and find_package; the Python package installs"
