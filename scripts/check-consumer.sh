@@ -38,3 +38,40 @@ grep -q "serve" "$work/host/share/man/man1/zsm-server.1"
 bash -n "$work/host/share/bash-completion/completions/zsm"
 "$work/host/bin/zsm" --version | grep -q "^zsm "
 echo "check-consumer: programs, man pages and completions install"
+
+# The C interface installs as libzsm with its header and pkg-config file: the C
+# example builds against the installed package both with pkg-config and with
+# find_package, runs against the installed zsm-server, and the Python package
+# installs with pip and loads the installed library.
+libdir="$work/host/lib"
+if [ ! -e "$libdir/libzsm.so.1" ]; then
+  echo "check-consumer: libzsm.so.1 was not installed" >&2
+  exit 1
+fi
+PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --exists zsm
+# shellcheck disable=SC2046
+cc -std=c99 -Wall -Wextra -Wpedantic -Werror examples/c/sync_example.c -o "$work/sync_example_pc" \
+  $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs zsm) -Wl,-rpath,"$libdir"
+cmake -S examples/c -B "$work/c-example" -G Ninja -DCMAKE_PREFIX_PATH="$work/host" >/dev/null
+cmake --build "$work/c-example" >/dev/null
+# Only the C interface and the library's own C++ API leave the library.
+leaked="$(nm -D --defined-only "$libdir/libzsm.so.1" | awk '{print $3}' | grep -v '^zsm_' |
+  grep -v '^ZSM_1$' | c++filt | grep -v -E '^(zolvani::|typeinfo for zolvani::|typeinfo name for zolvani::|vtable for zolvani::|VTT for zolvani::)' || true)"
+if [ -n "$leaked" ]; then
+  echo "check-consumer: libzsm exports more than its interface:" >&2
+  echo "$leaked" | head -20 >&2
+  exit 1
+fi
+tests/capi/run_with_server.sh "$work/host/bin/zsm-server" "$work/c-example/sync_example" \
+  @URL@ @DATA@ >"$work/c-example.log" || { cat "$work/c-example.log" >&2; exit 1; }
+if "$work/sync_example_pc" >/dev/null 2>&1; then
+  echo "check-consumer: the pkg-config build of the example ran without its arguments" >&2
+  exit 1
+fi
+/usr/bin/python3 -m venv --system-site-packages "$work/venv"
+# From a copy: building the package leaves files beside its sources.
+cp -r python "$work/python-src"
+"$work/venv/bin/pip" install -q --no-build-isolation --no-index "$work/python-src" >/dev/null
+(cd "$work" && LD_LIBRARY_PATH="$libdir" "$work/venv/bin/python" -c \
+  'import zolvani_subscription as z; print("check-consumer: zolvani_subscription over libzsm", z.version())')
+echo "check-consumer: the C example builds with pkg-config and find_package; the Python package installs"

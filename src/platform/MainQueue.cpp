@@ -5,19 +5,56 @@ namespace zolvani {
 MainQueue::MainQueue(std::string label) : label_(std::move(label)) {}
 
 void MainQueue::async(Task task) {
+  std::function<void()> wakeHandler;
   {
     std::lock_guard lock(mutex_);
     tasks_.push_back(std::move(task));
+    if (wakeHandler_) wakeHandler = wakeHandler_;
   }
   wake_.notify_all();
+  if (wakeHandler) wakeHandler();
 }
 
 void MainQueue::asyncAfter(Clock::duration delay, Task task) {
+  std::function<void()> wakeHandler;
   {
     std::lock_guard lock(mutex_);
     timers_.push(Timer{Clock::now() + delay, nextSequence_++, std::move(task)});
+    if (wakeHandler_) wakeHandler = wakeHandler_;
   }
   wake_.notify_all();
+  if (wakeHandler) wakeHandler();
+}
+
+void MainQueue::setWakeHandler(std::function<void()> handler) {
+  std::lock_guard lock(mutex_);
+  wakeHandler_ = std::move(handler);
+}
+
+std::optional<MainQueue::Clock::duration> MainQueue::timeUntilReady() const {
+  std::lock_guard lock(mutex_);
+  if (!tasks_.empty()) return Clock::duration::zero();
+  if (timers_.empty()) return std::nullopt;
+  const auto now = Clock::now();
+  const auto due = timers_.top().due;
+  return due <= now ? Clock::duration::zero() : due - now;
+}
+
+std::size_t MainQueue::pollFor(Clock::duration timeout) {
+  {
+    std::unique_lock lock(mutex_);
+    const bool forever = timeout < Clock::duration::zero();
+    const auto deadline = forever ? Clock::time_point::max() : Clock::now() + timeout;
+    for (;;) {
+      const auto now = Clock::now();
+      if (!tasks_.empty() || (!timers_.empty() && timers_.top().due <= now)) break;
+      if (stopRequested_ || now >= deadline) break;
+      Clock::time_point next = forever ? now + std::chrono::hours(1) : deadline;
+      if (!timers_.empty() && timers_.top().due < next) next = timers_.top().due;
+      wake_.wait_until(lock, next);
+    }
+  }
+  return poll();
 }
 
 bool MainQueue::runOne() {

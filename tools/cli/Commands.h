@@ -17,6 +17,7 @@
 
 #include "CliConfig.h"
 #include "HostRuntime.h"
+#include "HostViews.h"
 #include "Output.h"
 
 namespace zsm {
@@ -123,12 +124,6 @@ struct ItemsOptions {
 };
 int runItems(const CommandContext& context, const ItemsOptions& options);
 int runDeferred(const CommandContext& context);
-
-// JSON descriptions shared by the listings and the demo.
-nlohmann::json assetJson(const zolvani::reference::AssetInfo& asset);
-nlohmann::json feedsJson(HostRuntime& host);
-nlohmann::json itemsJson(HostRuntime& host, const std::string& onlyFeed);
-nlohmann::json eventsJson(const HostEvents& events);
 
 // --- The demo ----------------------------------------------------------------------
 struct DemoOptions {

@@ -25,12 +25,6 @@ int Output::fail(const zolvani::Error& error) const {
   return exitStatusFor(error);
 }
 
-nlohmann::json errorJson(const zolvani::Error& error) {
-  return {{"domain", error.domain},
-          {"code", error.code},
-          {"description", error.localizedDescription()}};
-}
-
 std::string isoDate(double secondsSince1970) {
   if (!std::isfinite(secondsSince1970)) return "?";
   const std::time_t t = static_cast<std::time_t>(std::floor(secondsSince1970));
@@ -39,12 +33,6 @@ std::string isoDate(double secondsSince1970) {
   char text[32];
   std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm);
   return text;
-}
-
-nlohmann::json valueJson(const zolvani::Value& value) {
-  if (const auto* asset = value.asAsset())
-    return *asset ? nlohmann::json((*asset)->uuid()) : nullptr;
-  return value.toJson();
 }
 
 }  // namespace zsm

@@ -12,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "HostViews.h"
 #include "zolvani/subscription/Error.h"
 #include "zolvani/subscription/Value.h"
 
@@ -34,10 +35,7 @@ class Output {
   bool json_;
 };
 
-nlohmann::json errorJson(const zolvani::Error& error);
 // Dates as seconds since 1970 with an ISO 8601 UTC rendering beside them.
 std::string isoDate(double secondsSince1970);
-// A library Value as JSON (assets become their UUID).
-nlohmann::json valueJson(const zolvani::Value& value);
 
 }  // namespace zsm

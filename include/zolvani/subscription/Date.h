@@ -5,12 +5,14 @@
 // before 1970 (negative values). Plain value; safe to copy between threads.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <chrono>
 #include <compare>
 
 namespace zolvani {
 
-struct Date {
+struct ZSM_EXPORT Date {
   double secondsSince1970 = 0.0;
 
   constexpr Date() = default;

@@ -6,6 +6,8 @@
 // Plain value; safe to copy between threads.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -17,7 +19,7 @@ namespace zolvani {
 
 inline constexpr std::string_view kLocalizedDescriptionKey = "LocalizedDescription";
 
-struct Error {
+struct ZSM_EXPORT Error {
   std::string domain;
   std::int64_t code = 0;
   Value::Map userInfo;
@@ -44,7 +46,7 @@ struct Error {
 
 // Thrown only by the constructors that the system refuses (the manager's and the
 // default data source's plain construction), carrying the exact reason text.
-class InternalInconsistencyException : public std::logic_error {
+class ZSM_EXPORT InternalInconsistencyException : public std::logic_error {
  public:
   explicit InternalInconsistencyException(const std::string& reason) : std::logic_error(reason) {}
   std::string reason() const { return what(); }

@@ -22,6 +22,8 @@
 // Byte buffers for Base64 travel as std::string holding arbitrary bytes.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -34,13 +36,13 @@ namespace zolvani {
 // Replaces the 33 characters that have a named reference of their own in HTML output
 // that may stay non-ASCII (" & ' < > and the typographic and Latin-extended ones such
 // as U+2014 "&mdash;" and U+20AC "&euro;"); every other character passes through.
-std::string gtm_stringByEscapingForHTML(std::string_view text);
+ZSM_EXPORT std::string gtm_stringByEscapingForHTML(std::string_view text);
 
 // Escapes for pure-ASCII output: characters with an HTML 4.01 name (plus "&apos;")
 // become that name, every other code unit above 127 becomes "&#<decimal>;". The work is
 // per UTF-16 code unit, so a character beyond the Basic Multilingual Plane becomes two
 // references, one per surrogate (U+1F600 gives "&#55357;&#56832;").
-std::string gtm_stringByEscapingForAsciiHTML(std::string_view text);
+ZSM_EXPORT std::string gtm_stringByEscapingForAsciiHTML(std::string_view text);
 
 // Replaces character references by the code units they stand for. Each "&" of the
 // argument is examined once, against the argument's own text, never against text that
@@ -52,7 +54,7 @@ std::string gtm_stringByEscapingForAsciiHTML(std::string_view text);
 //  - "&<name>;": one of the 253 names of the HTML 4.01 set plus "&apos;", compared
 //    case-sensitively ("&AMP;" stays).
 // Anything else is left as written.
-std::string gtm_stringByUnescapingFromHTML(std::string_view text);
+ZSM_EXPORT std::string gtm_stringByUnescapingFromHTML(std::string_view text);
 
 // ---- HTML to plain text ------------------------------------------------------------
 
@@ -62,26 +64,26 @@ std::string gtm_stringByUnescapingFromHTML(std::string_view text);
 // added at the start, and entities are decoded last. Script and style contents are
 // kept as text. "<p>Hello</p><p>World</p>" gives "Hello World " (a closing block tag
 // that ends the text still adds its space).
-std::string stringByConvertingHTMLToPlainText(std::string_view html);
+ZSM_EXPORT std::string stringByConvertingHTMLToPlainText(std::string_view html);
 
 // The same as gtm_stringByUnescapingFromHTML.
-std::string stringByDecodingHTMLEntities(std::string_view text);
+ZSM_EXPORT std::string stringByDecodingHTMLEntities(std::string_view text);
 
 // The same as gtm_stringByEscapingForAsciiHTML.
-std::string stringByEncodingHTMLEntities(std::string_view text);
+ZSM_EXPORT std::string stringByEncodingHTMLEntities(std::string_view text);
 
 // gtm_stringByEscapingForHTML when keepUnicode is true, otherwise
 // gtm_stringByEscapingForAsciiHTML.
-std::string stringByEncodingHTMLEntities(std::string_view text, bool keepUnicode);
+ZSM_EXPORT std::string stringByEncodingHTMLEntities(std::string_view text, bool keepUnicode);
 
 // Replaces each line break by "<br />": a CR LF pair met at its CR counts once, every
 // other unit of a run of LF, CR, U+0085, U+000C, U+2028 or U+2029 counts once each
 // ("\n\r\n" gives three breaks, "\r\n\n" two).
-std::string stringWithNewLinesAsBRs(std::string_view text);
+ZSM_EXPORT std::string stringWithNewLinesAsBRs(std::string_view text);
 
 // Collapses every run of white space and line breaks into one space and drops the runs
 // at the start and at the end.
-std::string stringByRemovingNewLinesAndWhitespace(std::string_view text);
+ZSM_EXPORT std::string stringByRemovingNewLinesAndWhitespace(std::string_view text);
 
 // Wraps each bare http or https URL as <a href="URL" class="linkified">URL</a>. The
 // URLs are those of the pattern
@@ -94,7 +96,7 @@ std::string stringByRemovingNewLinesAndWhitespace(std::string_view text);
 // std::regex has no lookbehind, knows only ASCII word characters, and its recursive
 // matcher can exhaust the stack on a long URL; the matcher checks the lookbehind and
 // the boundary itself at each candidate start and resumes after a rejected start.
-std::string stringByLinkifyingURLs(std::string_view text);
+ZSM_EXPORT std::string stringByLinkifyingURLs(std::string_view text);
 
 // Removes tags: the eight exact tags "<a>", "</a>", "<span>", "</span>", "<strong>",
 // "</strong>", "<em>", "</em>" vanish, every other distinct tag text (including "<b>"
@@ -102,27 +104,27 @@ std::string stringByLinkifyingURLs(std::string_view text);
 // collapsed as by stringByRemovingNewLinesAndWhitespace. Distinct tags are replaced in
 // the order of their first appearance. The work is proportional to the text length
 // times the number of distinct tags.
-std::string stringByStrippingTags(std::string_view html);
+ZSM_EXPORT std::string stringByStrippingTags(std::string_view html);
 
 // ---- Base64 --------------------------------------------------------------------------
 
 // Standard alphabet ("A"-"Z", "a"-"z", "0"-"9", "+", "/"), "=" padding, no line breaks.
-std::string zsm_base64Encoding(std::string_view bytes);
+ZSM_EXPORT std::string zsm_base64Encoding(std::string_view bytes);
 
 // As zsm_base64Encoding, with a line feed after each line of four-character groups that
 // reaches lineLength characters (so lines hold the smallest multiple of 4 that is at
 // least lineLength, and the text ends in "\n" when its last group fills a line). 0 means
 // no breaks; the line counter is 16 bits wide, so lengths above 65532 also mean none.
-std::string zsm_base64EncodingWithLineLength(std::string_view bytes, std::uint32_t lineLength);
+ZSM_EXPORT std::string zsm_base64EncodingWithLineLength(std::string_view bytes, std::uint32_t lineLength);
 
 // Decodes base64 text leniently: bytes outside the alphabet (white space, "-", "_",
 // control bytes) are skipped; decoding stops at the first "=" (a "=" after one symbol
 // of a group still yields one byte); a final group of two or three symbols without
 // padding is dropped. Any byte of 0x80 or above anywhere gives an empty result.
-std::string zsm_dataWithBase64EncodedString(std::string_view text);
+ZSM_EXPORT std::string zsm_dataWithBase64EncodedString(std::string_view text);
 
 // As zsm_dataWithBase64EncodedString; an absent text gives an absent result, and only
 // then.
-std::optional<std::string> zsm_createBase64DataSeed(std::optional<std::string_view> text);
+ZSM_EXPORT std::optional<std::string> zsm_createBase64DataSeed(std::optional<std::string_view> text);
 
 }  // namespace zolvani

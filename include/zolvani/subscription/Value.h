@@ -12,6 +12,8 @@
 // distinct threads, one value must not be mutated while another thread reads it.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <compare>
 #include <cstdint>
 #include <map>
@@ -31,12 +33,12 @@ namespace zolvani {
 class ZolvaniAsset;
 
 // An owned byte buffer, kept apart from text so both survive a round trip.
-struct Bytes {
+struct ZSM_EXPORT Bytes {
   std::string data;
   friend bool operator==(const Bytes&, const Bytes&) = default;
 };
 
-class Value {
+class ZSM_EXPORT Value {
  public:
   // A map key: immutable text, shared rather than copied. The library's
   // well-known keys (the asset-data and notification keys) are never

@@ -1,11 +1,13 @@
 // The library's version symbols.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 namespace zolvani {
 
 // The version as a number (major.minor).
-extern const double ZolvaniClientSubscriptionManagerVersionNumber;
+extern ZSM_EXPORT const double ZolvaniClientSubscriptionManagerVersionNumber;
 // The version as text.
-extern const unsigned char ZolvaniClientSubscriptionManagerVersionString[];
+extern ZSM_EXPORT const unsigned char ZolvaniClientSubscriptionManagerVersionString[];
 
 }  // namespace zolvani

@@ -12,6 +12,8 @@
 // different instances may run concurrently.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -27,12 +29,12 @@
 namespace zolvani {
 
 // What a data source may use of the engine.
-struct DataSourceServices {
+struct ZSM_EXPORT DataSourceServices {
   std::shared_ptr<ZolvaniLogger> logger;
   std::shared_ptr<ZolvaniSecureClock> secureClock;
 };
 
-class ZolvaniSubscriptionDataSource {
+class ZSM_EXPORT ZolvaniSubscriptionDataSource {
  public:
   virtual ~ZolvaniSubscriptionDataSource() = default;
   // Feed mode, over the catalog's "collections" value. The JSON lives until
@@ -66,7 +68,7 @@ class ZolvaniAsset;
 // feed and item objects (remoteUUID, metadata.*, created) into asset-data maps.
 // Derive from it to fetch more metadata (lookupMetadataForAssetID) or to watch
 // what it admits (the did/will hooks).
-class ZolvaniSubscriptionDefaultDataSource : public ZolvaniSubscriptionDataSource {
+class ZSM_EXPORT ZolvaniSubscriptionDefaultDataSource : public ZolvaniSubscriptionDataSource {
  public:
   // Refused: throws InternalInconsistencyException with the reason "Callers must
   // always use the initWithSubscription method to initialize new data sources".

@@ -14,6 +14,8 @@
 // (mostly on the main queue). Nothing is ever torn down while the process lives.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -51,12 +53,12 @@ using SubscriptionsCompletion =
 using SyncCompletion = std::function<void(bool, std::optional<Value::Array>, std::optional<Error>)>;
 
 // Everything a manager is built over.
-struct ManagerEnvironment {
+struct ZSM_EXPORT ManagerEnvironment {
   ZolvaniEngine engine;
   Platform platform;
 };
 
-class ZolvaniSubscriptionManager final
+class ZSM_EXPORT ZolvaniSubscriptionManager final
     : public ZolvaniEventHandlerDelegate,
       public std::enable_shared_from_this<ZolvaniSubscriptionManager> {
  public:
@@ -222,7 +224,7 @@ class ZolvaniSubscriptionManager final
 
 // Installs the process's platform for internalInstance(). Only the first call
 // takes effect; later calls return false.
-bool installPlatform(Platform platform);
-const Platform* installedPlatform();
+ZSM_EXPORT bool installPlatform(Platform platform);
+ZSM_EXPORT const Platform* installedPlatform();
 
 }  // namespace zolvani

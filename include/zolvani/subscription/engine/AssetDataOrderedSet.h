@@ -18,6 +18,8 @@
 // inside the store context's blocks.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -32,7 +34,7 @@
 
 namespace zolvani {
 
-class AssetDataOrderedSet {
+class ZSM_EXPORT AssetDataOrderedSet {
  public:
   using Item = std::shared_ptr<ZolvaniAssetData>;
 

@@ -9,6 +9,8 @@
 // Thread-safety: every operation of every role may be called from any thread.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -39,7 +41,7 @@ inline constexpr std::int64_t kLoggerDataValueInvalid = -1;
 // The queue index that appends at the end of the download queue.
 inline constexpr std::uint64_t kQueueIndexAppend = ~std::uint64_t{0};
 
-class ZolvaniDownloadEngine {
+class ZSM_EXPORT ZolvaniDownloadEngine {
  public:
   virtual ~ZolvaniDownloadEngine() = default;
   // True once the engine's own startup has completed.
@@ -63,7 +65,7 @@ class ZolvaniDownloadEngine {
 };
 
 // The server configuration as the host set it up.
-class ZolvaniKeelhall {
+class ZSM_EXPORT ZolvaniKeelhall {
  public:
   virtual ~ZolvaniKeelhall() = default;
   virtual bool keelhallEnabled() = 0;
@@ -82,7 +84,7 @@ enum BackgroundFetchResult : std::int64_t {
 };
 
 // What the engine passes background events to; the manager implements it.
-class ZolvaniEventHandlerDelegate {
+class ZSM_EXPORT ZolvaniEventHandlerDelegate {
  public:
   virtual ~ZolvaniEventHandlerDelegate() = default;
   virtual bool canProcessRemotePushNotice(const Value::Map& payload) = 0;
@@ -94,13 +96,13 @@ class ZolvaniEventHandlerDelegate {
       std::function<void(BackgroundFetchResult)> completionHandler) = 0;
 };
 
-class ZolvaniEventHandler {
+class ZSM_EXPORT ZolvaniEventHandler {
  public:
   virtual ~ZolvaniEventHandler() = default;
   virtual void registerHandler(std::shared_ptr<ZolvaniEventHandlerDelegate> handler) = 0;
 };
 
-class ZolvaniLogger {
+class ZSM_EXPORT ZolvaniLogger {
  public:
   virtual ~ZolvaniLogger() = default;
   // Levels: 0 error, 1 warning, 2 notable event, 4 information.
@@ -109,14 +111,14 @@ class ZolvaniLogger {
   virtual void logEvent(std::int64_t event, const std::string& file, const Value& data) = 0;
 };
 
-class ZolvaniSecureClock {
+class ZSM_EXPORT ZolvaniSecureClock {
  public:
   virtual ~ZolvaniSecureClock() = default;
   // The trusted current date.
   virtual Date date() = 0;
 };
 
-class ZolvaniAppPersistence {
+class ZSM_EXPORT ZolvaniAppPersistence {
  public:
   virtual ~ZolvaniAppPersistence() = default;
   virtual void startBackgroundKeepaliveForTask(const std::string& task) = 0;
@@ -124,7 +126,7 @@ class ZolvaniAppPersistence {
   virtual void startBackgroundIfPersistenceNeeded() = 0;
 };
 
-class ZFM_Reachability {
+class ZSM_EXPORT ZFM_Reachability {
  public:
   virtual ~ZFM_Reachability() = default;
   // The reachability object for the internet; read afresh before every check.
@@ -133,14 +135,14 @@ class ZFM_Reachability {
   virtual std::int64_t currentReachabilityStatus() = 0;
 };
 
-class ZFM_UUID {
+class ZSM_EXPORT ZFM_UUID {
  public:
   virtual ~ZFM_UUID() = default;
   // The engine's device identifier.
   virtual std::string UUID() = 0;
 };
 
-class ZFM_Utilities {
+class ZSM_EXPORT ZFM_Utilities {
  public:
   virtual ~ZFM_Utilities() = default;
   // 0 = active in the foreground.
@@ -151,7 +153,7 @@ class ZFM_Utilities {
   virtual void saveContext() = 0;
 };
 
-class NSURLSessionHelper {
+class ZSM_EXPORT NSURLSessionHelper {
  public:
   virtual ~NSURLSessionHelper() = default;
   // The assets whose transfers are being processed right now.
@@ -159,7 +161,7 @@ class NSURLSessionHelper {
 };
 
 // Every role of one engine. All members must be set.
-struct ZolvaniEngine {
+struct ZSM_EXPORT ZolvaniEngine {
   std::shared_ptr<ZolvaniDownloadEngine> downloadEngine;
   std::shared_ptr<ZolvaniKeelhall> keelhall;
   std::shared_ptr<ZolvaniEventHandler> eventHandler;
@@ -178,8 +180,8 @@ struct ZolvaniEngine {
 
 // Installs the process's engine. Only the first call takes effect; later calls
 // return false and change nothing.
-bool installEngine(ZolvaniEngine engine);
+ZSM_EXPORT bool installEngine(ZolvaniEngine engine);
 // The installed engine, or null before installEngine().
-const ZolvaniEngine* installedEngine();
+ZSM_EXPORT const ZolvaniEngine* installedEngine();
 
 }  // namespace zolvani

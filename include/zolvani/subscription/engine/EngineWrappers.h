@@ -9,6 +9,8 @@
 // Thread-safety: as the target's.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <memory>
 #include <utility>
 
@@ -16,7 +18,7 @@
 
 namespace zolvani {
 
-class ZolvaniDownloadEngineWrapper : public ZolvaniDownloadEngine {
+class ZSM_EXPORT ZolvaniDownloadEngineWrapper : public ZolvaniDownloadEngine {
  public:
   explicit ZolvaniDownloadEngineWrapper(std::shared_ptr<ZolvaniDownloadEngine> target)
       : t_(std::move(target)) {}
@@ -42,7 +44,7 @@ class ZolvaniDownloadEngineWrapper : public ZolvaniDownloadEngine {
   std::shared_ptr<ZolvaniDownloadEngine> t_;
 };
 
-class ZolvaniKeelhallWrapper : public ZolvaniKeelhall {
+class ZSM_EXPORT ZolvaniKeelhallWrapper : public ZolvaniKeelhall {
  public:
   explicit ZolvaniKeelhallWrapper(std::shared_ptr<ZolvaniKeelhall> target)
       : t_(std::move(target)) {}
@@ -57,7 +59,7 @@ class ZolvaniKeelhallWrapper : public ZolvaniKeelhall {
   std::shared_ptr<ZolvaniKeelhall> t_;
 };
 
-class ZolvaniEventHandlerWrapper : public ZolvaniEventHandler {
+class ZSM_EXPORT ZolvaniEventHandlerWrapper : public ZolvaniEventHandler {
  public:
   explicit ZolvaniEventHandlerWrapper(std::shared_ptr<ZolvaniEventHandler> target)
       : t_(std::move(target)) {}
@@ -69,7 +71,7 @@ class ZolvaniEventHandlerWrapper : public ZolvaniEventHandler {
   std::shared_ptr<ZolvaniEventHandler> t_;
 };
 
-class ZolvaniLoggerWrapper : public ZolvaniLogger {
+class ZSM_EXPORT ZolvaniLoggerWrapper : public ZolvaniLogger {
  public:
   explicit ZolvaniLoggerWrapper(std::shared_ptr<ZolvaniLogger> target) : t_(std::move(target)) {}
   void addDebugEvent(const std::string& message, std::int64_t level) override {
@@ -83,7 +85,7 @@ class ZolvaniLoggerWrapper : public ZolvaniLogger {
   std::shared_ptr<ZolvaniLogger> t_;
 };
 
-class ZolvaniSecureClockWrapper : public ZolvaniSecureClock {
+class ZSM_EXPORT ZolvaniSecureClockWrapper : public ZolvaniSecureClock {
  public:
   explicit ZolvaniSecureClockWrapper(std::shared_ptr<ZolvaniSecureClock> target)
       : t_(std::move(target)) {}
@@ -93,7 +95,7 @@ class ZolvaniSecureClockWrapper : public ZolvaniSecureClock {
   std::shared_ptr<ZolvaniSecureClock> t_;
 };
 
-class ZolvaniAppPersistenceWrapper : public ZolvaniAppPersistence {
+class ZSM_EXPORT ZolvaniAppPersistenceWrapper : public ZolvaniAppPersistence {
  public:
   explicit ZolvaniAppPersistenceWrapper(std::shared_ptr<ZolvaniAppPersistence> target)
       : t_(std::move(target)) {}
@@ -109,7 +111,7 @@ class ZolvaniAppPersistenceWrapper : public ZolvaniAppPersistence {
   std::shared_ptr<ZolvaniAppPersistence> t_;
 };
 
-class ZFM_ReachabilityWrapper : public ZFM_Reachability,
+class ZSM_EXPORT ZFM_ReachabilityWrapper : public ZFM_Reachability,
                                 public std::enable_shared_from_this<ZFM_ReachabilityWrapper> {
  public:
   explicit ZFM_ReachabilityWrapper(std::shared_ptr<ZFM_Reachability> target)
@@ -126,7 +128,7 @@ class ZFM_ReachabilityWrapper : public ZFM_Reachability,
   std::shared_ptr<ZFM_Reachability> t_;
 };
 
-class ZFM_UUIDWrapper : public ZFM_UUID {
+class ZSM_EXPORT ZFM_UUIDWrapper : public ZFM_UUID {
  public:
   explicit ZFM_UUIDWrapper(std::shared_ptr<ZFM_UUID> target) : t_(std::move(target)) {}
   std::string UUID() override { return t_->UUID(); }
@@ -135,7 +137,7 @@ class ZFM_UUIDWrapper : public ZFM_UUID {
   std::shared_ptr<ZFM_UUID> t_;
 };
 
-class ZFM_UtilitiesWrapper : public ZFM_Utilities {
+class ZSM_EXPORT ZFM_UtilitiesWrapper : public ZFM_Utilities {
  public:
   explicit ZFM_UtilitiesWrapper(std::shared_ptr<ZFM_Utilities> target) : t_(std::move(target)) {}
   std::int64_t applicationState() override { return t_->applicationState(); }
@@ -148,7 +150,7 @@ class ZFM_UtilitiesWrapper : public ZFM_Utilities {
   std::shared_ptr<ZFM_Utilities> t_;
 };
 
-class NSURLSessionHelperWrapper : public NSURLSessionHelper {
+class ZSM_EXPORT NSURLSessionHelperWrapper : public NSURLSessionHelper {
  public:
   explicit NSURLSessionHelperWrapper(std::shared_ptr<NSURLSessionHelper> target)
       : t_(std::move(target)) {}
@@ -160,7 +162,7 @@ class NSURLSessionHelperWrapper : public NSURLSessionHelper {
   std::shared_ptr<NSURLSessionHelper> t_;
 };
 
-class ZolvaniAssetFactoryWrapper : public ZolvaniAssetFactory {
+class ZSM_EXPORT ZolvaniAssetFactoryWrapper : public ZolvaniAssetFactory {
  public:
   explicit ZolvaniAssetFactoryWrapper(std::shared_ptr<ZolvaniAssetFactory> target)
       : t_(std::move(target)) {}

@@ -11,6 +11,8 @@
 // their collections may be touched only inside a block.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -37,7 +39,7 @@ inline constexpr std::array<std::string_view, 12> ZolvaniAssetDataAttributes = {
     "publishDate", "creationDate",     "expiryDate",       "uuid"};
 
 // The per-feed tracking record the engine stores for the library.
-class SubscriptionData {
+class ZSM_EXPORT SubscriptionData {
  public:
   virtual ~SubscriptionData() = default;
   virtual std::string uuid() const = 0;
@@ -58,7 +60,7 @@ class SubscriptionData {
 
 // A fetch of SubscriptionData records, all of them or those whose attribute
 // `key` equals `value` ("%K == %@").
-struct SubscriptionDataFetchRequest {
+struct ZSM_EXPORT SubscriptionDataFetchRequest {
   std::optional<std::string> key;
   std::string value;
 
@@ -68,7 +70,7 @@ struct SubscriptionDataFetchRequest {
   }
 };
 
-class ZolvaniManagedObjectContext {
+class ZSM_EXPORT ZolvaniManagedObjectContext {
  public:
   virtual ~ZolvaniManagedObjectContext() = default;
   virtual void performBlockAndWait(const std::function<void()>& block) = 0;

@@ -9,6 +9,8 @@
 // records are changed only inside the store context's performBlockAndWait().
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -25,7 +27,7 @@ namespace zolvani {
 class ZolvaniManagedObjectContext;
 class ZolvaniAssetData;
 
-class ZolvaniAsset {
+class ZSM_EXPORT ZolvaniAsset {
  public:
   virtual ~ZolvaniAsset() = default;
 
@@ -48,7 +50,7 @@ class ZolvaniAsset {
       std::int64_t reason, std::function<void(bool, std::optional<Error>)> onComplete) = 0;
 };
 
-class ZolvaniAssetData {
+class ZSM_EXPORT ZolvaniAssetData {
  public:
   virtual ~ZolvaniAssetData() = default;
   // The owning asset's UUID.
@@ -65,7 +67,7 @@ using AssetReadyCallback = std::function<void(std::shared_ptr<ZolvaniAsset>)>;
 // Called when the engine has parsed an asset's manifest (or failed to).
 using AssetParseCallback = std::function<void(std::shared_ptr<ZolvaniAsset>, std::optional<Error>)>;
 
-class ZolvaniAssetFactory {
+class ZSM_EXPORT ZolvaniAssetFactory {
  public:
   virtual ~ZolvaniAssetFactory() = default;
 

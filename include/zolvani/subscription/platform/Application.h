@@ -7,6 +7,8 @@
 // Thread-safety: implementations must be safe to call from any thread.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -20,7 +22,7 @@ inline constexpr std::string_view kApplicationDidBecomeActiveNotification =
 using BackgroundTaskIdentifier = std::int64_t;
 inline constexpr BackgroundTaskIdentifier kBackgroundTaskInvalid = 0;
 
-class Application {
+class ZSM_EXPORT Application {
  public:
   virtual ~Application() = default;
   // 0 = active in the foreground; any other value = inactive or background.

@@ -8,6 +8,8 @@
 // its task returns.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -22,7 +24,7 @@
 
 namespace zolvani {
 
-class ConcurrentQueue final : public DispatchQueue {
+class ZSM_EXPORT ConcurrentQueue final : public DispatchQueue {
  public:
   // `threads` workers; several are needed because tasks may block (a blocking
   // request, or a worker waiting for other requests to finish).

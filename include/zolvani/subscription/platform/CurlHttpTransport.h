@@ -9,6 +9,8 @@
 // its own libcurl handle.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <chrono>
 #include <optional>
 #include <string_view>
@@ -19,7 +21,7 @@ namespace zolvani {
 
 inline constexpr std::string_view kCurlErrorDomain = "ZolvaniTransport.curl";
 
-class CurlHttpTransport final : public HttpTransport {
+class ZSM_EXPORT CurlHttpTransport final : public HttpTransport {
  public:
   struct Options {
     // Replaces every request's own time-out when set; a host that wants its

@@ -5,6 +5,8 @@
 // their deliveries run on. Implementations are safe to call from any thread.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <functional>
 #include <string>
 
@@ -12,7 +14,7 @@ namespace zolvani {
 
 using Task = std::function<void()>;
 
-class DispatchQueue {
+class ZSM_EXPORT DispatchQueue {
  public:
   virtual ~DispatchQueue() = default;
   // Runs `task` later on this queue; never runs it inline.

@@ -13,6 +13,8 @@
 // Thread-safety: safe to use from any thread.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -23,7 +25,7 @@
 
 namespace zolvani {
 
-class FileUserDefaults final : public UserDefaults {
+class ZSM_EXPORT FileUserDefaults final : public UserDefaults {
  public:
   // Receives (message, level) for problems with the file; levels are the
   // engine logger's (0 error, 1 warning).

@@ -8,6 +8,8 @@
 // threads.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -18,7 +20,7 @@
 
 namespace zolvani {
 
-struct HttpRequest {
+struct ZSM_EXPORT HttpRequest {
   std::string url;  // empty when the URL text did not parse
   std::string method = "POST";
   // In the order added; a header may appear more than once.
@@ -33,18 +35,18 @@ struct HttpRequest {
   }
 };
 
-struct HttpResponse {
+struct ZSM_EXPORT HttpResponse {
   long statusCode = 0;
   std::vector<std::pair<std::string, std::string>> headers;
 };
 
-struct HttpReply {
+struct ZSM_EXPORT HttpReply {
   std::optional<Error> error;
   std::optional<HttpResponse> response;
   std::optional<std::string> body;
 };
 
-class HttpTransport {
+class ZSM_EXPORT HttpTransport {
  public:
   virtual ~HttpTransport() = default;
   virtual HttpReply send(const HttpRequest& request) = 0;

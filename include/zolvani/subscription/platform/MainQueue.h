@@ -6,12 +6,15 @@
 // Only one thread at a time may drive the queue.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <queue>
 #include <string>
 #include <thread>
@@ -21,7 +24,7 @@
 
 namespace zolvani {
 
-class MainQueue final : public DispatchQueue {
+class ZSM_EXPORT MainQueue final : public DispatchQueue {
  public:
   using Clock = std::chrono::steady_clock;
 
@@ -45,6 +48,18 @@ class MainQueue final : public DispatchQueue {
   std::size_t poll();
   // Makes run() return after the task in progress.
   void stop();
+  // Waits up to `timeout` until a task is ready (a negative timeout waits as
+  // long as it takes), then runs what is ready as poll() does; returns the
+  // number of tasks run.
+  std::size_t pollFor(Clock::duration timeout);
+
+  // Called after each task or timer is added, on the posting thread and outside
+  // the queue's lock, so that a host can wake an event loop of its own; none
+  // when empty. Set it before the queue is shared.
+  void setWakeHandler(std::function<void()> handler);
+  // How long until a task is ready: zero when one waits, the time until the
+  // next timer falls due, or none when nothing is pending.
+  std::optional<Clock::duration> timeUntilReady() const;
 
   // True on the thread that is driving the queue right now.
   bool isCurrent() const;
@@ -73,6 +88,7 @@ class MainQueue final : public DispatchQueue {
   std::uint64_t nextSequence_ = 0;
   bool stopRequested_ = false;
   std::thread::id driver_;
+  std::function<void()> wakeHandler_;
 };
 
 }  // namespace zolvani

@@ -7,6 +7,8 @@
 // Thread-safety: every member may be called from any thread.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -20,12 +22,12 @@
 
 namespace zolvani {
 
-struct Notification {
+struct ZSM_EXPORT Notification {
   std::string name;
   Value::Map userInfo;
 };
 
-class NotificationCenter {
+class ZSM_EXPORT NotificationCenter {
  public:
   using Block = std::function<void(const Notification&)>;
   using Token = std::uint64_t;

@@ -7,6 +7,8 @@
 // documents its own thread-safety.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -23,11 +25,11 @@
 namespace zolvani {
 
 // A new random UUID in its 36-character upper-case text form.
-std::string newUUIDString();
+ZSM_EXPORT std::string newUUIDString();
 
 // An application that is always active and whose background tasks never expire;
 // counts what it was asked to do.
-class ForegroundApplication : public Application {
+class ZSM_EXPORT ForegroundApplication : public Application {
  public:
   std::int64_t applicationState() override;
   BackgroundTaskIdentifier beginBackgroundTask(std::string name,
@@ -43,7 +45,7 @@ class ForegroundApplication : public Application {
   int open_ = 0;
 };
 
-struct Platform {
+struct ZSM_EXPORT Platform {
   std::shared_ptr<MainQueue> mainQueue;
   std::shared_ptr<NotificationCenter> notificationCenter;
   std::shared_ptr<UserDefaults> userDefaults;

@@ -9,6 +9,8 @@
 // Thread-safety: implementations must be safe to use from any thread.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -18,7 +20,7 @@
 
 namespace zolvani {
 
-class UserDefaults {
+class ZSM_EXPORT UserDefaults {
  public:
   virtual ~UserDefaults() = default;
 

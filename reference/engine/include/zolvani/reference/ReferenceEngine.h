@@ -16,6 +16,8 @@
 // block for long.
 #pragma once
 
+#include "zolvani/subscription/Export.h"
+
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -52,7 +54,7 @@ enum ReferenceEngineErrorCode : std::int64_t {
   kEngineErrorFile = 12,          // a local file could not be written
 };
 
-struct ReferenceEngineOptions {
+struct ZSM_EXPORT ReferenceEngineOptions {
   // Where the database, the logs and the downloaded media live. Created if needed.
   std::filesystem::path dataFolder;
   // Transfers that may run at the same time.
@@ -94,10 +96,10 @@ struct ReferenceEngineOptions {
 
 enum class AssetState { kCreated, kQueued, kTransferring, kComplete, kFailed, kGone };
 
-std::string_view assetStateName(AssetState state);
+ZSM_EXPORT std::string_view assetStateName(AssetState state);
 
 // What a host sees of one asset.
-struct AssetInfo {
+struct ZSM_EXPORT AssetInfo {
   std::string uuid, assetID, description, url;
   bool manifest = false;
   AssetState state = AssetState::kCreated;
@@ -117,7 +119,7 @@ struct AssetInfo {
 // Called while a transfer runs, at most a few times a second per asset.
 using ProgressCallback = std::function<void(const AssetInfo&)>;
 
-class ReferenceEngine {
+class ZSM_EXPORT ReferenceEngine {
  public:
   explicit ReferenceEngine(ReferenceEngineOptions options);
   ~ReferenceEngine();

@@ -1,13 +1,17 @@
-// HostRuntime: one run of the host application. It builds what an application
+// HostRuntime: one run of a host application. It builds what an application
 // embeds at launch: the platform (main queue, notification centre, a user-defaults
 // file in the host's data folder, libcurl), the reference download engine over the
 // engine folder, and a subscription manager over both; and it drives the main
 // queue the way an application's run loop would, until an operation's completion
 // has run.
 //
-// A command-line invocation is not an interactive session, so the manager starts
-// as after a background launch: it does none of its own server work at start-up
-// and each command decides what goes to the server.
+// A command-line invocation is not an interactive session, so by default the
+// manager starts as after a background launch: it does none of its own server
+// work at start-up and each command decides what goes to the server. A
+// long-running host (the C interface) may present the active foreground instead.
+//
+// The command-line host and the C interface both build on this runtime, so a
+// data folder written by one is read by the other.
 //
 // The runtime watches the manager's notifications (assets added, deferred and
 // deleted, syncs finished, status changes) and keeps the engine logger's lines,
@@ -19,6 +23,7 @@
 // read through the accessors, which lock.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -48,6 +53,12 @@ struct HostOptions {
   bool runTransfers = true;
   // Bytes the engine keeps free on the data folder's file system.
   std::uint64_t freeSpaceMargin = 64ull * 1024 * 1024;
+  // The application state the manager sees: 0 active in the foreground (start-up
+  // validates and syncs), anything else a launch in the background.
+  std::int64_t applicationState = 2;
+  // Receives the echoed log lines (see echoLogLevel) instead of standard error;
+  // called on the logging thread.
+  std::function<void(const std::string& line, std::int64_t level)> logSink;
 };
 
 struct LogLine {
@@ -108,6 +119,13 @@ class HostRuntime {
   // second are indistinguishable from a replay and the server refuses the second.
   // Call before each request.
   void waitForFreshSecond();
+  // The same without waiting: how long to wait before sending, the second it
+  // is sent in then counting as the last request's.
+  std::chrono::milliseconds freshSecondDelay();
+
+  // Called on engine threads with each progress report of a transfer
+  // (including the last, complete or failed); none when empty.
+  void setProgressListener(std::function<void(const zolvani::reference::AssetInfo&)> listener);
 
   // The feed identifiers that have a tracking record in the store.
   std::vector<std::string> trackedFeeds();
@@ -150,7 +168,7 @@ class HostRuntime {
   zolvani::ZolvaniEngine roles_;
   std::shared_ptr<zolvani::ZolvaniSubscriptionManager> manager_;
   std::vector<zolvani::NotificationCenter::Token> observers_;
-  bool requested_ = false;  // whether this run sent a request
+  std::atomic<bool> requested_{false};  // whether this run sent a request
 
   mutable std::mutex mutex_;
   std::mutex rulesMutex_;  // one read-modify-write of the rule sources at a time
@@ -159,6 +177,7 @@ class HostRuntime {
   std::map<std::string, std::string> assetIds_;
   std::set<std::string> completeBefore_;  // asset UUID -> asset ID, for deletions
   EventListener listener_;
+  std::function<void(const zolvani::reference::AssetInfo&)> progressListener_;
   std::shared_ptr<CapturingLogger> logger_;
 };
 

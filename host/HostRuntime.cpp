@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <deque>
 #include <filesystem>
 #include <utility>
 
@@ -13,37 +14,53 @@ namespace zsm {
 
 using namespace zolvani;
 
-// Keeps every line the library and the engine hand to the logger (the library
-// reports some outcomes only there) and passes it on to the engine's own log.
+// Keeps the recent lines the library and the engine hand to the logger (the
+// library reports some outcomes only there) and passes each on to the engine's
+// own log. A long-running host logs without end, so only the last kKeptLines
+// are kept; marks stay valid as positions in the whole sequence.
 class HostRuntime::CapturingLogger final : public ZolvaniLoggerWrapper {
  public:
-  CapturingLogger(std::shared_ptr<ZolvaniLogger> target, std::int64_t echoLevel)
-      : ZolvaniLoggerWrapper(std::move(target)), echoLevel_(echoLevel) {}
+  using Sink = std::function<void(const std::string&, std::int64_t)>;
+  static constexpr std::size_t kKeptLines = 4096;
+
+  CapturingLogger(std::shared_ptr<ZolvaniLogger> target, std::int64_t echoLevel, Sink sink)
+      : ZolvaniLoggerWrapper(std::move(target)), echoLevel_(echoLevel), sink_(std::move(sink)) {}
 
   void addDebugEvent(const std::string& message, std::int64_t level) override {
     {
       std::lock_guard lock(mutex_);
       lines_.push_back({message, level});
+      if (lines_.size() > kKeptLines) {
+        lines_.pop_front();
+        ++dropped_;
+      }
     }
-    if (echoLevel_ >= 0 && level <= echoLevel_)
-      std::fprintf(stderr, "log[%lld] %s\n", static_cast<long long>(level), message.c_str());
+    if (echoLevel_ >= 0 && level <= echoLevel_) {
+      if (sink_)
+        sink_(message, level);
+      else
+        std::fprintf(stderr, "log[%lld] %s\n", static_cast<long long>(level), message.c_str());
+    }
     ZolvaniLoggerWrapper::addDebugEvent(message, level);
   }
 
   std::size_t size() const {
     std::lock_guard lock(mutex_);
-    return lines_.size();
+    return dropped_ + lines_.size();
   }
   std::vector<LogLine> since(std::size_t mark) const {
     std::lock_guard lock(mutex_);
-    if (mark >= lines_.size()) return {};
-    return {lines_.begin() + static_cast<std::ptrdiff_t>(mark), lines_.end()};
+    const std::size_t from = mark > dropped_ ? mark - dropped_ : 0;
+    if (from >= lines_.size()) return {};
+    return {lines_.begin() + static_cast<std::ptrdiff_t>(from), lines_.end()};
   }
 
  private:
   const std::int64_t echoLevel_;
+  const Sink sink_;
   mutable std::mutex mutex_;
-  std::vector<LogLine> lines_;
+  std::deque<LogLine> lines_;
+  std::size_t dropped_ = 0;
 };
 
 namespace {
@@ -80,12 +97,16 @@ std::string freeSpaceText(const std::filesystem::path& folder, std::uint64_t mar
          mib(static_cast<double>(margin)) + " free beyond each download";
 }
 
-// The application state a one-shot command presents to the manager: not the
-// active foreground, so start-up does no server work of its own.
-class CommandLineUtilities final : public ZFM_UtilitiesWrapper {
+// The application state the host presents to the manager; a one-shot command
+// is not the active foreground, so its start-up does no server work of its own.
+class HostUtilities final : public ZFM_UtilitiesWrapper {
  public:
-  using ZFM_UtilitiesWrapper::ZFM_UtilitiesWrapper;
-  std::int64_t applicationState() override { return 2; }
+  HostUtilities(std::shared_ptr<ZFM_Utilities> target, std::int64_t state)
+      : ZFM_UtilitiesWrapper(std::move(target)), state_(state) {}
+  std::int64_t applicationState() override { return state_; }
+
+ private:
+  const std::int64_t state_;
 };
 
 AssetNote noteFor(const Value& value) {
@@ -159,7 +180,11 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
         self->noteRulesFrom(line.substr(kRulesLinePrefix.size(), end - kRulesLinePrefix.size()),
                             "server");
     }
-    if (echo >= 2) std::fprintf(stderr, "system: %s\n", line.c_str());
+    if (echo < 2) return;
+    if (self->options_.logSink)
+      self->options_.logSink(line, 2);
+    else
+      std::fprintf(stderr, "system: %s\n", line.c_str());
   };
   // The device identity is the host's: it survives a wiped engine folder.
   if (!options.config.deviceId.empty()) {
@@ -181,16 +206,22 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
   if (!options.runTransfers) engineOptions.reachabilityOverride = false;
   rt->engine_ = std::make_unique<reference::ReferenceEngine>(engineOptions);
   rt->engine_->setProgressCallback([self](const reference::AssetInfo& a) {
-    if (a.state != reference::AssetState::kFailed) return;
-    std::lock_guard lock(self->mutex_);
-    self->failures_.insert_or_assign(a.uuid, a);
+    std::function<void(const reference::AssetInfo&)> listener;
+    {
+      std::lock_guard lock(self->mutex_);
+      if (a.state == reference::AssetState::kFailed) self->failures_.insert_or_assign(a.uuid, a);
+      listener = self->progressListener_;
+    }
+    if (listener) listener(a);
   });
   if (auto error = rt->engine_->start()) return error;
 
   rt->roles_ = rt->engine_->roles();
-  rt->logger_ = std::make_shared<CapturingLogger>(rt->roles_.logger, options.echoLogLevel);
+  rt->logger_ =
+      std::make_shared<CapturingLogger>(rt->roles_.logger, options.echoLogLevel, options.logSink);
   rt->roles_.logger = rt->logger_;
-  rt->roles_.utilities = std::make_shared<CommandLineUtilities>(rt->roles_.utilities);
+  rt->roles_.utilities =
+      std::make_shared<HostUtilities>(rt->roles_.utilities, options.applicationState);
   if (!options.runTransfers)
     rt->roles_.reachability = std::make_shared<AssumedOnline>(rt->roles_.reachability);
 
@@ -277,6 +308,28 @@ void HostRuntime::waitForFreshSecond() {
     platform_.mainQueue->runFor(std::chrono::milliseconds(50));
   platform_.userDefaults->setInteger(kLastRequestSecondKey, second());
   requested_ = true;
+}
+
+std::chrono::milliseconds HostRuntime::freshSecondDelay() {
+  const double now = roles_.secureClock->date().secondsSince1970;
+  const auto second = static_cast<std::int64_t>(std::floor(now));
+  const std::int64_t last = platform_.userDefaults->integerForKey(kLastRequestSecondKey);
+  std::chrono::milliseconds delay{0};
+  std::int64_t sentIn = second;
+  // As waitForFreshSecond: a clock set back by more than a second is not waited for.
+  if (second <= last && last - second < 2) {
+    sentIn = last + 1;
+    delay = std::chrono::milliseconds(
+        static_cast<std::int64_t>(std::ceil((static_cast<double>(sentIn) - now) * 1000.0)) + 20);
+  }
+  platform_.userDefaults->setInteger(kLastRequestSecondKey, sentIn);
+  requested_ = true;
+  return delay;
+}
+
+void HostRuntime::setProgressListener(std::function<void(const reference::AssetInfo&)> listener) {
+  std::lock_guard lock(mutex_);
+  progressListener_ = std::move(listener);
 }
 
 std::string HostRuntime::deletedLine(const std::string& uuid) {
