@@ -73,22 +73,30 @@ Item ReadItem(const Statement& row) {
   return item;
 }
 
+constexpr const char* kInsertPush =
+    "INSERT INTO pushes (user, device, service, token, item_uuid, feed, created_ms) "
+    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)";
+
+// Records one push notice with a prepared kInsertPush and gives it its id.
+Status InsertPush(Statement& insert, PushNotice* n) {
+  insert.Bind(1, n->user)
+      .Bind(2, n->device)
+      .Bind(3, n->service)
+      .Bind(4, n->token)
+      .Bind(5, n->itemUuid)
+      .Bind(6, n->feed)
+      .Bind(7, n->createdMs);
+  if (Status s = Run(insert, "record push notice"); !s.ok()) return s;
+  n->id = sqlite3_last_insert_rowid(insert.db());
+  return Status::OK();
+}
+
 }  // namespace
 
 Status ContentStore::Open(const std::filesystem::path& dataDir,
                           std::unique_ptr<ContentStore>* store) {
-  std::error_code ec;
-  std::filesystem::create_directories(dataDir, ec);
-  if (ec) return Status::IOError("cannot create " + dataDir.string() + ": " + ec.message());
-  const std::string file = (dataDir / "server.sqlite").string();
   sqlite3* db = nullptr;
-  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
-      SQLITE_OK) {
-    std::string message = db != nullptr ? sqlite3_errmsg(db) : "out of memory";
-    sqlite3_close(db);
-    return Status::IOError("cannot open " + file + ": " + message);
-  }
-  sqlite3_busy_timeout(db, 5000);
+  if (Status status = OpenDatabase(dataDir, "server.sqlite", &db); !status.ok()) return status;
   std::unique_ptr<ContentStore> opened(new ContentStore(db));
   Status s = opened->InitSchema();
   if (!s.ok()) return s;
@@ -308,22 +316,10 @@ Status ContentStore::InsertItemLocked(const Item& item, int64_t nowMs,
       made.push_back(std::move(n));
     }
     if (rc != SQLITE_DONE) return who.Error("find devices to notify");
-    Statement insert(
-        db_,
-        "INSERT INTO pushes (user, device, service, token, item_uuid, feed, created_ms) "
-        "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)");
+    Statement insert(db_, kInsertPush);
     for (auto& n : made) {
       insert.Reset();
-      insert.Bind(1, n.user)
-          .Bind(2, n.device)
-          .Bind(3, n.service)
-          .Bind(4, n.token)
-          .Bind(5, n.itemUuid)
-          .Bind(6, n.feed)
-          .Bind(7, n.createdMs);
-      Status s = Run(insert, "record push notice");
-      if (!s.ok()) return s;
-      n.id = sqlite3_last_insert_rowid(db_);
+      if (Status s = InsertPush(insert, &n); !s.ok()) return s;
     }
     if (notices != nullptr) notices->insert(notices->end(), made.begin(), made.end());
   }
@@ -738,19 +734,8 @@ Status ContentStore::AddPushNotice(const std::string& user, const std::string& d
   n.device = device;
   n.itemUuid = itemUuid;
   n.createdMs = nowMs;
-  Statement insert(db_,
-                   "INSERT INTO pushes (user, device, service, token, item_uuid, feed, created_ms) "
-                   "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)");
-  insert.Bind(1, n.user)
-      .Bind(2, n.device)
-      .Bind(3, n.service)
-      .Bind(4, n.token)
-      .Bind(5, n.itemUuid)
-      .Bind(6, n.feed)
-      .Bind(7, n.createdMs);
-  Status s = Run(insert, "record push notice");
-  if (!s.ok()) return s;
-  n.id = sqlite3_last_insert_rowid(db_);
+  Statement insert(db_, kInsertPush);
+  if (Status s = InsertPush(insert, &n); !s.ok()) return s;
   if (notice != nullptr) *notice = n;
   return tx.Commit();
 }

@@ -1,6 +1,7 @@
 // SqliteStatement: small RAII helpers over SQLite's C interface that the server's
-// stores share: a prepared statement that finalises itself, a statement run for
-// its effect, and a transaction rolled back unless committed.
+// stores share: opening a database file, a prepared statement that finalises
+// itself, a statement run for its effect, and a transaction rolled back unless
+// committed.
 //
 // Not thread-safe: a statement and a transaction belong to the thread that holds
 // their store's lock.
@@ -9,7 +10,9 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
+#include <system_error>
 
 #include "reference/server/Status.h"
 
@@ -51,6 +54,7 @@ class Statement {
                                          static_cast<size_t>(sqlite3_column_bytes(stmt_, column)));
   }
   int64_t Int(int column) const { return sqlite3_column_int64(stmt_, column); }
+  sqlite3* db() const { return db_; }
   Status Error(const char* what) const {
     return Status::IOError(std::string(what) + ": " + sqlite3_errmsg(db_));
   }
@@ -68,6 +72,27 @@ inline Status Exec(sqlite3* db, const char* sql) {
     sqlite3_free(message);
     return Status::IOError(text);
   }
+  return Status::OK();
+}
+
+// Opens (creating it and its folder when missing) the database file `name` in
+// `dataDir`, with the busy time-out the admin commands rely on to run beside a
+// serving server. On failure nothing stays open.
+inline Status OpenDatabase(const std::filesystem::path& dataDir, const char* name, sqlite3** out) {
+  *out = nullptr;
+  std::error_code ec;
+  std::filesystem::create_directories(dataDir, ec);
+  if (ec) return Status::IOError("cannot create " + dataDir.string() + ": " + ec.message());
+  const std::string file = (dataDir / name).string();
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
+      SQLITE_OK) {
+    std::string message = db != nullptr ? sqlite3_errmsg(db) : "out of memory";
+    sqlite3_close(db);
+    return Status::IOError("cannot open " + file + ": " + message);
+  }
+  sqlite3_busy_timeout(db, 5000);
+  *out = db;
   return Status::OK();
 }
 

@@ -24,21 +24,13 @@ CREATE TABLE IF NOT EXISTS audit_log (
 
 Status ConsoleStore::Open(const std::filesystem::path& dataDir,
                           std::unique_ptr<ConsoleStore>* store) {
-  std::error_code ec;
-  std::filesystem::create_directories(dataDir, ec);
-  if (ec) return Status::IOError("cannot create " + dataDir.string() + ": " + ec.message());
-  const std::string file = (dataDir / "console.sqlite").string();
   sqlite3* db = nullptr;
-  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
-      SQLITE_OK) {
-    std::string message = db != nullptr ? sqlite3_errmsg(db) : "out of memory";
-    sqlite3_close(db);
-    return Status::IOError("cannot open " + file + ": " + message);
-  }
-  sqlite3_busy_timeout(db, 5000);
+  if (Status status = OpenDatabase(dataDir, "console.sqlite", &db); !status.ok()) return status;
   std::unique_ptr<ConsoleStore> opened(new ConsoleStore(db));
   Status s = Exec(db, kSchema);
-  if (!s.ok()) return Status::IOError("cannot prepare " + file + ": " + s.message());
+  if (!s.ok())
+    return Status::IOError("cannot prepare " + (dataDir / "console.sqlite").string() + ": " +
+                           s.message());
   *store = std::move(opened);
   return Status::OK();
 }
