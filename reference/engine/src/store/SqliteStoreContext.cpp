@@ -36,7 +36,11 @@ void SqliteStoreContext::reindex() {
   if (!indexStale_) {
     // A rename moves one record, unless it joins others of the same name,
     // whose order only a rebuild keeps.
-    for (auto& [record, previous] : renames) {
+    for (auto& rename : renames) {
+      // A named pointer, not a structured binding: lambdas may not capture those
+      // under every compiler the project builds with.
+      auto* record = rename.first;
+      const auto& previous = rename.second;
       auto from = byUuid_.find(previous);
       if (from == byUuid_.end()) {
         indexStale_ = true;
