@@ -1,9 +1,9 @@
 // The reference engine's inside: assets and their records, the store context,
 // the download queue and the state every role reads.
 //
-// Lock order, outermost first: the store context's mutex, Impl::mutex_, an
-// asset's mutex, the database's mutex, the group commit's mutex. Callbacks into the host or the
-// library never run while one of these is held.
+// Lock order, outermost first: the store context's mutex, Impl::mutex_,
+// Impl::assetsMutex_, an asset's mutex, the database's mutex, the group commit's mutex. Callbacks
+// into the host or the library never run while one of these is held.
 #pragma once
 
 #include <atomic>
@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <shared_mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -190,6 +191,12 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
       return std::hash<std::string_view>{}(text);
     }
   };
+  // The asset maps are changed under both mutex_ and assetsMutex_, and read
+  // under either: the queue's code reads them under mutex_ it already holds,
+  // while look-ups by UUID or asset ID, which a sync makes many times per
+  // item from more than one thread, share assetsMutex_ and never wait for
+  // one another.
+  mutable std::shared_mutex assetsMutex_;
   std::unordered_map<std::string, std::shared_ptr<ReferenceAsset>, TextHash, std::equal_to<>>
       assets_;
   // The same assets by their content's asset identifier, oldest first, so

@@ -93,6 +93,7 @@ std::optional<Error> ReferenceEngine::Impl::reconcile() {
   std::vector<AssetFields> changed;
   std::vector<std::pair<std::int64_t, std::string>> queued;
   std::lock_guard l(mutex_);
+  std::unique_lock assetsLock(assetsMutex_);
   for (auto& f : all) {
     nextSeq_ = std::max(nextSeq_, f.seq + 1);
     nextQueuePos_ = std::max(nextQueuePos_, f.queuePos + 1);
@@ -117,6 +118,7 @@ std::optional<Error> ReferenceEngine::Impl::reconcile() {
   std::sort(queued.begin(), queued.end());
   queue_.clear();
   for (auto& [pos, uuid] : queued) queue_.push_back(uuid);
+  assetsLock.unlock();
   for (const auto& f : changed) store.assets().update(f);
   return std::nullopt;
 }
@@ -130,9 +132,9 @@ void ReferenceEngine::Impl::setMetaValue(const std::string& key, const std::stri
 }
 
 bool ReferenceEngine::Impl::persist(const AssetFields& f) {
-  // Checked and written under the engine's lock, so that a late write from a
-  // transfer or a caller never brings a deleted asset's row back.
-  std::lock_guard l(mutex_);
+  // Checked and written while the asset maps cannot change, so that a late
+  // write from a transfer or a caller never brings a deleted asset's row back.
+  std::shared_lock l(assetsMutex_);
   if (!assets_.count(f.uuid)) return false;
   if (store.assets().update(f)) return true;
   if (logger_) log("Could not write asset " + f.uuid + ": " + store.db().lastError(), 0);
@@ -163,8 +165,11 @@ std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::createAsset(AssetFields f
   const bool willPrepare = f.manifest ? (ready || parse) : (options.callReadyCallbacks && ready);
   {
     std::lock_guard l(mutex_);
-    assets_[f.uuid] = asset;
-    indexLocked(asset);
+    {
+      std::lock_guard assetsLock(assetsMutex_);
+      assets_[f.uuid] = asset;
+      indexLocked(asset);
+    }
     if (willPrepare) preparing_.insert(f.uuid);
   }
   if (f.manifest) {
@@ -192,7 +197,7 @@ void ReferenceEngine::Impl::finishPreparing(const std::string& uuid) {
 }
 
 std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findByUUID(std::string_view uuid) {
-  std::lock_guard l(mutex_);
+  std::shared_lock l(assetsMutex_);
   auto it = assets_.find(uuid);
   if (it == assets_.end()) return nullptr;
   if (it->second->state() == AssetState::kGone) {
@@ -206,14 +211,14 @@ std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findByUUID(std::string_vi
 }
 
 std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findAny(std::string_view uuid) const {
-  std::lock_guard l(mutex_);
+  std::shared_lock l(assetsMutex_);
   auto it = assets_.find(uuid);
   return it == assets_.end() ? nullptr : it->second;
 }
 
 std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findByAssetID(
     std::string_view assetID) const {
-  std::lock_guard l(mutex_);
+  std::shared_lock l(assetsMutex_);
   auto it = byAssetID_.find(std::string(assetID));
   if (it == byAssetID_.end()) return nullptr;
   // The oldest asset that is not gone.
@@ -240,6 +245,7 @@ void ReferenceEngine::Impl::deleteAsset(
     // The transfer notices the cancel at its next progress call; its files are
     // removed only once it let go of them.
     cv_.wait_for(l, std::chrono::seconds(20), [&] { return !transferring_.count(uuid); });
+    std::lock_guard assetsLock(assetsMutex_);
     assets_.erase(uuid);
     if (auto byID = byAssetID_.find(asset->assetID()); byID != byAssetID_.end()) {
       std::erase(byID->second, asset);
@@ -289,7 +295,7 @@ AssetInfo ReferenceEngine::Impl::info(const AssetFields& f) const {
 std::vector<AssetInfo> ReferenceEngine::Impl::listAssets() const {
   std::vector<AssetFields> all;
   {
-    std::lock_guard l(mutex_);
+    std::shared_lock l(assetsMutex_);
     for (const auto& [uuid, asset] : assets_) all.push_back(asset->fields());
   }
   std::sort(all.begin(), all.end(), [](const auto& a, const auto& b) { return a.seq < b.seq; });
@@ -370,24 +376,30 @@ void ReferenceAsset::deleteAssetWithReason(
 // --- Callbacks --------------------------------------------------------------------
 
 void ReferenceEngine::Impl::callLater(std::function<void()> task) {
+  bool wasEmpty;
   {
     std::lock_guard l(callbackMutex_);
+    wasEmpty = callbacks_.empty();
     callbacks_.push_back(std::move(task));
   }
-  callbackCv_.notify_one();
+  // The callback thread sleeps only on an empty queue and takes all of it when
+  // it wakes, so only the first task of a batch needs to wake it.
+  if (wasEmpty) callbackCv_.notify_one();
 }
 
 void ReferenceEngine::Impl::callbackLoop() {
+  std::deque<std::function<void()>> batch;
   for (;;) {
-    std::function<void()> task;
     {
       std::unique_lock l(callbackMutex_);
       callbackCv_.wait(l, [&] { return callbackStop_ || !callbacks_.empty(); });
       if (callbacks_.empty()) return;  // stopping and drained
-      task = std::move(callbacks_.front());
-      callbacks_.pop_front();
+      // Everything waiting is taken at once: a sync creates assets faster than
+      // one hand-off per callback would let this thread keep up with.
+      batch.swap(callbacks_);
     }
-    task();
+    for (auto& task : batch) task();
+    batch.clear();
   }
 }
 

@@ -86,55 +86,95 @@ AssetTable::Progress AssetTable::progressOf(const AssetFields& f) {
                   f.segmentsTotal};
 }
 
+AssetTable::AssetTable(Database& db, GroupCommit& commits) : db_(db), commits_(commits) {
+  commits_.setDeferredWriter({[this] { return writeHeld(); }, [this] { forgetLanded(); }});
+}
+
+AssetTable::~AssetTable() { commits_.setDeferredWriter({}); }
+
 std::optional<std::string> AssetTable::loadAll(std::vector<AssetFields>* out) {
-  std::lock_guard l(db_.mutex());
+  std::lock_guard dbLock(db_.mutex());
   Statement s(db_, kSelectAll);
   if (!s.ok()) return db_.lastError();
+  std::lock_guard l(mutex_);
   while (s.step()) {
     out->push_back(readRow(s));
-    written_[out->back().uuid] = progressOf(out->back());
+    known_[out->back().uuid] = progressOf(out->back());
   }
   return std::nullopt;
 }
 
 bool AssetTable::insert(const AssetFields& f) {
-  return commits_.writeStatement([&] {
-    Statement& s = db_.prepared(kInsert);
-    s.bind(1, f.uuid).bind(2, f.assetID).bind(3, f.description).bind(4, f.url);
-    s.bind(5, std::int64_t{f.manifest}).bind(6, std::int64_t{f.protectionType});
-    s.bind(7, std::int64_t{f.includeEncryptionKeys}).bind(8, f.maximumBitrate);
-    s.bind(9, seconds(f.publishDate)).bind(10, seconds(f.expiryDate));
-    s.bind(11, f.expiryAfterDownload).bind(12, f.expiryAfterPlay);
-    s.bind(13, std::int64_t{f.downloadLimit}).bind(14, std::int64_t{f.fastPlay});
-    s.bind(15, f.userInfoJson);
-    s.bind(16, f.creationDate.secondsSince1970).bind(17, static_cast<std::int64_t>(f.state));
-    s.bind(18, f.fraction).bind(19, static_cast<std::int64_t>(f.bytesDone));
-    s.bind(20, static_cast<std::int64_t>(f.bytesTotal)).bind(21, seconds(f.downloadComplete));
-    s.bind(22, f.localPath).bind(23, f.queuePos).bind(24, f.etag).bind(25, f.lastModified);
-    s.bind(26, f.errorCode).bind(27, f.errorText).bind(28, f.bandwidth).bind(29, f.segmentsDone);
-    s.bind(30, f.segmentsTotal).bind(31, f.seq);
-    if (!s.run()) return false;
-    written_[f.uuid] = progressOf(f);
-    ++rowWrites_;
-    return true;
-  });
+  {
+    std::lock_guard l(mutex_);
+    if (!known_.emplace(f.uuid, progressOf(f)).second) return false;
+    held_[f.uuid] = Held{f, {}, nextVersion_++};
+  }
+  commits_.deferred();
+  return true;
 }
 
 bool AssetTable::update(const AssetFields& f) {
-  return commits_.writeStatement([&] {
+  {
+    std::lock_guard l(mutex_);
+    auto it = known_.find(f.uuid);
+    if (it == known_.end()) return false;  // no row to update
     Progress now = progressOf(f);
-    auto it = written_.find(f.uuid);
-    if (it == written_.end()) return false;  // no row to update
     if (it->second == now) return true;
-    Statement& s = db_.prepared(kUpdate);
-    s.bind(1, now.creationDate).bind(2, static_cast<std::int64_t>(now.state));
-    s.bind(3, now.fraction).bind(4, static_cast<std::int64_t>(now.bytesDone));
-    s.bind(5, static_cast<std::int64_t>(now.bytesTotal)).bind(6, now.downloadComplete);
-    s.bind(7, now.localPath).bind(8, now.queuePos).bind(9, now.etag).bind(10, now.lastModified);
-    s.bind(11, now.errorCode).bind(12, now.errorText).bind(13, now.bandwidth);
-    s.bind(14, now.segmentsDone).bind(15, now.segmentsTotal).bind(16, f.uuid);
-    if (!s.run()) return false;
+    Held& held = held_[f.uuid];
+    if (held.row)
+      held.row = f;  // not written yet: the new row is written whole
+    else
+      held.progress = now;
+    held.version = nextVersion_++;
     it->second = std::move(now);
+  }
+  commits_.deferred();
+  return true;
+}
+
+bool AssetTable::writeHeld() {
+  std::lock_guard l(mutex_);
+  for (const auto& [uuid, held] : held_) {
+    if (held.row) {
+      const AssetFields& f = *held.row;
+      Statement& s = db_.prepared(kInsert);
+      s.bind(1, f.uuid).bind(2, f.assetID).bind(3, f.description).bind(4, f.url);
+      s.bind(5, std::int64_t{f.manifest}).bind(6, std::int64_t{f.protectionType});
+      s.bind(7, std::int64_t{f.includeEncryptionKeys}).bind(8, f.maximumBitrate);
+      s.bind(9, seconds(f.publishDate)).bind(10, seconds(f.expiryDate));
+      s.bind(11, f.expiryAfterDownload).bind(12, f.expiryAfterPlay);
+      s.bind(13, std::int64_t{f.downloadLimit}).bind(14, std::int64_t{f.fastPlay});
+      s.bind(15, f.userInfoJson);
+      s.bind(16, f.creationDate.secondsSince1970).bind(17, static_cast<std::int64_t>(f.state));
+      s.bind(18, f.fraction).bind(19, static_cast<std::int64_t>(f.bytesDone));
+      s.bind(20, static_cast<std::int64_t>(f.bytesTotal)).bind(21, seconds(f.downloadComplete));
+      s.bind(22, f.localPath).bind(23, f.queuePos).bind(24, f.etag).bind(25, f.lastModified);
+      s.bind(26, f.errorCode).bind(27, f.errorText).bind(28, f.bandwidth);
+      s.bind(29, f.segmentsDone).bind(30, f.segmentsTotal).bind(31, f.seq);
+      if (!s.run()) return false;
+    } else {
+      const Progress& p = held.progress;
+      Statement& s = db_.prepared(kUpdate);
+      s.bind(1, p.creationDate).bind(2, static_cast<std::int64_t>(p.state));
+      s.bind(3, p.fraction).bind(4, static_cast<std::int64_t>(p.bytesDone));
+      s.bind(5, static_cast<std::int64_t>(p.bytesTotal)).bind(6, p.downloadComplete);
+      s.bind(7, p.localPath).bind(8, p.queuePos).bind(9, p.etag).bind(10, p.lastModified);
+      s.bind(11, p.errorCode).bind(12, p.errorText).bind(13, p.bandwidth);
+      s.bind(14, p.segmentsDone).bind(15, p.segmentsTotal).bind(16, uuid);
+      if (!s.run()) return false;
+    }
+  }
+  writtenUpTo_ = nextVersion_ - 1;
+  return true;
+}
+
+void AssetTable::forgetLanded() {
+  // A change takes only the table's mutex, so one may come between write()
+  // and the commit: the rows it changed stay held for the next commit.
+  std::lock_guard l(mutex_);
+  std::erase_if(held_, [&](const auto& entry) {
+    if (entry.second.version > writtenUpTo_) return false;
     ++rowWrites_;
     return true;
   });
@@ -145,14 +185,18 @@ bool AssetTable::remove(const std::string& uuid) {
     Statement& row = db_.prepared("DELETE FROM assets WHERE uuid=?");
     Statement& entries = db_.prepared("DELETE FROM subscription_items WHERE asset_uuid=?");
     if (!row.bind(1, uuid).run() || !entries.bind(1, uuid).run()) return false;
-    written_.erase(uuid);
+    // In the same step, under the database's mutex: no commit can land the
+    // held row after the deletion, nor the deletion without dropping it.
+    std::lock_guard l(mutex_);
+    known_.erase(uuid);
+    held_.erase(uuid);
     ++rowWrites_;
     return true;
   });
 }
 
 std::uint64_t AssetTable::rowWrites() const {
-  std::lock_guard l(db_.mutex());
+  std::lock_guard l(mutex_);
   return rowWrites_;
 }
 

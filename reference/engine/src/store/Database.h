@@ -19,6 +19,8 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "store/SpinningMutex.h"
+
 struct sqlite3;
 struct sqlite3_stmt;
 
@@ -76,12 +78,12 @@ class Database {
   std::int64_t lastInsertRowId() const;
   // True while a transaction is open on the connection.
   bool inTransaction() const;
-  std::recursive_mutex& mutex() { return mutex_; }
+  SpinningMutex<std::recursive_mutex>& mutex() { return mutex_; }
   sqlite3* handle() { return db_; }
 
  private:
   sqlite3* db_ = nullptr;
-  std::recursive_mutex mutex_;
+  SpinningMutex<std::recursive_mutex> mutex_;
   std::unordered_map<std::string, std::unique_ptr<Statement>> prepared_;
 };
 

@@ -47,6 +47,8 @@ std::optional<std::string> EngineStore::open(const std::filesystem::path& file) 
 }
 
 void EngineStore::close() {
+  // The asset table's held rows land before it goes.
+  if (commits_) commits_->flush();
   assets_.reset();
   commits_.reset();  // commits what is pending
   std::lock_guard l(db_.mutex());

@@ -1,5 +1,7 @@
 #include "store/GroupCommit.h"
 
+#include <utility>
+
 namespace zolvani::reference {
 
 GroupCommit::GroupCommit(Database& db, GroupCommitOptions options)
@@ -24,11 +26,7 @@ bool GroupCommit::writeStatement(const std::function<bool()>& statement) {
 bool GroupCommit::writeLocked(const std::function<bool()>& step, bool savepoint) {
   std::lock_guard dbLock(db_.mutex());
   const auto now = std::chrono::steady_clock::now();
-  bool opened = false;
-  if (!db_.inTransaction()) {
-    if (db_.exec("BEGIN IMMEDIATE")) return false;
-    opened = true;
-  }
+  if (!db_.inTransaction() && db_.exec("BEGIN IMMEDIATE")) return false;
   if (savepoint && !db_.prepared("SAVEPOINT step").run()) return false;
   bool ok = step();
   if (!savepoint) {
@@ -39,18 +37,35 @@ bool GroupCommit::writeLocked(const std::function<bool()>& step, bool savepoint)
     db_.prepared("ROLLBACK TO step").run();
     db_.prepared("RELEASE step").run();
   }
-  {
-    std::lock_guard l(mutex_);
-    // SQLite ends a transaction itself after some failures (a full disk);
-    // then there is nothing left to commit.
-    open_ = db_.inTransaction();
-    if (opened) firstStep_ = now;
-    lastStep_ = now;
+  std::lock_guard l(mutex_);
+  // SQLite ends a transaction itself after some failures (a full disk);
+  // then only rows held back are left to commit.
+  if (db_.inTransaction() || deferred_) {
+    noteWriteLocked(now);
+  } else {
+    open_ = false;
   }
-  // The committer is woken when a transaction opens; later steps only move
-  // its deadline, which it reads when it wakes.
-  if (opened) wake_.notify_all();
   return ok;
+}
+
+void GroupCommit::noteWriteLocked(std::chrono::steady_clock::time_point now) {
+  lastStep_ = now;
+  if (open_) return;
+  open_ = true;
+  firstStep_ = now;
+  wake_.notify_all();
+}
+
+void GroupCommit::setDeferredWriter(DeferredWriter writer) {
+  std::lock_guard dbLock(db_.mutex());
+  deferredWriter_ = std::move(writer);
+}
+
+void GroupCommit::deferred() {
+  const auto now = std::chrono::steady_clock::now();
+  std::lock_guard l(mutex_);
+  deferred_ = true;
+  noteWriteLocked(now);
 }
 
 bool GroupCommit::flush() {
@@ -69,21 +84,48 @@ std::string GroupCommit::lastError() const {
 }
 
 bool GroupCommit::commitLocked() {
-  if (!db_.inTransaction()) {
+  bool held;
+  {
+    // Cleared before the writer runs: a row kept back while it runs is
+    // seen by this commit or marks the next one due.
     std::lock_guard l(mutex_);
-    open_ = false;
-    return true;
+    held = std::exchange(deferred_, false);
+    if (!db_.inTransaction() && !held) {
+      open_ = false;
+      return true;
+    }
   }
-  auto error = db_.exec("COMMIT");
-  std::lock_guard l(mutex_);
-  if (error) {
-    // The steps stay in the open transaction; the next attempt commits them.
-    lastError_ = *error;
+  auto fail = [&](std::string error) {
+    // The steps stay in the open transaction and the held rows with their
+    // writer; the next attempt commits them.
+    std::lock_guard l(mutex_);
+    deferred_ = deferred_ || held;
+    lastError_ = std::move(error);
     firstStep_ = lastStep_ = std::chrono::steady_clock::now();
     return false;
+  };
+  if (!db_.inTransaction()) {
+    if (auto e = db_.exec("BEGIN IMMEDIATE")) return fail(*e);
   }
-  open_ = false;
+  const bool writing = held && deferredWriter_.write;
+  if (writing) {
+    if (!db_.prepared("SAVEPOINT held").run()) return fail(db_.lastError());
+    if (!deferredWriter_.write()) {
+      std::string error = db_.lastError();
+      if (db_.inTransaction()) {
+        db_.prepared("ROLLBACK TO held").run();
+        db_.prepared("RELEASE held").run();
+      }
+      return fail(error);
+    }
+    if (!db_.prepared("RELEASE held").run()) return fail(db_.lastError());
+  }
+  if (auto e = db_.exec("COMMIT")) return fail(*e);
+  if (writing && deferredWriter_.landed) deferredWriter_.landed();
+  std::lock_guard l(mutex_);
   ++commits_;
+  open_ = deferred_;
+  if (open_) firstStep_ = lastStep_ = std::chrono::steady_clock::now();
   return true;
 }
 

@@ -8,6 +8,13 @@
 // however many steps changed it: a sync that saves after every item costs the
 // pages it changed, not a page set per item.
 //
+// A writer may also keep rows in memory and write them only as a commit
+// begins (write-behind): it registers a writer that runs first inside the
+// commit's transaction, and calls deferred() each time it keeps a row back,
+// which schedules a commit as a step would. Rows so kept land in the same
+// commit as the steps that ran after them, so a step that refers to such a
+// row never lands without it.
+//
 // A process killed between commits loses the steps since the last commit, and
 // only those: steps are committed in the order they ran, so the store always
 // holds a prefix of them. A step that needs another to have landed (an item
@@ -48,6 +55,20 @@ class GroupCommit {
   // The same for a step of one statement, which SQLite already makes atomic:
   // no savepoint is needed around it.
   bool writeStatement(const std::function<bool()>& statement);
+  // A writer of rows kept back in memory. write() runs under the database's
+  // mutex, inside the commit's transaction, before a commit; it returns false
+  // when a row could not be written, and then the commit is put off and
+  // nothing it wrote this time stays. landed() follows a commit that
+  // succeeded after write() did: only then may the writer forget its rows.
+  struct DeferredWriter {
+    std::function<bool()> write;
+    std::function<void()> landed;
+  };
+  // Installs the writer; an empty one removes it.
+  void setDeferredWriter(DeferredWriter writer);
+  // Says that a row was kept back for the deferred writer: a commit is due
+  // as after a step.
+  void deferred();
   // Commits now; false when the commit failed (the steps stay pending).
   bool flush();
   // Commits made so far.
@@ -58,13 +79,18 @@ class GroupCommit {
  private:
   void run();
   bool commitLocked();
+  // Marks a write at `now`: the committer is woken when the first one opens
+  // a batch; later ones only move its deadline, which it reads when it wakes.
+  void noteWriteLocked(std::chrono::steady_clock::time_point now);
   bool writeLocked(const std::function<bool()>& step, bool savepoint);
 
   Database& db_;
   const GroupCommitOptions options_;
   mutable std::mutex mutex_;  // guards the fields below; taken after the database's
   std::condition_variable wake_;
-  bool open_ = false;
+  bool open_ = false;              // something waits to be committed
+  bool deferred_ = false;          // the deferred writer holds rows back
+  DeferredWriter deferredWriter_;  // guarded by the database's mutex
   bool stopping_ = false;
   std::chrono::steady_clock::time_point firstStep_, lastStep_;
   std::uint64_t commits_ = 0;

@@ -17,6 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "store/SpinningMutex.h"
 #include "store/UnitOfWork.h"
 #include "zolvani/subscription/engine/StoreContext.h"
 
@@ -40,12 +41,12 @@ class SqliteStoreContext final : public ZolvaniManagedObjectContext {
   void forgetAsset(const std::shared_ptr<ZolvaniAssetData>& item);
   // What saves wrote so far.
   UnitOfWork::Counts counts() const;
-  std::recursive_mutex& mutex() { return mutex_; }
+  SpinningMutex<std::recursive_mutex>& mutex() { return mutex_; }
 
  private:
   void reindex();
 
-  mutable std::recursive_mutex mutex_;
+  mutable SpinningMutex<std::recursive_mutex> mutex_;
   std::shared_ptr<UnitOfWork> unit_;
   std::vector<std::shared_ptr<SqliteSubscriptionData>> live_;
   // Live records by feed identifier, in live_ order; kept up to date on

@@ -1,5 +1,6 @@
 #include "store/UnitOfWork.h"
 
+#include <algorithm>
 #include <map>
 
 namespace zolvani::reference {
@@ -126,8 +127,23 @@ std::optional<std::string> UnitOfWork::load(
   return std::nullopt;
 }
 
+bool UnitOfWork::needsWrite(SqliteSubscriptionData& record) {
+  const auto& saved = record.saved();
+  return !record.deleted &&
+         (saved.rowId == 0 || !saved.exact || !sameRules(record, saved) ||
+          record.collection(0).hasChanges() || record.collection(1).hasChanges());
+}
+
 bool UnitOfWork::save() {
   if (touched_.empty() && deleted_.empty()) return true;
+  // Most blocks only read the records they fetched (a feed's items handed out
+  // for counting): such a save has nothing to write and opens no step.
+  if (deleted_.empty() &&
+      std::none_of(touched_.begin(), touched_.end(), [](auto* r) { return needsWrite(*r); })) {
+    for (SqliteSubscriptionData* record : touched_) record->listed = false;
+    touched_.clear();
+    return true;
+  }
   Counts counts;
   const bool ok = commits_.write([&] {
     for (const auto& record : deleted_) {

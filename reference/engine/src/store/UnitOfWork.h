@@ -59,6 +59,8 @@ class UnitOfWork : public std::enable_shared_from_this<UnitOfWork> {
   Counts counts() const { return counts_; }
 
  private:
+  // Whether a save would write anything for this touched record.
+  static bool needsWrite(SqliteSubscriptionData& record);
   bool writeRecord(SqliteSubscriptionData& record, Counts& counts);
   bool writeCollection(std::int64_t rowId, int which, const CollectionOrder::Writes& writes,
                        Counts& counts);
