@@ -277,6 +277,107 @@ TEST(StoreWritesTest, ARemovalPlusInsertionSavesOneRowEach) {
   EXPECT_EQ(uuidsOf(s.record("feed")->feedItemsSet()), expected);
 }
 
+TEST(StoreWritesTest, HeldAssetRowsLandOnceWithTheNextCommitAndSurviveAFailedOne) {
+  TempFolder folder;
+  const auto file = folder.path() / "engine.sqlite3";
+  // A committer that never commits by itself: only flush() does.
+  EngineStore store(reference::GroupCommitOptions{std::chrono::hours(1), std::chrono::hours(1)});
+  ASSERT_FALSE(store.open(file));
+  auto& assets = store.assets();
+  // What another reader of the file sees: committed rows only.
+  auto rows = [&](const std::string& where) {
+    return run("sqlite3 " + file.string() + " \"SELECT uuid, state, queue_pos, bytes_done " +
+               "FROM assets " + where + " ORDER BY seq;\"");
+  };
+  AssetFields f;
+  f.uuid = "a1";
+  f.assetID = "id-1";
+  f.seq = 1;
+
+  // Created, dated and queued before a commit: one row, written once, whole.
+  ASSERT_TRUE(assets.insert(f));
+  EXPECT_FALSE(assets.insert(f)) << "a second row for the same UUID";
+  f.creationDate = Date(1700000000.0);
+  ASSERT_TRUE(assets.update(f));
+  f.state = reference::AssetState::kQueued;
+  f.queuePos = 7;
+  ASSERT_TRUE(assets.update(f));
+  EXPECT_EQ(rows(""), "") << "a held row was visible before its commit";
+  ASSERT_TRUE(store.flush());
+  EXPECT_EQ(assets.rowWrites(), 1u);
+  EXPECT_EQ(rows(""), "a1|1|7|0\n");
+  EXPECT_EQ(run("sqlite3 " + file.string() + " \"SELECT creation_date FROM assets;\""),
+            "1700000000.0\n");
+
+  // Progress reported many times between commits: one update, the last one.
+  for (std::uint64_t done = 100; done <= 500; done += 100) {
+    f.bytesDone = done;
+    ASSERT_TRUE(assets.update(f));
+  }
+  ASSERT_TRUE(assets.update(f));  // unchanged: nothing more to write
+  ASSERT_TRUE(store.flush());
+  EXPECT_EQ(assets.rowWrites(), 2u);
+  EXPECT_EQ(rows(""), "a1|1|7|500\n");
+  AssetFields unknown = f;
+  unknown.uuid = "never-inserted";
+  EXPECT_FALSE(assets.update(unknown));
+
+  // Removed before it was ever written: no row comes back at the commit.
+  AssetFields gone = f;
+  gone.uuid = "a2";
+  gone.seq = 2;
+  ASSERT_TRUE(assets.insert(gone));
+  ASSERT_TRUE(assets.remove("a2"));
+  ASSERT_TRUE(store.flush());
+  EXPECT_EQ(rows("WHERE uuid='a2'"), "");
+  EXPECT_FALSE(assets.update(gone)) << "a removed asset's row came back";
+
+  // A commit whose held rows cannot all be written lands none of them and
+  // keeps them for the next one.
+  auto exec = [&](std::string_view sql) {
+    std::lock_guard l(store.db().mutex());
+    return store.db().exec(sql);
+  };
+  ASSERT_FALSE(
+      exec("CREATE TEMP TRIGGER refuse BEFORE INSERT ON assets WHEN NEW.asset_id = 'refused' "
+           "BEGIN SELECT RAISE(ABORT, 'refused'); END;"));
+  AssetFields a3 = f, a4 = f;
+  a3.uuid = "a3";
+  a3.seq = 3;
+  a4.uuid = "a4";
+  a4.assetID = "refused";
+  a4.seq = 4;
+  ASSERT_TRUE(assets.insert(a3));
+  ASSERT_TRUE(assets.insert(a4));
+  EXPECT_FALSE(store.flush());
+  EXPECT_EQ(rows("WHERE seq > 2"), "");
+  ASSERT_FALSE(exec("DROP TRIGGER refuse;"));
+  ASSERT_TRUE(store.flush());
+  EXPECT_EQ(rows("WHERE seq > 2"), "a3|1|7|500\na4|1|7|500\n");
+}
+
+TEST(StoreWritesTest, ABlockThatOnlyReadsCommitsNothing) {
+  StoreFolder s;
+  auto record = s.context->insertSubscriptionData();
+  record->setUuid("feed");
+  record->feedItemsSet().add(s.itemNamed("x"));
+  ASSERT_TRUE(s.context->save());
+  ASSERT_TRUE(s.store.flush());
+  const auto commits = s.store.commits().commits();
+  // Admission reads a feed's items and saves, for every new item.
+  for (int i = 0; i < 3; ++i) {
+    s.context->performBlockAndWait([&] { (void)record->feedItemsSet().count(); });
+    ASSERT_TRUE(s.context->save());
+  }
+  ASSERT_TRUE(s.store.flush());
+  EXPECT_EQ(s.store.commits().commits(), commits);
+  // A change after them is still written.
+  record->setMaxItemsValue(3);
+  ASSERT_TRUE(s.context->save());
+  ASSERT_TRUE(s.store.flush());
+  EXPECT_EQ(s.store.commits().commits(), commits + 1);
+}
+
 // A child process that creates assets and tracks each in a feed, as fast as
 // it can, until it is killed.
 [[noreturn]] void writeForever(const std::filesystem::path& folder, int start) {
