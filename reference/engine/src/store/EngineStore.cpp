@@ -24,7 +24,7 @@ CREATE TABLE IF NOT EXISTS subscription_data(
 CREATE TABLE IF NOT EXISTS subscription_items(
   record_id INTEGER NOT NULL REFERENCES subscription_data(id) ON DELETE CASCADE,
   collection INTEGER NOT NULL, position INTEGER NOT NULL, asset_uuid TEXT NOT NULL,
-  PRIMARY KEY(record_id, collection, asset_uuid));
+  PRIMARY KEY(record_id, collection, asset_uuid)) WITHOUT ROWID;
 CREATE INDEX IF NOT EXISTS items_by_asset ON subscription_items(asset_uuid);
 )sql";
 
