@@ -427,7 +427,8 @@ TEST(StoreWritesTest, KillsBetweenGroupCommitsLeaveAConsistentPrefix) {
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) writeForever(folder.path(), next);
-    std::this_thread::sleep_for(std::chrono::milliseconds(60 + random() % 300));
+    // Long enough for a loaded machine to start the writer and commit.
+    std::this_thread::sleep_for(std::chrono::milliseconds(150 + random() % 300));
     ::kill(pid, SIGKILL);
     int status = 0;
     waitpid(pid, &status, 0);

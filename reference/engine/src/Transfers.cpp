@@ -50,7 +50,10 @@ std::vector<std::string> ReferenceEngine::Impl::queueSnapshot() const {
   std::lock_guard l(mutex_);
   std::vector<std::string> out;
   for (const auto& [uuid, cancel] : transferring_) out.push_back(uuid);
-  out.insert(out.end(), queue_.begin(), queue_.end());
+  // An asset put back after a transient failure is queued a moment before
+  // its worker lets go of it: it is listed once, as transferring.
+  for (const auto& uuid : queue_)
+    if (!transferring_.count(uuid)) out.push_back(uuid);
   return out;
 }
 

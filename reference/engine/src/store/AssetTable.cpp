@@ -87,16 +87,17 @@ AssetTable::Progress AssetTable::progressOf(const AssetFields& f) {
 }
 
 AssetTable::AssetTable(Database& db, GroupCommit& commits) : db_(db), commits_(commits) {
-  commits_.setDeferredWriter({[this] { return writeHeld(); }, [this] { forgetLanded(); }});
+  writerId_ =
+      commits_.addDeferredWriter({[this] { return writeHeld(); }, [this] { forgetLanded(); }});
 }
 
-AssetTable::~AssetTable() { commits_.setDeferredWriter({}); }
+AssetTable::~AssetTable() { commits_.removeDeferredWriter(writerId_); }
 
 std::optional<std::string> AssetTable::loadAll(std::vector<AssetFields>* out) {
   std::lock_guard dbLock(db_.mutex());
   Statement s(db_, kSelectAll);
   if (!s.ok()) return db_.lastError();
-  std::lock_guard l(mutex_);
+  auto l = commits_.holdRows();
   while (s.step()) {
     out->push_back(readRow(s));
     known_[out->back().uuid] = progressOf(out->back());
@@ -106,9 +107,9 @@ std::optional<std::string> AssetTable::loadAll(std::vector<AssetFields>* out) {
 
 bool AssetTable::insert(const AssetFields& f) {
   {
-    std::lock_guard l(mutex_);
+    auto l = commits_.holdRows();
     if (!known_.emplace(f.uuid, progressOf(f)).second) return false;
-    held_[f.uuid] = Held{f, {}, nextVersion_++};
+    held_[f.uuid] = Held{f, {}};
   }
   commits_.deferred();
   return true;
@@ -116,7 +117,7 @@ bool AssetTable::insert(const AssetFields& f) {
 
 bool AssetTable::update(const AssetFields& f) {
   {
-    std::lock_guard l(mutex_);
+    auto l = commits_.holdRows();
     auto it = known_.find(f.uuid);
     if (it == known_.end()) return false;  // no row to update
     Progress now = progressOf(f);
@@ -126,7 +127,6 @@ bool AssetTable::update(const AssetFields& f) {
       held.row = f;  // not written yet: the new row is written whole
     else
       held.progress = now;
-    held.version = nextVersion_++;
     it->second = std::move(now);
   }
   commits_.deferred();
@@ -134,9 +134,13 @@ bool AssetTable::update(const AssetFields& f) {
 }
 
 bool AssetTable::writeHeld() {
-  std::lock_guard l(mutex_);
   for (const auto& [uuid, held] : held_) {
-    if (held.row) {
+    if (held.removed) {
+      Statement& row = db_.prepared("DELETE FROM assets WHERE uuid=?");
+      if (!row.bind(1, uuid).run()) return false;
+      Statement& entries = db_.prepared("DELETE FROM subscription_items WHERE asset_uuid=?");
+      if (!entries.bind(1, uuid).run()) return false;
+    } else if (held.row) {
       const AssetFields& f = *held.row;
       Statement& s = db_.prepared(kInsert);
       s.bind(1, f.uuid).bind(2, f.assetID).bind(3, f.description).bind(4, f.url);
@@ -165,38 +169,31 @@ bool AssetTable::writeHeld() {
       if (!s.run()) return false;
     }
   }
-  writtenUpTo_ = nextVersion_ - 1;
   return true;
 }
 
 void AssetTable::forgetLanded() {
-  // A change takes only the table's mutex, so one may come between write()
-  // and the commit: the rows it changed stay held for the next commit.
-  std::lock_guard l(mutex_);
-  std::erase_if(held_, [&](const auto& entry) {
-    if (entry.second.version > writtenUpTo_) return false;
-    ++rowWrites_;
-    return true;
-  });
+  // The commit held the rows' mutex since write(): every held row landed.
+  rowWrites_ += held_.size();
+  held_.clear();
 }
 
 bool AssetTable::remove(const std::string& uuid) {
-  return commits_.write([&] {
-    Statement& row = db_.prepared("DELETE FROM assets WHERE uuid=?");
-    Statement& entries = db_.prepared("DELETE FROM subscription_items WHERE asset_uuid=?");
-    if (!row.bind(1, uuid).run() || !entries.bind(1, uuid).run()) return false;
-    // In the same step, under the database's mutex: no commit can land the
-    // held row after the deletion, nor the deletion without dropping it.
-    std::lock_guard l(mutex_);
-    known_.erase(uuid);
-    held_.erase(uuid);
-    ++rowWrites_;
-    return true;
-  });
+  {
+    auto l = commits_.holdRows();
+    if (!known_.erase(uuid)) return false;
+    // Whatever was held for the row gives way to its removal, which takes
+    // the asset's entries in every feed with it. The feeds' own log is
+    // written before the held rows, so an entry logged for the asset before
+    // now never lands after its removal.
+    held_[uuid] = Held{std::nullopt, {}, true};
+  }
+  commits_.deferred();
+  return true;
 }
 
 std::uint64_t AssetTable::rowWrites() const {
-  std::lock_guard l(mutex_);
+  auto l = commits_.holdRows();
   return rowWrites_;
 }
 

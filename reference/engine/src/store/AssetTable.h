@@ -9,10 +9,11 @@
 // asset's life (state, progress, where its file is, its last error) are
 // written, and only when they differ from what the row will hold: an asset
 // persisted again unchanged costs nothing, and a change never rewrites the
-// row's indexes. A removal is a step of its own and drops what was held back.
+// row's indexes. A removal is held back the same way and replaces whatever
+// was held for the row.
 //
-// Thread-safety: every member may be called from any thread. The table's
-// own mutex guards what is held back and is taken after the database's.
+// Thread-safety: every member may be called from any thread. The group
+// commit's held-rows mutex guards what is held back.
 #pragma once
 
 #include <mutex>
@@ -41,7 +42,8 @@ class AssetTable {
   // Holds the changing columns back when they differ from what the row will
   // hold; false for an asset without a row.
   bool update(const AssetFields& fields);
-  // Removes the row and the asset's entries in every feed record, at once.
+  // Holds back the removal of the row and of the asset's entries in every
+  // feed record, which land at once; false for an asset without a row.
   bool remove(const std::string& uuid);
   // Row writes made (inserts, updates and removals), for tests.
   std::uint64_t rowWrites() const;
@@ -63,11 +65,12 @@ class AssetTable {
     bool operator==(const Progress&) const = default;
   };
   static Progress progressOf(const AssetFields& f);
-  // A row held back: a whole new row, or an existing row's changing columns.
+  // A row held back: a whole new row, an existing row's changing columns,
+  // or the row's removal.
   struct Held {
     std::optional<AssetFields> row;
     Progress progress;
-    std::uint64_t version = 0;  // which change this is, to keep newer ones
+    bool removed = false;
   };
   // The group commit's deferred writer.
   bool writeHeld();
@@ -75,12 +78,11 @@ class AssetTable {
 
   Database& db_;
   GroupCommit& commits_;
-  mutable std::mutex mutex_;  // guards the fields below
+  std::size_t writerId_ = 0;
+  // Guarded by the group commit's held-rows mutex.
   // What each row holds once the held rows land.
   std::unordered_map<std::string, Progress> known_;
   std::unordered_map<std::string, Held> held_;
-  std::uint64_t nextVersion_ = 1;
-  std::uint64_t writtenUpTo_ = 0;  // versions the last write() covered
   std::uint64_t rowWrites_ = 0;
 };
 

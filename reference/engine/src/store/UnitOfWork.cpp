@@ -29,6 +29,33 @@ bool sameRules(const SqliteSubscriptionData& record, const SqliteSubscriptionDat
 
 }  // namespace
 
+UnitOfWork::UnitOfWork(Database& db, GroupCommit& commits)
+    : db_(db), commits_(commits.weak_from_this()) {
+  writerId_ =
+      commits.addDeferredWriter({[this] { return writeLog(); }, [this] { forgetWritten(); }});
+}
+
+UnitOfWork::~UnitOfWork() {
+  if (auto commits = commits_.lock()) {
+    commits->flush();
+    commits->removeDeferredWriter(writerId_);
+  }
+}
+
+void UnitOfWork::append(std::vector<Op> ops) {
+  auto commits = commits_.lock();
+  if (!commits) return;  // the store was closed: nothing can be written
+  {
+    auto l = commits->holdRows();
+    if (log_.empty())
+      log_ = std::move(ops);
+    else
+      log_.insert(log_.end(), std::make_move_iterator(ops.begin()),
+                  std::make_move_iterator(ops.end()));
+  }
+  commits->deferred();
+}
+
 std::shared_ptr<SqliteSubscriptionData> UnitOfWork::newRecord() {
   auto record = std::make_shared<SqliteSubscriptionData>(weak_from_this());
   touched(record.get());
@@ -77,6 +104,7 @@ std::optional<std::string> UnitOfWork::load(
       saved.autodelete = records.int64(2) != 0;
       saved.maxBitrate = records.int64(3);
       saved.maxItems = static_cast<std::int16_t>(records.int64(4));
+      nextRowId_ = std::max(nextRowId_, saved.rowId + 1);
       byRow[saved.rowId] = record;
       out->push_back(std::move(record));
     }
@@ -115,14 +143,13 @@ std::optional<std::string> UnitOfWork::load(
   renames_.clear();
   if (!dangling.empty()) {
     // Items whose asset is gone would point at nothing.
-    commits_.write([&] {
-      for (const auto& d : dangling) {
-        Statement& s = db_.prepared(kDeleteItem);
-        s.bind(1, d.rowId).bind(2, d.collection).bind(3, d.uuid);
-        if (!s.run()) return false;
-      }
-      return true;
-    });
+    std::vector<Op> ops;
+    for (auto& d : dangling)
+      ops.push_back(Op{.kind = Op::Kind::kDeleteItem,
+                       .rowId = d.rowId,
+                       .collection = d.collection,
+                       .text = std::move(d.uuid)});
+    append(std::move(ops));
   }
   return std::nullopt;
 }
@@ -130,75 +157,43 @@ std::optional<std::string> UnitOfWork::load(
 bool UnitOfWork::needsWrite(SqliteSubscriptionData& record) {
   const auto& saved = record.saved();
   return !record.deleted &&
-         (saved.rowId == 0 || !saved.exact || !sameRules(record, saved) ||
-          record.collection(0).hasChanges() || record.collection(1).hasChanges());
+         (saved.rowId == 0 || !sameRules(record, saved) || record.collection(0).hasChanges() ||
+          record.collection(1).hasChanges());
 }
 
-bool UnitOfWork::save() {
-  if (touched_.empty() && deleted_.empty()) return true;
+void UnitOfWork::save() {
+  if (touched_.empty() && deleted_.empty()) return;
   // Most blocks only read the records they fetched (a feed's items handed out
-  // for counting): such a save has nothing to write and opens no step.
-  if (deleted_.empty() &&
-      std::none_of(touched_.begin(), touched_.end(), [](auto* r) { return needsWrite(*r); })) {
-    for (SqliteSubscriptionData* record : touched_) record->listed = false;
-    touched_.clear();
-    return true;
+  // for counting): such a save has nothing to log.
+  std::vector<Op> ops;
+  for (const auto& record : deleted_) {
+    if (record->saved().rowId == 0) continue;  // never saved: nothing to remove
+    ops.push_back(Op{.kind = Op::Kind::kDeleteRecord, .rowId = record->saved().rowId});
+    ++counts_.recordDeletes;
   }
-  Counts counts;
-  const bool ok = commits_.write([&] {
-    for (const auto& record : deleted_) {
-      if (record->saved().rowId == 0) continue;  // never saved: nothing to remove
-      Statement& s = db_.prepared(kDeleteRecord);
-      if (!s.bind(1, record->saved().rowId).run()) return false;
-      ++counts.recordDeletes;
-    }
-    for (SqliteSubscriptionData* record : touched_)
-      if (!record->deleted && !writeRecord(*record, counts)) return false;
-    return true;
-  });
-  if (!ok) {
-    // The step was rolled back: the touched records stay pending and are
-    // written whole by the next save.
-    for (SqliteSubscriptionData* record : touched_) record->saved().exact = false;
-    return false;
+  for (SqliteSubscriptionData* record : touched_) {
+    if (needsWrite(*record)) logRecord(*record, ops);
+    record->listed = false;
   }
-  for (SqliteSubscriptionData* record : touched_) record->listed = false;
   touched_.clear();
   deleted_.clear();
-  counts_.recordRows += counts.recordRows;
-  counts_.recordDeletes += counts.recordDeletes;
-  counts_.itemRows += counts.itemRows;
-  counts_.itemDeletes += counts.itemDeletes;
-  counts_.wholeCollections += counts.wholeCollections;
-  return true;
+  if (!ops.empty()) append(std::move(ops));
 }
 
-bool UnitOfWork::writeRecord(SqliteSubscriptionData& record, Counts& counts) {
+void UnitOfWork::logRecord(SqliteSubscriptionData& record, std::vector<Op>& ops) {
   auto& saved = record.saved();
-  const bool whole = saved.rowId == 0 || !saved.exact;
-  if (!whole && !sameRules(record, saved)) {
-    Statement& s = db_.prepared(kUpdateRecord);
-    s.bind(1, record.uuid()).bind(2, std::int64_t{record.autodeleteValue()});
-    s.bind(3, record.maxBitrateValue()).bind(4, std::int64_t{record.maxItemsValue()});
-    if (!s.bind(5, saved.rowId).run()) return false;
-    ++counts.recordRows;
-  } else if (whole) {
-    // A record never saved, or one whose last save failed: its row is
-    // written afresh (keeping its id when it has one) and so are its items.
-    if (saved.rowId != 0) {
-      Statement& s = db_.prepared(kDeleteRecord);
-      if (!s.bind(1, saved.rowId).run()) return false;
-    }
-    Statement& s = db_.prepared(kInsertRecord);
-    if (saved.rowId != 0)
-      s.bind(1, saved.rowId);
-    else
-      s.bindNull(1);
-    s.bind(2, record.uuid()).bind(3, std::int64_t{record.autodeleteValue()});
-    s.bind(4, record.maxBitrateValue()).bind(5, std::int64_t{record.maxItemsValue()});
-    if (!s.run()) return false;
-    saved.rowId = db_.lastInsertRowId();
-    ++counts.recordRows;
+  const bool fresh = saved.rowId == 0;
+  if (fresh || !sameRules(record, saved)) {
+    // A record never saved gets its id here, so that its items' rows can
+    // name it before its own row is written.
+    if (fresh) saved.rowId = nextRowId_++;
+    ops.push_back(Op{.kind = fresh ? Op::Kind::kInsertRecord : Op::Kind::kUpdateRecord,
+                     .rowId = saved.rowId,
+                     .text = record.uuid(),
+                     .autodelete = record.autodeleteValue(),
+                     .maxBitrate = record.maxBitrateValue(),
+                     .maxItems = record.maxItemsValue()});
+    ++counts_.recordRows;
   }
   saved.uuid = record.uuid();
   saved.maxItems = record.maxItemsValue();
@@ -207,37 +202,74 @@ bool UnitOfWork::writeRecord(SqliteSubscriptionData& record, Counts& counts) {
   for (int which = 0; which < 2; ++which) {
     AssetDataOrderedSet& set = record.collection(which);
     auto changes = set.takeChanges();
-    if (!whole && changes.empty()) continue;
+    if (!fresh && changes.empty()) continue;
     CollectionOrder& order = saved.collections[which];
-    if (!writeCollection(saved.rowId, which,
-                         whole ? order.rewrite(set) : order.follow(changes, set), counts))
-      return false;
+    logCollection(saved.rowId, which, fresh ? order.rewrite(set) : order.follow(changes, set), ops);
   }
-  saved.exact = true;
-  return true;
 }
 
-bool UnitOfWork::writeCollection(std::int64_t rowId, int which,
-                                 const CollectionOrder::Writes& writes, Counts& counts) {
-  const std::int64_t collection = which;
+void UnitOfWork::logCollection(std::int64_t rowId, int which, const CollectionOrder::Writes& writes,
+                               std::vector<Op>& ops) {
   if (writes.replaceAll) {
-    Statement& s = db_.prepared(kDeleteCollection);
-    if (!s.bind(1, rowId).bind(2, collection).run()) return false;
-    ++counts.wholeCollections;
+    ops.push_back(Op{.kind = Op::Kind::kClearCollection, .rowId = rowId, .collection = which});
+    ++counts_.wholeCollections;
   }
   for (const auto& row : writes.rows) {
     if (row.position) {
-      Statement& s = db_.prepared(kPutItem);
-      s.bind(1, rowId).bind(2, collection).bind(3, *row.position).bind(4, row.uuid);
-      if (!s.run()) return false;
-      ++counts.itemRows;
+      ops.push_back(Op{.kind = Op::Kind::kPutItem,
+                       .rowId = rowId,
+                       .collection = which,
+                       .position = *row.position,
+                       .text = row.uuid});
+      ++counts_.itemRows;
     } else {
-      Statement& s = db_.prepared(kDeleteItem);
-      if (!s.bind(1, rowId).bind(2, collection).bind(3, row.uuid).run()) return false;
-      ++counts.itemDeletes;
+      ops.push_back(
+          Op{.kind = Op::Kind::kDeleteItem, .rowId = rowId, .collection = which, .text = row.uuid});
+      ++counts_.itemDeletes;
     }
   }
+}
+
+bool UnitOfWork::writeLog() {
+  for (const Op& op : log_) {
+    Statement* s = nullptr;
+    switch (op.kind) {
+      case Op::Kind::kInsertRecord:
+      case Op::Kind::kUpdateRecord: {
+        const bool insert = op.kind == Op::Kind::kInsertRecord;
+        s = &db_.prepared(insert ? kInsertRecord : kUpdateRecord);
+        // The two statements name the id first and last.
+        const int first = insert ? 2 : 1;
+        s->bind(first, op.text).bind(first + 1, std::int64_t{op.autodelete});
+        s->bind(first + 2, op.maxBitrate).bind(first + 3, op.maxItems);
+        s->bind(insert ? 1 : 5, op.rowId);
+        break;
+      }
+      case Op::Kind::kDeleteRecord:
+        s = &db_.prepared(kDeleteRecord);
+        s->bind(1, op.rowId);
+        break;
+      case Op::Kind::kClearCollection:
+        s = &db_.prepared(kDeleteCollection);
+        s->bind(1, op.rowId).bind(2, op.collection);
+        break;
+      case Op::Kind::kPutItem:
+        s = &db_.prepared(kPutItem);
+        s->bind(1, op.rowId).bind(2, op.collection).bind(3, op.position).bind(4, op.text);
+        break;
+      case Op::Kind::kDeleteItem:
+        s = &db_.prepared(kDeleteItem);
+        s->bind(1, op.rowId).bind(2, op.collection).bind(3, op.text);
+        break;
+    }
+    if (!s->run()) return false;
+  }
   return true;
+}
+
+void UnitOfWork::forgetWritten() {
+  // The commit held the log's mutex since writeLog(): all of it landed.
+  log_.clear();
 }
 
 }  // namespace zolvani::reference
