@@ -55,7 +55,10 @@ class ReferenceAsset final : public ZolvaniAsset,
                              public std::enable_shared_from_this<ReferenceAsset> {
  public:
   ReferenceAsset(std::weak_ptr<ReferenceEngine::Impl> engine, AssetFields fields)
-      : engine_(std::move(engine)), uuid_(fields.uuid), fields_(std::move(fields)) {}
+      : engine_(std::move(engine)),
+        uuid_(fields.uuid),
+        state_(fields.state),
+        fields_(std::move(fields)) {}
 
   void _setCreationDate(Date date) override;
   std::string uuid() const override { return uuid_; }
@@ -77,20 +80,21 @@ class ReferenceAsset final : public ZolvaniAsset,
     std::lock_guard l(mutex_);
     return reader(static_cast<const AssetFields&>(fields_));
   }
-  AssetState state() const {
-    return read([](const AssetFields& f) { return f.state; });
-  }
+  // Read without the asset's lock: every look-up by UUID asks it.
+  AssetState state() const { return state_.load(std::memory_order_acquire); }
   // Changes fields under the asset's lock; returns the new snapshot.
   template <typename F>
   AssetFields update(F&& change) {
     std::lock_guard l(mutex_);
     change(fields_);
+    state_.store(fields_.state, std::memory_order_release);
     return fields_;
   }
 
  private:
   std::weak_ptr<ReferenceEngine::Impl> engine_;
   const std::string uuid_;
+  std::atomic<AssetState> state_;  // fields_.state, as of the last update
   mutable std::mutex mutex_;
   AssetFields fields_;
   std::shared_ptr<ReferenceAssetData> data_;
