@@ -36,7 +36,7 @@ cmake --build "$build_dir" -j2
 
 label_args=()
 if [ -n "${ZSM_TEST_LABELS:-}" ]; then label_args=(-L "$ZSM_TEST_LABELS"); fi
-export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1 second_deadlock_stack=1}"
+export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/scripts/tsan-suppressions.txt}"
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1 halt_on_error=1}"
 # End-to-end tests run real programs against each other on a loaded two-core
