@@ -1,23 +1,65 @@
 #include "zolvani/subscription/platform/Platform.h"
 
 #include <openssl/rand.h>
+#include <pthread.h>
 #include <uuid/uuid.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 
 #include "zolvani/subscription/platform/CurlHttpTransport.h"
 #include "zolvani/subscription/platform/FileUserDefaults.h"
 
 namespace zolvani {
 
+namespace {
+
+// Incremented in a forked child, whose copy of a thread's buffered random
+// bytes is the parent's: the child must not hand out the parent's UUIDs.
+std::atomic<unsigned> forkGeneration{0};
+
+// Random bytes for UUIDs, drawn from OpenSSL's generator 256 UUIDs at a time:
+// a large sync names tens of thousands of assets, and one call per name costs
+// more than the name.
+struct UuidBytes {
+  static constexpr std::size_t kUuids = 256;
+  std::array<unsigned char, 16 * kUuids> bytes;
+  std::size_t next = kUuids;  // empty
+  unsigned generation = 0;
+
+  // 16 random bytes, or false when the generator failed.
+  bool take(unsigned char* out) {
+    const unsigned now = forkGeneration.load(std::memory_order_relaxed);
+    if (next == kUuids || generation != now) {
+      static const bool registered = [] {
+        return pthread_atfork(nullptr, nullptr, [] { forkGeneration.fetch_add(1); }) == 0;
+      }();
+      if (!registered || RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1)
+        return false;
+      next = 0;
+      generation = now;
+    }
+    std::memcpy(out, bytes.data() + 16 * next, 16);
+    // Spent bytes do not linger in memory.
+    std::memset(bytes.data() + 16 * next, 0, 16);
+    ++next;
+    return true;
+  }
+};
+
+}  // namespace
+
 std::string newUUIDString() {
-  // A random (version 4) UUID. OpenSSL's generator keeps its state per thread,
-  // so a large sync that names thousands of assets does not pay, per name, for
-  // the re-seeding and process-id calls libuuid's generator makes.
+  // A random (version 4) UUID from OpenSSL's generator, which keeps its state
+  // per thread, unlike libuuid's, which re-seeds and asks for the process and
+  // user ids for every UUID.
+  thread_local UuidBytes random;
   uuid_t id;
-  if (RAND_bytes(id, sizeof id) == 1) {
+  if (random.take(id)) {
     id[6] = static_cast<unsigned char>((id[6] & 0x0F) | 0x40);
     id[8] = static_cast<unsigned char>((id[8] & 0x3F) | 0x80);
   } else {

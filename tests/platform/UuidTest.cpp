@@ -1,3 +1,6 @@
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cctype>
 #include <string>
 #include <thread>
@@ -44,6 +47,38 @@ TEST(NewUUIDStringTest, NamesFromManyThreadsNeverCollide) {
   std::unordered_set<std::string> all;
   for (const auto& names : made) all.insert(names.begin(), names.end());
   EXPECT_EQ(all.size(), static_cast<std::size_t>(kThreads * kEach));
+}
+
+// UUIDs come from a per-thread buffer of random bytes; a forked child starts
+// with a copy of it and must not name its assets as the parent does.
+TEST(NewUUIDStringTest, AForkedChildNeverRepeatsItsParentsNames) {
+  (void)newUUIDString();  // the buffer is filled and partly spent
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    std::string names;
+    for (int i = 0; i < 3; ++i) names += newUUIDString();
+    const bool ok = write(fds[1], names.data(), names.size()) == static_cast<ssize_t>(names.size());
+    _exit(ok ? 0 : 1);
+  }
+  close(fds[1]);
+  std::string child(3 * 36, '\0');
+  std::size_t got = 0;
+  while (got < child.size()) {
+    const ssize_t n = read(fds[0], child.data() + got, child.size() - got);
+    if (n <= 0) break;
+    got += static_cast<std::size_t>(n);
+  }
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_EQ(got, child.size());
+  for (int i = 0; i < 3; ++i) {
+    const std::string mine = newUUIDString();
+    for (int k = 0; k < 3; ++k) EXPECT_NE(child.substr(36 * k, 36), mine);
+  }
 }
 
 }  // namespace

@@ -87,11 +87,33 @@ AssetTable::Progress AssetTable::progressOf(const AssetFields& f) {
 }
 
 AssetTable::AssetTable(Database& db, GroupCommit& commits) : db_(db), commits_(commits) {
-  writerId_ =
-      commits_.addDeferredWriter({[this] { return writeHeld(); }, [this] { forgetLanded(); }});
+  writerId_ = commits_.addDeferredWriter({[this] { taken_ = std::exchange(held_, {}); },
+                                          [this] { return writeHeld(); }, [this] { restoreHeld(); },
+                                          [this] {
+                                            rowWrites_ += taken_.size();
+                                            taken_.clear();
+                                          }});
 }
 
 AssetTable::~AssetTable() { commits_.removeDeferredWriter(writerId_); }
+
+void AssetTable::applyProgress(const Progress& p, AssetFields& f) {
+  f.creationDate = Date(p.creationDate);
+  f.state = p.state;
+  f.fraction = p.fraction;
+  f.bytesDone = p.bytesDone;
+  f.bytesTotal = p.bytesTotal;
+  f.downloadComplete = date(p.downloadComplete);
+  f.localPath = p.localPath;
+  f.queuePos = p.queuePos;
+  f.etag = p.etag;
+  f.lastModified = p.lastModified;
+  f.errorCode = p.errorCode;
+  f.errorText = p.errorText;
+  f.bandwidth = p.bandwidth;
+  f.segmentsDone = p.segmentsDone;
+  f.segmentsTotal = p.segmentsTotal;
+}
 
 std::optional<std::string> AssetTable::loadAll(std::vector<AssetFields>* out) {
   std::lock_guard dbLock(db_.mutex());
@@ -134,7 +156,7 @@ bool AssetTable::update(const AssetFields& f) {
 }
 
 bool AssetTable::writeHeld() {
-  for (const auto& [uuid, held] : held_) {
+  for (const auto& [uuid, held] : taken_) {
     if (held.removed) {
       Statement& row = db_.prepared("DELETE FROM assets WHERE uuid=?");
       if (!row.bind(1, uuid).run()) return false;
@@ -172,10 +194,21 @@ bool AssetTable::writeHeld() {
   return true;
 }
 
-void AssetTable::forgetLanded() {
-  // The commit held the rows' mutex since write(): every held row landed.
-  rowWrites_ += held_.size();
-  held_.clear();
+void AssetTable::restoreHeld() {
+  // What a failed commit took is older than anything held since, which wins
+  // where both concern the same row.
+  for (auto& [uuid, older] : taken_) {
+    auto newer = held_.find(uuid);
+    if (newer == held_.end()) {
+      held_.emplace(uuid, std::move(older));
+    } else if (older.row && !newer->second.removed) {
+      // A new row whose changing columns changed since: still a new row.
+      AssetFields row = std::move(*older.row);
+      applyProgress(newer->second.progress, row);
+      newer->second.row = std::move(row);
+    }
+  }
+  taken_.clear();
 }
 
 bool AssetTable::remove(const std::string& uuid) {
@@ -192,9 +225,6 @@ bool AssetTable::remove(const std::string& uuid) {
   return true;
 }
 
-std::uint64_t AssetTable::rowWrites() const {
-  auto l = commits_.holdRows();
-  return rowWrites_;
-}
+std::uint64_t AssetTable::rowWrites() const { return rowWrites_; }
 
 }  // namespace zolvani::reference

@@ -16,6 +16,7 @@
 // commit's held-rows mutex guards what is held back.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -65,6 +66,7 @@ class AssetTable {
     bool operator==(const Progress&) const = default;
   };
   static Progress progressOf(const AssetFields& f);
+  static void applyProgress(const Progress& p, AssetFields& f);
   // A row held back: a whole new row, an existing row's changing columns,
   // or the row's removal.
   struct Held {
@@ -72,9 +74,10 @@ class AssetTable {
     Progress progress;
     bool removed = false;
   };
-  // The group commit's deferred writer.
+  // The group commit's deferred writer: writes what a commit took, or puts
+  // it back after a failed commit.
   bool writeHeld();
-  void forgetLanded();
+  void restoreHeld();
 
   Database& db_;
   GroupCommit& commits_;
@@ -83,7 +86,9 @@ class AssetTable {
   // What each row holds once the held rows land.
   std::unordered_map<std::string, Progress> known_;
   std::unordered_map<std::string, Held> held_;
-  std::uint64_t rowWrites_ = 0;
+  // What a commit took; guarded by the database's mutex.
+  std::unordered_map<std::string, Held> taken_;
+  std::atomic<std::uint64_t> rowWrites_{0};
 };
 
 }  // namespace zolvani::reference

@@ -58,8 +58,8 @@ void GroupCommit::noteWriteLocked(std::chrono::steady_clock::time_point now) {
 }
 
 std::unique_lock<std::mutex> GroupCommit::holdRows() {
-  // The commit holds the database's mutex while it waits for the rows' lock.
-  if (commitWaits_.load(std::memory_order_relaxed)) std::lock_guard wait(db_.mutex());
+  // The commit holds the lock only for as long as it takes to take the rows.
+  while (commitWaits_.load(std::memory_order_acquire)) std::this_thread::yield();
   return std::unique_lock(held_);
 }
 
@@ -121,12 +121,25 @@ bool GroupCommit::commitLocked() {
     if (auto e = db_.exec("BEGIN IMMEDIATE")) return fail(*e);
   }
   const bool writing = held && !writers_.empty();
-  std::unique_lock heldLock(held_, std::defer_lock);
   if (writing) {
-    commitWaits_.store(true, std::memory_order_relaxed);
-    heldLock.lock();
-    commitWaits_.store(false, std::memory_order_relaxed);
-    if (!db_.prepared("SAVEPOINT held").run()) return fail(db_.lastError());
+    // Every writer's rows as of one moment: a later writer's rows that refer
+    // to an earlier one's never come without them.
+    commitWaits_.store(true, std::memory_order_release);
+    {
+      std::lock_guard heldLock(held_);
+      commitWaits_.store(false, std::memory_order_release);
+      for (const auto& w : writers_) w.second.take();
+    }
+  }
+  auto failWriting = [&](std::string error) {
+    if (writing) {
+      std::lock_guard heldLock(held_);
+      for (const auto& w : writers_) w.second.restore();
+    }
+    return fail(std::move(error));
+  };
+  if (writing) {
+    if (!db_.prepared("SAVEPOINT held").run()) return failWriting(db_.lastError());
     const bool written = std::all_of(writers_.rbegin(), writers_.rend(),
                                      [](const auto& w) { return w.second.write(); });
     if (!written) {
@@ -135,11 +148,11 @@ bool GroupCommit::commitLocked() {
         db_.prepared("ROLLBACK TO held").run();
         db_.prepared("RELEASE held").run();
       }
-      return fail(error);
+      return failWriting(error);
     }
-    if (!db_.prepared("RELEASE held").run()) return fail(db_.lastError());
+    if (!db_.prepared("RELEASE held").run()) return failWriting(db_.lastError());
   }
-  if (auto e = db_.exec("COMMIT")) return fail(*e);
+  if (auto e = db_.exec("COMMIT")) return failWriting(*e);
   if (writing)
     for (const auto& w : writers_) w.second.landed();
   std::lock_guard l(mutex_);

@@ -59,13 +59,17 @@ class GroupCommit : public std::enable_shared_from_this<GroupCommit> {
   // The same for a step of one statement, which SQLite already makes atomic:
   // no savepoint is needed around it.
   bool writeStatement(const std::function<bool()>& statement);
-  // A writer of rows kept back in memory. write() runs under the database's
-  // mutex and the held rows' lock, inside the commit's transaction, before a commit; it returns
-  // false when a row could not be written, and then the commit is put off and nothing it wrote this
-  // time stays. landed() follows a commit that succeeded after write() did: only then may the
-  // writer forget its rows.
+  // A writer of rows kept back in memory. A commit takes every writer's rows
+  // at once, under the held rows' lock (take()), then lets the lock go and
+  // writes them under the database's mutex, inside its transaction (write(),
+  // false when a row could not be written). Writers go on keeping rows back
+  // meanwhile, for the next commit. When the commit succeeds the taken rows
+  // are dropped (landed()); when it fails nothing written stays and they are
+  // put back under the lock, before anything kept back since (restore()).
   struct DeferredWriter {
+    std::function<void()> take;
     std::function<bool()> write;
+    std::function<void()> restore;
     std::function<void()> landed;
   };
   // Installs a writer. Writers run newest first: a later writer's rows may
@@ -79,10 +83,9 @@ class GroupCommit : public std::enable_shared_from_this<GroupCommit> {
   // as after a step.
   void deferred();
   // The lock that guards what every writer keeps back. Writers record their
-  // rows under it, and a commit holds it from the first write() to the last
-  // landed(), so that it takes all writers' rows as of one moment. A writer
-  // that records in a tight loop would keep taking it back before a waiting
-  // commit could; while a commit waits, it waits for the commit instead.
+  // rows under it; a commit holds it only to take them all as of one moment.
+  // A writer that records in a tight loop would keep taking it back before a
+  // waiting commit could, so while a commit waits for it, writers yield.
   std::unique_lock<std::mutex> holdRows();
   // Commits now; false when the commit failed (the steps stay pending).
   bool flush();

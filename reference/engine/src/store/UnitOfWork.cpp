@@ -6,9 +6,13 @@
 namespace zolvani::reference {
 namespace {
 
+// Written again whole if a commit fails after writing it: an upsert, which
+// (unlike a replace) never deletes the row and so never its items.
 constexpr std::string_view kInsertRecord =
     "INSERT INTO subscription_data(id, uuid, autodelete, max_bitrate, max_items) "
-    "VALUES(?,?,?,?,?)";
+    "VALUES(?,?,?,?,?) ON CONFLICT(id) DO UPDATE SET uuid=excluded.uuid, "
+    "autodelete=excluded.autodelete, max_bitrate=excluded.max_bitrate, "
+    "max_items=excluded.max_items";
 constexpr std::string_view kUpdateRecord =
     "UPDATE subscription_data SET uuid=?, autodelete=?, max_bitrate=?, max_items=? WHERE id=?";
 constexpr std::string_view kDeleteRecord = "DELETE FROM subscription_data WHERE id=?";
@@ -31,8 +35,9 @@ bool sameRules(const SqliteSubscriptionData& record, const SqliteSubscriptionDat
 
 UnitOfWork::UnitOfWork(Database& db, GroupCommit& commits)
     : db_(db), commits_(commits.weak_from_this()) {
-  writerId_ =
-      commits.addDeferredWriter({[this] { return writeLog(); }, [this] { forgetWritten(); }});
+  writerId_ = commits.addDeferredWriter({[this] { taken_ = std::exchange(log_, {}); },
+                                         [this] { return writeLog(); }, [this] { restoreLog(); },
+                                         [this] { taken_.clear(); }});
 }
 
 UnitOfWork::~UnitOfWork() {
@@ -230,8 +235,15 @@ void UnitOfWork::logCollection(std::int64_t rowId, int which, const CollectionOr
   }
 }
 
+void UnitOfWork::restoreLog() {
+  // What a failed commit took is older than anything logged since.
+  log_.insert(log_.begin(), std::make_move_iterator(taken_.begin()),
+              std::make_move_iterator(taken_.end()));
+  taken_.clear();
+}
+
 bool UnitOfWork::writeLog() {
-  for (const Op& op : log_) {
+  for (const Op& op : taken_) {
     Statement* s = nullptr;
     switch (op.kind) {
       case Op::Kind::kInsertRecord:
@@ -265,11 +277,6 @@ bool UnitOfWork::writeLog() {
     if (!s->run()) return false;
   }
   return true;
-}
-
-void UnitOfWork::forgetWritten() {
-  // The commit held the log's mutex since writeLog(): all of it landed.
-  log_.clear();
 }
 
 }  // namespace zolvani::reference

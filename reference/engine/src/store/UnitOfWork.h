@@ -98,9 +98,9 @@ class UnitOfWork : public std::enable_shared_from_this<UnitOfWork> {
                      std::vector<Op>& ops);
   // Adds to the log and marks a commit due.
   void append(std::vector<Op> ops);
-  // The group commit's deferred writer.
+  // Writes what the commit took from the log.
   bool writeLog();
-  void forgetWritten();
+  void restoreLog();
 
   Database& db_;
   std::weak_ptr<GroupCommit> commits_;
@@ -111,8 +111,8 @@ class UnitOfWork : public std::enable_shared_from_this<UnitOfWork> {
   std::int64_t nextRowId_ = 1;  // new records' ids are given out here
   Counts counts_;
 
-  // Guarded by the group commit's held-rows mutex.
-  std::vector<Op> log_;
+  std::vector<Op> log_;    // guarded by the group commit's held rows' lock
+  std::vector<Op> taken_;  // what a commit took; guarded by the database's mutex
 };
 
 }  // namespace zolvani::reference
