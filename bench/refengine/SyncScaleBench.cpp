@@ -137,7 +137,8 @@ struct Result {
 };
 
 void print(const Result& r) {
-  std::printf("%.3f %.3f %ld %lld %ju\n", r.seconds, r.queuedSeconds, r.peakKiB, r.written,
+  // Microseconds survive the trip to the parent: a fill of 1,000 items takes ~2 ms.
+  std::printf("%.6f %.6f %ld %lld %ju\n", r.seconds, r.queuedSeconds, r.peakKiB, r.written,
               r.databaseBytes);
 }
 
