@@ -1,5 +1,6 @@
 #include "HostRuntime.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <deque>
@@ -64,6 +65,10 @@ class HostRuntime::CapturingLogger final : public ZolvaniLoggerWrapper {
 };
 
 namespace {
+
+// Contract levels the engine's log file keeps by default: 0 error, 1 warning,
+// 2 notable.
+constexpr std::int64_t kEngineLogFileLevel = 2;
 
 // The host's own user-defaults key: the whole second of this device's last run.
 constexpr std::string_view kLastRequestSecondKey = "ZSMHost_LastRequestSecond";
@@ -194,6 +199,11 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
 
   reference::ReferenceEngineOptions engineOptions;
   engineOptions.dataFolder = options.paths.engine();
+  // The engine's log file keeps what a device keeps (errors, warnings and
+  // notable lines) unless more is asked for: at the information level a sync
+  // writes a line per item to it, from two threads, and that costs more than
+  // the sync's own writes.
+  engineOptions.logLevelLimit = std::max<std::int64_t>(kEngineLogFileLevel, options.echoLogLevel);
   engineOptions.parallelTransfers = options.parallelTransfers;
   engineOptions.notificationCenter = rt->platform_.notificationCenter;
   engineOptions.notificationQueue = rt->platform_.mainQueue;

@@ -57,7 +57,7 @@ con.executemany("INSERT OR REPLACE INTO subscriptions (user, device, feed) VALUE
                 [(device, f"feed-{f:05d}") for f in range(feeds)])
 con.commit()
 PY
-  /usr/bin/time -f "%e %M %O" -o "$work/time" "$zsm" --data "$work/device" sync --since 1d \
+  ${ZSM_SYNC_WRAP:-} /usr/bin/time -f "%e %M %O" -o "$work/time" "$zsm" --data "$work/device" sync --since 1d \
     > "$work/sync.out" 2> "$work/sync.err" || { cat "$work/sync.err" >&2; exit 1; }
   # %O counts the 512-byte blocks the file systems took from zsm, as write_bytes does.
   read -r seconds peak blocks < "$work/time"
