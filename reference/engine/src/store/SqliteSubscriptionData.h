@@ -44,8 +44,6 @@ class SqliteSubscriptionData final : public SubscriptionData {
     bool autodelete = false;
     std::int64_t maxBitrate = 0;
     std::array<CollectionOrder, 2> collections;  // tracked, deferred
-    // False after a save failed part-way: the next save writes the record whole.
-    bool exact = true;
   };
   Saved& saved() { return saved_; }
   // The collections without marking the record touched.
