@@ -16,8 +16,11 @@
 //
 // Fill: <n> assets created up front, then <n> addItem calls into one feed
 // with no item limit, in a shuffled creation-date order so that items land
-// all over the feed. Reported: seconds for the addItem calls, and the same
-// memory, write and size figures.
+// all over the feed. The assets' own rows are given time to land first, so
+// that only the fill's writes are counted. Reported: seconds until the fill is
+// on disk (the addItem calls and the engine's stop, which commits what a
+// reference engine still holds), seconds for the addItem calls alone, and the
+// same memory, write and size figures.
 //
 // Every measurement runs in a fresh process, so that its peak memory and its
 // writes are its own.
@@ -34,6 +37,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fmt/format.h>
@@ -134,6 +138,7 @@ struct Result {
   long peakKiB = 0;
   long long written = 0;
   std::uintmax_t databaseBytes = 0;
+  double total() const { return std::max(seconds, queuedSeconds); }
 };
 
 void print(const Result& r) {
@@ -227,13 +232,17 @@ int measureFill(bool reference, int items) {
     assets.push_back(std::move(asset));
   }
 
+  // A reference engine commits what it holds once it has been idle for a
+  // moment; the creations above land now, not inside the fill.
+  if (under.engine) std::this_thread::sleep_for(std::chrono::milliseconds(300));
   const long long writtenBefore = writeBytes();
   const auto start = Clock::now();
   for (const auto& asset : assets) bed.manager->addItem(asset, feed);
   Result r;
-  r.seconds = r.queuedSeconds = seconds(Clock::now() - start);
+  r.queuedSeconds = seconds(Clock::now() - start);
   const std::int32_t count = bed.manager->numberOfItemsInFeed(feed);
   r.databaseBytes = under.stop();
+  r.seconds = seconds(Clock::now() - start);
   r.written = writeBytes() - writtenBefore;
   r.peakKiB = statusKiB("VmHWM:");
   if (count != items) {
@@ -282,12 +291,13 @@ int table(const char* mode, const std::vector<int>& sizes) {
         return 1;
       }
       const double items = static_cast<double>(n) * perUnit;
+      // Per item, the work counts until the later of the two times.
       std::printf("%-9s %7d %8.0f %9.3f %9.3f %9.1f %10.1f %10.1f %9.2f %9.1f\n", engine, n, items,
-                  r.seconds, r.queuedSeconds, 1e6 * r.queuedSeconds / items, r.peakKiB / 1024.0,
+                  r.seconds, r.queuedSeconds, 1e6 * r.total() / items, r.peakKiB / 1024.0,
                   r.written / 1e6, r.written / 1024.0 / items, r.databaseBytes / 1e6);
     }
     std::printf("%-9s %7d reference/memory time %.2fx; reference written/db size %.1fx\n", "ratio",
-                n, results[1].queuedSeconds / results[0].queuedSeconds,
+                n, results[1].total() / results[0].total(),
                 results[1].databaseBytes
                     ? static_cast<double>(results[1].written) / results[1].databaseBytes
                     : 0.0);

@@ -30,8 +30,7 @@ bool AssetDataOrderedSet::contains(const Item& item) const {
 
 std::optional<std::size_t> AssetDataOrderedSet::indexOf(const Item& item) const {
   if (!contains(item)) return std::nullopt;
-  auto it = std::find(items_.begin(), items_.end(), item);
-  return static_cast<std::size_t>(it - items_.begin());
+  return items_.find(item);
 }
 
 void AssetDataOrderedSet::add(Item item) {
@@ -49,17 +48,18 @@ void AssetDataOrderedSet::remove(const Item& item) {
 
 void AssetDataOrderedSet::removeAt(std::size_t index) {
   if (index >= items_.size()) return;
-  const auto at = static_cast<std::ptrdiff_t>(index);
-  Item item = std::move(items_[index]);
-  items_.erase(items_.begin() + at);
+  Item item = items_.erase(index);
   members_.erase(item.get());
   // Taking a member out keeps the others in order.
-  if (sortedBy_) keys_.erase(keys_.begin() + at);
+  if (sortedBy_) keys_.erase(index);
   record(Change::Kind::kRemoved, index, item);
 }
 
 void AssetDataOrderedSet::clear() {
-  for (std::size_t i = items_.size(); i-- > 0;) record(Change::Kind::kRemoved, i, items_[i]);
+  if (recording_) {
+    const std::vector<Item> members = items_.toVector();
+    for (std::size_t i = members.size(); i-- > 0;) record(Change::Kind::kRemoved, i, members[i]);
+  }
   items_.clear();
   members_.clear();
   keys_.clear();
@@ -70,7 +70,7 @@ void AssetDataOrderedSet::sortByAttribute(std::string_view attribute) {
   // from its store.
   std::vector<std::pair<Value, Item>> keyed;
   keyed.reserve(items_.size());
-  for (auto& item : items_) keyed.emplace_back(item->valueForKey(attribute), std::move(item));
+  for (const auto& item : items_) keyed.emplace_back(item->valueForKey(attribute), item);
   auto less = [](const auto& a, const auto& b) { return lessValue(a.first, b.first); };
   // A tracked list gains one item at a time and is nearly always in order
   // already; then the items are put back where they were.
@@ -78,10 +78,9 @@ void AssetDataOrderedSet::sortByAttribute(std::string_view attribute) {
   if (moved) std::stable_sort(keyed.begin(), keyed.end(), less);
   forgetOrder();
   bool remembered = true;
-  keys_.reserve(keyed.size());
-  for (std::size_t i = 0; i < keyed.size(); ++i) {
-    items_[i] = std::move(keyed[i].second);
-    const Value& key = keyed[i].first;
+  items_.clear();
+  for (auto& [key, item] : keyed) {
+    items_.push_back(std::move(item));
     if (rank(key) == 2) remembered = false;
     if (remembered) keys_.push_back(SortKey{rank(key), rank(key) ? key.doubleValue() : 0.0});
   }
@@ -108,17 +107,13 @@ void AssetDataOrderedSet::insertSorted(Item item, std::string_view attribute) {
   // A stable sort of the sorted members followed by the new one puts it after
   // every member that is not greater: the upper bound of its value.
   const SortKey key{rank(value), rank(value) ? value.doubleValue() : 0.0};
-  const auto at =
-      std::upper_bound(keys_.begin(), keys_.end(), key,
-                       [](const SortKey& a, const SortKey& b) {
-                         return a.rank != b.rank ? a.rank < b.rank : a.number < b.number;
-                       }) -
-      keys_.begin();
-  keys_.insert(keys_.begin() + at, key);
+  const std::size_t at = keys_.partitionPoint([&key](const SortKey& k) {
+    return k.rank != key.rank ? k.rank < key.rank : k.number <= key.number;
+  });
+  keys_.insert(at, key);
   members_.insert(item.get());
-  items_.insert(items_.begin() + at, std::move(item));
-  record(Change::Kind::kInserted, static_cast<std::size_t>(at),
-         items_[static_cast<std::size_t>(at)]);
+  if (recording_) record(Change::Kind::kInserted, at, item);
+  items_.insert(at, std::move(item));
 }
 
 void AssetDataOrderedSet::setRecordsChanges(bool on) {

@@ -48,7 +48,7 @@ class InMemorySubscriptionData final : public SubscriptionData {
     return feedItems_.contains(item) || deferred_.contains(item);
   }
 
-  std::shared_ptr<const InMemoryStoreContext::SavedRecord> snapshot() {
+  std::shared_ptr<const InMemoryStoreContext::StoredRecord> snapshot() {
     if (!dirty_ && snapshot_) return snapshot_;
     dirty_ = false;
     auto feedChanges = feedItems_.takeChanges();
@@ -60,9 +60,9 @@ class InMemorySubscriptionData final : public SubscriptionData {
         snapshot_ && snapshot_->uuid == uuid_ && snapshot_->maxItems == maxItems_ &&
         snapshot_->autodelete == autodelete_ && snapshot_->maxBitrate == maxBitrate_;
     if (sameRules && feedChanges.empty() && deferredChanges.empty()) return snapshot_;
-    std::shared_ptr<InMemoryStoreContext::SavedRecord> s;
+    std::shared_ptr<InMemoryStoreContext::StoredRecord> s;
     if (!snapshot_) {
-      s = std::make_shared<InMemoryStoreContext::SavedRecord>();
+      s = std::make_shared<InMemoryStoreContext::StoredRecord>();
       rebuild(s->feedItems, feedItems_);
       rebuild(s->deferredFeedItems, deferred_);
     } else {
@@ -70,7 +70,7 @@ class InMemorySubscriptionData final : public SubscriptionData {
       // costs what changed, not the length of the feed. It is changed in place
       // unless someone besides the saved list still holds it.
       s = snapshot_.use_count() > 2
-              ? std::make_shared<InMemoryStoreContext::SavedRecord>(*snapshot_)
+              ? std::make_shared<InMemoryStoreContext::StoredRecord>(*snapshot_)
               : snapshot_;
       follow(s->feedItems, feedChanges, feedItems_);
       follow(s->deferredFeedItems, deferredChanges, deferred_);
@@ -84,25 +84,24 @@ class InMemorySubscriptionData final : public SubscriptionData {
   }
 
  private:
-  static void rebuild(std::vector<std::string>& uuids, const AssetDataOrderedSet& now) {
+  using Uuids = ChunkedSequence<std::string>;
+
+  static void rebuild(Uuids& uuids, const AssetDataOrderedSet& now) {
     uuids.clear();
-    uuids.reserve(now.count());
     for (const auto& item : now) uuids.push_back(item->uuid());
   }
 
   // Replays a collection's changes onto its saved UUIDs; rebuilds them from
   // the collection when the changes are a reordering or do not fit.
-  static void follow(std::vector<std::string>& uuids,
-                     const std::vector<AssetDataOrderedSet::Change>& changes,
+  static void follow(Uuids& uuids, const std::vector<AssetDataOrderedSet::Change>& changes,
                      const AssetDataOrderedSet& now) {
     using Kind = AssetDataOrderedSet::Change::Kind;
     for (const auto& change : changes) {
-      const auto at = static_cast<std::ptrdiff_t>(change.index);
       if (change.kind == Kind::kInserted && change.item && change.index <= uuids.size()) {
-        uuids.insert(uuids.begin() + at, change.item->uuid());
+        uuids.insert(change.index, change.item->uuid());
       } else if (change.kind == Kind::kRemoved && change.item && change.index < uuids.size() &&
                  uuids[change.index] == change.item->uuid()) {
-        uuids.erase(uuids.begin() + at);
+        uuids.erase(change.index);
       } else {
         return rebuild(uuids, now);
       }
@@ -121,7 +120,7 @@ class InMemorySubscriptionData final : public SubscriptionData {
   std::int64_t maxBitrate_ = 0;
   AssetDataOrderedSet feedItems_, deferred_;
   bool dirty_ = true;
-  std::shared_ptr<InMemoryStoreContext::SavedRecord> snapshot_;
+  std::shared_ptr<InMemoryStoreContext::StoredRecord> snapshot_;
   // Where the record notes that it changed since its last snapshot.
   std::shared_ptr<InMemoryStoreJournal> journal_;
 };
@@ -360,7 +359,7 @@ void InMemoryStoreContext::rollback() {
   // The restored records are not changes to save.
   auto restoring = std::make_shared<InMemoryStoreJournal>();
   for (const auto& saved : saved_) {
-    const SavedRecord& s = *saved;
+    const StoredRecord& s = *saved;
     auto r = std::make_shared<InMemorySubscriptionData>();
     r->setJournal(restoring);
     r->setUuid(s.uuid);
@@ -392,7 +391,9 @@ int InMemoryStoreContext::refreshes() const {
 std::vector<InMemoryStoreContext::SavedRecord> InMemoryStoreContext::savedRecords() const {
   std::lock_guard lock(mutex_);
   std::vector<SavedRecord> out;
-  for (const auto& s : saved_) out.push_back(*s);
+  for (const auto& s : saved_)
+    out.push_back(SavedRecord{s->uuid, s->maxItems, s->autodelete, s->maxBitrate,
+                              s->feedItems.toVector(), s->deferredFeedItems.toVector()});
   return out;
 }
 
@@ -407,13 +408,12 @@ void InMemoryStoreContext::forgetAssetData(const std::shared_ptr<ZolvaniAssetDat
   }
   const std::string uuid = item->uuid();
   for (auto& saved : saved_) {
-    auto holds = [&](const std::vector<std::string>& v) {
-      return std::find(v.begin(), v.end(), uuid) != v.end();
-    };
-    if (!holds(saved->feedItems) && !holds(saved->deferredFeedItems)) continue;
-    auto copy = std::make_shared<SavedRecord>(*saved);
-    std::erase(copy->feedItems, uuid);
-    std::erase(copy->deferredFeedItems, uuid);
+    const std::size_t tracked = saved->feedItems.find(uuid);
+    const std::size_t deferred = saved->deferredFeedItems.find(uuid);
+    if (tracked == saved->feedItems.size() && deferred == saved->deferredFeedItems.size()) continue;
+    auto copy = std::make_shared<StoredRecord>(*saved);
+    if (tracked < copy->feedItems.size()) copy->feedItems.erase(tracked);
+    if (deferred < copy->deferredFeedItems.size()) copy->deferredFeedItems.erase(deferred);
     saved = std::move(copy);
   }
 }

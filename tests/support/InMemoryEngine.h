@@ -23,6 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "zolvani/subscription/engine/ChunkedSequence.h"
 #include "zolvani/subscription/engine/EngineRoles.h"
 
 namespace zolvani::testing {
@@ -251,6 +252,15 @@ class InMemoryStoreContext final : public ZolvaniManagedObjectContext,
     std::vector<std::string> feedItems, deferredFeedItems;
   };
   std::vector<SavedRecord> savedRecords() const;
+  // The same as the context keeps it: a long feed's saved UUIDs take an item
+  // in the middle without moving the rest.
+  struct StoredRecord {
+    std::string uuid;
+    std::int16_t maxItems = 0;
+    bool autodelete = false;
+    std::int64_t maxBitrate = 0;
+    ChunkedSequence<std::string> feedItems, deferredFeedItems;
+  };
   // Removes an asset's data from every record, saved or not (the engine's
   // deletion of an asset does this).
   void forgetAssetData(const std::shared_ptr<ZolvaniAssetData>& item);
@@ -260,7 +270,7 @@ class InMemoryStoreContext final : public ZolvaniManagedObjectContext,
  private:
   mutable std::recursive_mutex mutex_;
   std::vector<std::shared_ptr<SubscriptionData>> live_;
-  std::vector<std::shared_ptr<const SavedRecord>> saved_;
+  std::vector<std::shared_ptr<const StoredRecord>> saved_;
   int saves_ = 0;
   int refreshes_ = 0;
   // Where records note their changes, so that the look-up by feed identifier

@@ -2,7 +2,9 @@
 // references, the type of a feed record's tracked and deferred items. Identity
 // is the object, not its contents.
 //
-// Membership tests are constant-time. The set remembers the attribute it was
+// Membership tests are constant-time, and members are kept in chunks, so that
+// putting one in the middle of a long feed or taking the oldest out moves a
+// chunk, not the feed. The set remembers the attribute it was
 // last sorted by, with each member's value of it (when the values are dates,
 // numbers or null, as the ordering attribute's are), so that insertSorted()
 // puts a new member in place with a binary search instead of sorting the
@@ -30,6 +32,7 @@
 #include <vector>
 
 #include "zolvani/subscription/Value.h"
+#include "zolvani/subscription/engine/ChunkedSequence.h"
 #include "zolvani/subscription/engine/ZolvaniAsset.h"
 
 namespace zolvani {
@@ -53,8 +56,11 @@ class ZSM_EXPORT AssetDataOrderedSet {
     Item item;
   };
 
+  using const_iterator = ChunkedSequence<Item>::const_iterator;
+
   std::size_t count() const { return items_.size(); }
   bool empty() const { return items_.empty(); }
+  // Reaching a member by index walks the chunks; iterate to visit them all.
   const Item& at(std::size_t i) const { return items_.at(i); }
   bool contains(const Item& item) const;
   std::optional<std::size_t> indexOf(const Item& item) const;
@@ -72,9 +78,10 @@ class ZSM_EXPORT AssetDataOrderedSet {
   // be sorted by `attribute`, only the new member's value is read.
   void insertSorted(Item item, std::string_view attribute);
 
-  const std::vector<Item>& items() const { return items_; }
-  auto begin() const { return items_.begin(); }
-  auto end() const { return items_.end(); }
+  // The members in order, copied.
+  std::vector<Item> items() const { return items_.toVector(); }
+  const_iterator begin() const { return items_.begin(); }
+  const_iterator end() const { return items_.end(); }
 
   // Starts or stops recording changes; stopping drops what was recorded.
   void setRecordsChanges(bool on);
@@ -86,7 +93,7 @@ class ZSM_EXPORT AssetDataOrderedSet {
   void record(Change::Kind kind, std::size_t index, const Item& item);
   void forgetOrder();
 
-  std::vector<Item> items_;
+  ChunkedSequence<Item> items_;
   std::unordered_set<const ZolvaniAssetData*> members_;
   // The attribute the set is known to be sorted by, and each member's value
   // of it. Only null, number and date values are remembered (a plain pair
@@ -96,7 +103,7 @@ class ZSM_EXPORT AssetDataOrderedSet {
     double number = 0;
   };
   std::optional<std::string> sortedBy_;
-  std::vector<SortKey> keys_;
+  ChunkedSequence<SortKey> keys_;  // beside items_, index for index
   bool recording_ = false;
   std::vector<Change> changes_;
 };

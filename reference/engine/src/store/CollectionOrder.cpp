@@ -32,8 +32,7 @@ constexpr std::int64_t kMinSpread = std::int64_t{1} << 12;
 // The gap at `index` ran out. The smallest window of entries around it whose
 // bounds leave room is dealt out evenly, with a slot for the newcomer, whose
 // position is returned: a crowded spot moves a few neighbours, not the feed.
-std::int64_t spreadAround(std::vector<CollectionOrder::Entry>& entries, std::size_t index,
-                          WriteSet& writes) {
+std::int64_t spreadAround(CollectionOrder::Entries& entries, std::size_t index, WriteSet& writes) {
   constexpr std::int64_t kGap = CollectionOrder::kGap;
   const std::size_t n = entries.size();
   for (std::size_t width = 1;; width *= 2) {
@@ -58,6 +57,11 @@ std::int64_t spreadAround(std::vector<CollectionOrder::Entry>& entries, std::siz
 
 }  // namespace
 
+void CollectionOrder::assign(const std::vector<Entry>& entries) {
+  entries_.clear();
+  for (const Entry& entry : entries) entries_.push_back(entry);
+}
+
 std::optional<std::int64_t> CollectionOrder::positionAt(std::size_t index) const {
   if (entries_.empty()) return kGap;
   if (index == 0) return entries_.front().position - kGap;
@@ -80,15 +84,14 @@ CollectionOrder::Writes CollectionOrder::follow(const std::vector<Change>& chang
     if (change.kind == Change::Kind::kRemoved) {
       if (change.index >= entries_.size() || entries_[change.index].item != item)
         return rewrite(now);  // the changes do not fit what was saved
-      entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(change.index));
+      entries_.erase(change.index);
       writes.put(item, std::nullopt);
       continue;
     }
     if (change.index > entries_.size()) return rewrite(now);
     std::optional<std::int64_t> position = positionAt(change.index);
     if (!position) position = spreadAround(entries_, change.index, writes);
-    entries_.insert(entries_.begin() + static_cast<std::ptrdiff_t>(change.index),
-                    Entry{*position, item});
+    entries_.insert(change.index, Entry{*position, item});
     writes.put(item, *position);
   }
   if (entries_.size() != now.count()) return rewrite(now);
@@ -99,7 +102,6 @@ CollectionOrder::Writes CollectionOrder::rewrite(const AssetDataOrderedSet& now)
   Writes out;
   out.replaceAll = true;
   entries_.clear();
-  entries_.reserve(now.count());
   out.rows.reserve(now.count());
   std::int64_t position = 0;
   for (const auto& item : now) {

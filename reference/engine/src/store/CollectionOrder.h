@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "zolvani/subscription/engine/AssetDataOrderedSet.h"
+#include "zolvani/subscription/engine/ChunkedSequence.h"
 
 namespace zolvani::reference {
 
@@ -41,9 +42,11 @@ class CollectionOrder {
     std::vector<Write> rows;
   };
 
-  const std::vector<Entry>& entries() const { return entries_; }
+  using Entries = ChunkedSequence<Entry>;
+
+  const Entries& entries() const { return entries_; }
   // The collection as the store holds it, in position order.
-  void assign(std::vector<Entry> entries) { entries_ = std::move(entries); }
+  void assign(const std::vector<Entry>& entries);
 
   // Follows the set from the state this order describes through `changes` to
   // `now`, and returns the rows that take the store there, each item once.
@@ -55,7 +58,7 @@ class CollectionOrder {
  private:
   std::optional<std::int64_t> positionAt(std::size_t index) const;
 
-  std::vector<Entry> entries_;
+  Entries entries_;
 };
 
 }  // namespace zolvani::reference
