@@ -369,6 +369,23 @@ void HostRuntime::pumpFor(std::chrono::milliseconds duration) {
   platform_.mainQueue->runFor(duration);
 }
 
+bool HostRuntime::settle(std::chrono::milliseconds timeout) {
+  using Clock = std::chrono::steady_clock;
+  constexpr auto kLook = std::chrono::milliseconds(5);
+  const auto deadline = Clock::now() + timeout;
+  const auto& queue = manager_->processingQueue();
+  int idleLooks = 0;
+  while (Clock::now() < deadline) {
+    // What the processing queue posted to the main queue runs here.
+    pumpFor(kLook);
+    if (queue && !queue->waitUntilIdle(std::chrono::steady_clock::duration::zero()))
+      idleLooks = 0;
+    else if (++idleLooks == 2)
+      return true;
+  }
+  return false;
+}
+
 void HostRuntime::setEventListener(EventListener listener) {
   std::lock_guard lock(mutex_);
   listener_ = std::move(listener);

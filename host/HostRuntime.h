@@ -105,6 +105,12 @@ class HostRuntime {
   bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
   // Drives the main queue for `duration`.
   void pumpFor(std::chrono::milliseconds duration);
+  // Drives the main queue until the manager's processing queue has stayed
+  // idle across two looks a few milliseconds apart, so that the work an
+  // operation left behind it (direct items after a sync, deletions after new
+  // rules) has run and announced itself; or until `timeout` passes. True when
+  // it settled.
+  bool settle(std::chrono::milliseconds timeout);
 
   void setEventListener(EventListener listener);
   HostEvents events() const;

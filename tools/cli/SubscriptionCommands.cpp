@@ -54,7 +54,7 @@ int runSubscribe(const CommandContext& context, const SubscribeOptions& options)
   if (waited) return out.fail(*waited);
   if (!ok) return out.fail(failure.value_or(cliError(kCliErrorServer, "the subscription failed")));
   // Deletions made by the new rules arrive as notifications on the main queue.
-  host->pumpFor(std::chrono::milliseconds(100));
+  host->settle(std::chrono::milliseconds(100));
   host->noteRulesFrom(options.feed, withRules ? "subscribe" : "settings");
   const nlohmann::json rules = rulesJson(m, options.feed);
   nlohmann::json doc = {{"ok", true}, {"feed", options.feed}, {"rules", rules}};
@@ -135,7 +135,7 @@ int runUnsubscribe(const CommandContext& context, const UnsubscribeOptions& opti
     if (waited) return out.fail(*waited);
   }
   if (!ok) return out.fail(failure.value_or(cliError(kCliErrorServer, "unsubscribe failed")));
-  host->pumpFor(std::chrono::milliseconds(100));
+  host->settle(std::chrono::milliseconds(100));
   const auto deleted = host->events().deleted;
   out.document({{"ok", true}, {"unsubscribed", feeds}, {"deleted", deleted}});
   for (const auto& f : feeds) out.line("unsubscribed from " + f);

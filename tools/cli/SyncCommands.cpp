@@ -150,8 +150,9 @@ int runSync(const CommandContext& context, const SyncOptions& options) {
     return out.fail(failure.value_or(cliError(
         kCliErrorIncomplete, "the manager did not sync now (not configured, or already syncing)")));
   }
-  // Direct items are processed beside the feeds and announced on their own.
-  host->pumpFor(std::chrono::milliseconds(300));
+  // Direct items are processed beside the feeds and announced on their own;
+  // a sync of direct items alone completes before they are.
+  host->settle(std::chrono::milliseconds(300));
   const int skippedAsOld = countOlderThanLastSync(host->logSince(mark));
 
   nlohmann::json doc = {{"ok", true}};
