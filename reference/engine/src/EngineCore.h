@@ -22,6 +22,7 @@
 #include "Fetcher.h"
 #include "store/AssetFields.h"
 #include "store/EngineStore.h"
+#include "store/SpinningMutex.h"
 #include "store/SqliteStoreContext.h"
 #include "zolvani/reference/ReferenceEngine.h"
 
@@ -199,8 +200,9 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
   // under either: the queue's code reads them under mutex_ it already holds,
   // while look-ups by UUID or asset ID, which a sync makes many times per
   // item from more than one thread, share assetsMutex_ and never wait for
-  // one another.
-  mutable std::shared_mutex assetsMutex_;
+  // one another. A writer holds it for a map insertion; a thread that finds
+  // it taken retries briefly instead of sleeping.
+  mutable SpinningMutex<std::shared_mutex> assetsMutex_;
   std::unordered_map<std::string, std::shared_ptr<ReferenceAsset>, TextHash, std::equal_to<>>
       assets_;
   // The same assets by their content's asset identifier, oldest first, so
