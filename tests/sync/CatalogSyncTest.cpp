@@ -134,11 +134,30 @@ TEST_F(CatalogSyncTest, FirstSyncAdmitsDefersAndTrimsThenASecondSeesOnlyNewerIte
 TEST_F(CatalogSyncTest, AForcedSyncOverlapsARunningOneAndSharesItsBackgroundTask) {
   std::promise<void> gate1, gate2;
   std::shared_future<void> open1 = gate1.get_future().share(), open2 = gate2.get_future().share();
-  std::atomic<int> sent{0};
-  bed.http->setFallback([&, open1, open2](const HttpRequest&) {
-    (sent++ == 0 ? open1 : open2).wait();
-    return FakeHttpTransport::ok(catalog(nlohmann::json::array(), {"A"}).dump());
+  // Shared with the transport: a request that a loaded machine sends late
+  // still counts into something alive.
+  auto counter = std::make_shared<std::atomic<int>>(0);
+  std::atomic<int>& sent = *counter;
+  const std::string reply = catalog(nlohmann::json::array(), {"A"}).dump();
+  bed.http->setFallback([counter, open1, open2, reply](const HttpRequest&) {
+    ((*counter)++ == 0 ? open1 : open2).wait();
+    return FakeHttpTransport::ok(reply);
   });
+  // However the test ends, the held requests are let go and their syncs run
+  // out while the test bed is still there.
+  struct ReleaseGates {
+    std::promise<void>* gates[2];
+    TestBed* bed;
+    ~ReleaseGates() {
+      for (auto* gate : gates) {
+        try {
+          gate->set_value();
+        } catch (const std::future_error&) {  // already open
+        }
+      }
+      bed->settle();
+    }
+  } release{{&gate1, &gate2}, &bed};
   SyncResult first, refused, forced;
   bed.manager->syncSubscriptionsWithKeelhallNowOnComplete(recordInto(first));
   bed.manager->syncSubscriptionsWithKeelhallNowOnComplete(recordInto(refused));
@@ -148,7 +167,7 @@ TEST_F(CatalogSyncTest, AForcedSyncOverlapsARunningOneAndSharesItsBackgroundTask
   EXPECT_EQ(bed.engine->countLogged("Not syncing now.  Already in sync."), 1u);
 
   bed.manager->syncSubscriptionsWithKeelhallNowUsingForce(true, recordInto(forced));
-  for (int i = 0; i < 500 && sent.load() < 2; ++i)
+  for (int i = 0; i < 1500 && sent.load() < 2; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   ASSERT_EQ(sent.load(), 2);
   EXPECT_EQ(bed.application->begun(), 1);
