@@ -99,7 +99,7 @@ void Database::close() {
 }
 
 Statement& Database::prepared(std::string_view sql) {
-  auto it = prepared_.find(std::string(sql));
+  auto it = prepared_.find(sql);
   if (it == prepared_.end())
     it = prepared_.emplace(std::string(sql), std::make_unique<Statement>(*this, sql)).first;
   it->second->reset();

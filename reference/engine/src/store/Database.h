@@ -84,7 +84,15 @@ class Database {
  private:
   sqlite3* db_ = nullptr;
   SpinningMutex<std::recursive_mutex> mutex_;
-  std::unordered_map<std::string, std::unique_ptr<Statement>> prepared_;
+  // Found by the statement's text without building a string: a commit looks
+  // a statement up for every row it writes.
+  struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const {
+      return std::hash<std::string_view>{}(text);
+    }
+  };
+  std::unordered_map<std::string, std::unique_ptr<Statement>, TextHash, std::equal_to<>> prepared_;
 };
 
 }  // namespace zolvani::reference
