@@ -16,11 +16,11 @@
 //
 // Fill: <n> assets created up front, then <n> addItem calls into one feed
 // with no item limit, in a shuffled creation-date order so that items land
-// all over the feed. The assets' own rows are given time to land first, so
-// that only the fill's writes are counted. Reported: seconds until the fill is
-// on disk (the addItem calls and the engine's stop, which commits what a
-// reference engine still holds), seconds for the addItem calls alone, and the
-// same memory, write and size figures.
+// all over the feed. The assets' own rows are committed first, so that only
+// the fill's writes are counted. Reported: seconds until the fill is committed
+// (the addItem calls and a flush of what a reference engine still holds),
+// seconds for the addItem calls alone, and the same memory, write and size
+// figures.
 //
 // Every measurement runs in a fresh process, so that its peak memory and its
 // writes are its own.
@@ -232,17 +232,17 @@ int measureFill(bool reference, int items) {
     assets.push_back(std::move(asset));
   }
 
-  // A reference engine commits what it holds once it has been idle for a
-  // moment; the creations above land now, not inside the fill.
-  if (under.engine) std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  // The creations above are committed now, not inside the fill.
+  if (under.engine && !under.engine->flush()) return 1;
   const long long writtenBefore = writeBytes();
   const auto start = Clock::now();
   for (const auto& asset : assets) bed.manager->addItem(asset, feed);
   Result r;
   r.queuedSeconds = seconds(Clock::now() - start);
+  if (under.engine && !under.engine->flush()) return 1;
+  r.seconds = seconds(Clock::now() - start);
   const std::int32_t count = bed.manager->numberOfItemsInFeed(feed);
   r.databaseBytes = under.stop();
-  r.seconds = seconds(Clock::now() - start);
   r.written = writeBytes() - writtenBefore;
   r.peakKiB = statusKiB("VmHWM:");
   if (count != items) {

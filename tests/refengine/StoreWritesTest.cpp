@@ -457,5 +457,32 @@ TEST(StoreWritesTest, KillsBetweenGroupCommitsLeaveAConsistentPrefix) {
   }
 }
 
+TEST(StoreWritesTest, AnEngineFlushCommitsWhatItsWindowsStillHold) {
+  TempFolder folder;
+  auto options = testOptions(folder.path());
+  // Windows that never close during the test: only flush() or stop() commits.
+  options.commitQuiet = options.commitWithin = std::chrono::hours(1);
+  options.reachabilityOverride = false;  // no transfer, so no commit of its own
+  auto engine = startEngine(options);
+  ASSERT_TRUE(engine);
+  const std::string file = (folder.path() / "engine.sqlite3").string();
+  auto rows = [&](const std::string& assetID) {
+    return run("sqlite3 " + file + " \"SELECT count(*) FROM assets WHERE asset_id='" + assetID +
+               "';\"");
+  };
+
+  ASSERT_TRUE(makeFileAsset(*engine, "http://127.0.0.1:1/one.mp4", "flushed-1"));
+  EXPECT_EQ(rows("flushed-1"), "0\n") << "committed before its window closed";
+  ASSERT_TRUE(engine->flush());
+  EXPECT_EQ(rows("flushed-1"), "1\n");
+  // Nothing pending: a second flush is harmless.
+  EXPECT_TRUE(engine->flush());
+
+  ASSERT_TRUE(makeFileAsset(*engine, "http://127.0.0.1:1/two.mp4", "flushed-2"));
+  EXPECT_EQ(rows("flushed-2"), "0\n");
+  engine->stop();
+  EXPECT_EQ(rows("flushed-2"), "1\n");
+}
+
 }  // namespace
 }  // namespace zolvani::testing

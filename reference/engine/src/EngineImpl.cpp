@@ -10,7 +10,8 @@
 
 namespace zolvani::reference {
 
-ReferenceEngine::Impl::Impl(ReferenceEngineOptions o) : options(std::move(o)) {
+ReferenceEngine::Impl::Impl(ReferenceEngineOptions o)
+    : options(std::move(o)), store(GroupCommitOptions{options.commitQuiet, options.commitWithin}) {
   if (options.parallelTransfers < 1) options.parallelTransfers = 1;
   reachOverride_ = options.reachabilityOverride;
 }

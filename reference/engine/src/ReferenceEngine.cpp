@@ -135,7 +135,8 @@ class UtilitiesRole final : public ZFM_Utilities {
     return e_->context;
   }
   void saveContext() override {
-    if (!e_->context->save()) e_->log("Saving the store context failed: " + e_->store.db().lastError(), 0);
+    if (!e_->context->save())
+      e_->log("Saving the store context failed: " + e_->store.db().lastError(), 0);
   }
 
  private:
@@ -259,6 +260,7 @@ ReferenceEngine::~ReferenceEngine() { impl_->stop(); }
 
 std::optional<Error> ReferenceEngine::start() { return impl_->start(); }
 void ReferenceEngine::stop() { impl_->stop(); }
+bool ReferenceEngine::flush() { return impl_->store.flush(); }
 ZolvaniEngine ReferenceEngine::roles() { return impl_->roles(); }
 std::vector<AssetInfo> ReferenceEngine::listAssets() const { return impl_->listAssets(); }
 

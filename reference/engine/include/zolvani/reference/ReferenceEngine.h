@@ -87,6 +87,13 @@ struct ZSM_EXPORT ReferenceEngineOptions {
   int maxAttempts = 6;
   // How often a running transfer's progress is written to the database.
   std::chrono::milliseconds progressPersistInterval{3000};
+  // Store writes are grouped into commits. A commit lands once no write came
+  // for `commitQuiet`, and at most `commitWithin` after the first write it
+  // holds; the end of a download, an ETag before a transfer and a deletion
+  // commit at once. A crash loses at most the writes of the last window, whole
+  // steps only; longer windows write less often.
+  std::chrono::milliseconds commitQuiet{20};
+  std::chrono::milliseconds commitWithin{250};
   // Bodies of a text/* type no larger than this fail as not media.
   std::uint64_t textBodyLimit = 64 * 1024;
   // Calls the ready callbacks of new single-file assets (manifest assets call
@@ -132,6 +139,10 @@ class ZSM_EXPORT ReferenceEngine {
   std::optional<Error> start();
   // Stops the transfer workers; partial files stay for a later resume.
   void stop();
+  // Commits every store write made so far, now rather than at the end of its
+  // window (a host about to be suspended calls it). False when the commit
+  // failed; the writes then stay pending for the next one.
+  bool flush();
 
   // The contract's roles, for the subscription manager.
   ZolvaniEngine roles();
