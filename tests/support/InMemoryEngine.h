@@ -243,24 +243,21 @@ class InMemoryStoreContext final : public ZolvaniManagedObjectContext,
   int refreshes() const;
   // True while the calling thread is inside performBlockAndWait().
   bool insideBlock() const;
-  // The saved state of one feed: tracked and deferred UUIDs; none without a record.
-  struct SavedRecord {
+  // The saved state of one feed: its rules and its tracked and deferred
+  // UUIDs; none without a record.
+  template <typename Uuids>
+  struct RecordForm {
     std::string uuid;
     std::int16_t maxItems = 0;
     bool autodelete = false;
     std::int64_t maxBitrate = 0;
-    std::vector<std::string> feedItems, deferredFeedItems;
+    Uuids feedItems, deferredFeedItems;
   };
+  using SavedRecord = RecordForm<std::vector<std::string>>;
   std::vector<SavedRecord> savedRecords() const;
   // The same as the context keeps it: a long feed's saved UUIDs take an item
   // in the middle without moving the rest.
-  struct StoredRecord {
-    std::string uuid;
-    std::int16_t maxItems = 0;
-    bool autodelete = false;
-    std::int64_t maxBitrate = 0;
-    ChunkedSequence<std::string> feedItems, deferredFeedItems;
-  };
+  using StoredRecord = RecordForm<ChunkedSequence<std::string>>;
   // Removes an asset's data from every record, saved or not (the engine's
   // deletion of an asset does this).
   void forgetAssetData(const std::shared_ptr<ZolvaniAssetData>& item);
