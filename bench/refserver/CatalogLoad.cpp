@@ -33,8 +33,8 @@
 #include <nlohmann/json.hpp>
 
 #include "reference/server/ContentServer.h"
-#include "reference/server/RequestSigner.h"
-#include "reference/server/SampleGenerator.h"
+#include "reference/server/media/SampleGenerator.h"
+#include "reference/server/protocol/RequestSigner.h"
 
 using namespace zolvani::refserver;
 using Clock = std::chrono::steady_clock;
@@ -113,7 +113,8 @@ void RunSlowClients(int port, int count, const std::atomic<bool>& stop, std::ato
       if (s.fd >= 0) ++alive;
     }
     *open = alive;
-    for (int i = 0; i < 10 && !stop; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    for (int i = 0; i < 10 && !stop; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   for (auto& s : slow) {
     if (s.fd >= 0) ::close(s.fd);
@@ -143,7 +144,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "%s\n", s.ToString().c_str());
     return 1;
   }
-  ContentStore* store = server->store();
+  Store* store = server->store();
   store->AddAccount({"load", "load-key", "load-secret"});
   const int64_t now = ContentServer::WallClockMs();
   SampleGenerator::WriteMediaFile(dir / "media/files/item.mp4", "item", 4096);

@@ -6,11 +6,12 @@
 #include <chrono>
 #include <fstream>
 
-#include "reference/server/MediaLibrary.h"
-#include "reference/server/ProtocolHandler.h"
 #include "reference/server/admin/AdminApi.h"
 #include "reference/server/admin/ConsoleStore.h"
 #include "reference/server/console/ConsoleSite.h"
+#include "reference/server/media/MediaLibrary.h"
+#include "reference/server/protocol/ProtocolHandler.h"
+#include "reference/server/store/sqlite/SqliteStore.h"
 
 namespace zolvani::refserver {
 
@@ -65,8 +66,8 @@ Status ContentServer::Create(ServerOptions options, std::unique_ptr<ContentServe
   if (options.limits.maxConnections < 1) options.limits.maxConnections = 1;
   if (options.limits.maxConnectionsPerAddress < 1) options.limits.maxConnectionsPerAddress = 1;
   if (!options.clockMs) options.clockMs = &ContentServer::WallClockMs;
-  std::unique_ptr<ContentStore> store;
-  Status s = ContentStore::Open(options.dataDir, &store);
+  std::unique_ptr<SqliteStore> store;
+  Status s = SqliteStore::Open(options.dataDir, &store);
   if (!s.ok()) return s;
   std::unique_ptr<ConsoleStore> consoleStore;
   if (options.console) {
@@ -77,7 +78,7 @@ Status ContentServer::Create(ServerOptions options, std::unique_ptr<ContentServe
   return Status::OK();
 }
 
-ContentServer::ContentServer(ServerOptions options, std::unique_ptr<ContentStore> store,
+ContentServer::ContentServer(ServerOptions options, std::unique_ptr<Store> store,
                              std::unique_ptr<ConsoleStore> consoleStore)
     : options_(std::move(options)),
       store_(std::move(store)),

@@ -18,11 +18,11 @@
 #include <string>
 #include <thread>
 
-#include "reference/server/ContentStore.h"
-#include "reference/server/GuardedServer.h"
 #include "reference/server/Status.h"
 #include "reference/server/admin/ConsoleSessions.h"
 #include "reference/server/admin/TrafficFigures.h"
+#include "reference/server/http/GuardedServer.h"
+#include "reference/server/store/Store.h"
 
 namespace zolvani::refserver {
 
@@ -69,7 +69,7 @@ class ContentServer {
   int port() const { return port_; }
   // "http://address:port" once started.
   std::string url() const;
-  ContentStore* store() { return store_.get(); }
+  Store* store() { return store_.get(); }
   // Null when the console is off.
   ConsoleStore* consoleStore() { return consoleStore_.get(); }
   TrafficFigures* figures() { return &figures_; }
@@ -78,12 +78,12 @@ class ContentServer {
   static int64_t WallClockMs();
 
  private:
-  ContentServer(ServerOptions options, std::unique_ptr<ContentStore> store,
+  ContentServer(ServerOptions options, std::unique_ptr<Store> store,
                 std::unique_ptr<ConsoleStore> consoleStore);
   void InstallRoutes();
 
   ServerOptions options_;
-  std::unique_ptr<ContentStore> store_;
+  std::unique_ptr<Store> store_;
   std::unique_ptr<ConsoleStore> consoleStore_;
   TrafficFigures figures_;
   ConsoleSessions sessions_;

@@ -5,8 +5,8 @@
 #include <sstream>
 #include <type_traits>
 
-#include "reference/server/JsonLimits.h"
-#include "reference/server/MediaLibrary.h"
+#include "reference/server/media/MediaLibrary.h"
+#include "reference/server/protocol/JsonLimits.h"
 
 namespace zolvani::refserver {
 
@@ -107,8 +107,7 @@ Status SeedLoader::ParseItem(const json& entry, int64_t nowMs, Item* item) {
   return Status::OK();
 }
 
-Status SeedLoader::Apply(const json& seed, ContentStore* store, int64_t nowMs,
-                         SeedSummary* summary) {
+Status SeedLoader::Apply(const json& seed, Store* store, int64_t nowMs, SeedSummary* summary) {
   if (!seed.is_object()) return Status::InvalidArgument("a seed must be a JSON object");
   SeedSummary counted;
 
@@ -185,7 +184,7 @@ Status SeedLoader::Apply(const json& seed, ContentStore* store, int64_t nowMs,
   return Status::OK();
 }
 
-Status SeedLoader::ApplyFile(const std::filesystem::path& file, ContentStore* store, int64_t nowMs,
+Status SeedLoader::ApplyFile(const std::filesystem::path& file, Store* store, int64_t nowMs,
                              SeedSummary* summary) {
   std::ifstream in(file, std::ios::binary);
   if (!in) return Status::IOError("cannot read seed file " + file.string());

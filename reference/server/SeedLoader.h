@@ -11,8 +11,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "reference/server/ContentStore.h"
 #include "reference/server/Status.h"
+#include "reference/server/store/Store.h"
 
 namespace zolvani::refserver {
 
@@ -27,12 +27,12 @@ class SeedLoader {
  public:
   // Applies every entry of `seed`, stopping at the first bad one with a message that
   // names it. Entries already in the store are replaced.
-  static Status Apply(const nlohmann::json& seed, ContentStore* store, int64_t nowMs,
+  static Status Apply(const nlohmann::json& seed, Store* store, int64_t nowMs,
                       SeedSummary* summary);
 
   // Reads and applies the seed file at `file`; a file nested deeper than
   // JsonLimits::kMaxSeedNesting is refused before it is parsed.
-  static Status ApplyFile(const std::filesystem::path& file, ContentStore* store, int64_t nowMs,
+  static Status ApplyFile(const std::filesystem::path& file, Store* store, int64_t nowMs,
                           SeedSummary* summary);
 
   // Converts one item entry ({"remoteUUID", "created", "media", "metadata"}) into a

@@ -12,10 +12,11 @@
 #include <unistd.h>
 
 #include "reference/server/ContentServer.h"
-#include "reference/server/SampleGenerator.h"
 #include "reference/server/SeedLoader.h"
 #include "reference/server/admin/ConsoleStore.h"
 #include "reference/server/admin/PasswordHasher.h"
+#include "reference/server/media/SampleGenerator.h"
+#include "reference/server/store/sqlite/SqliteStore.h"
 
 namespace {
 
@@ -44,11 +45,11 @@ std::optional<spdlog::level::level_enum> LogLevel(const std::string& text) {
   return spdlog::level::debug;
 }
 
-Status OpenStore(const std::string& dataDir, std::unique_ptr<ContentStore>* store) {
-  return ContentStore::Open(dataDir, store);
+Status OpenStore(const std::string& dataDir, std::unique_ptr<SqliteStore>* store) {
+  return SqliteStore::Open(dataDir, store);
 }
 
-Status Generate(const std::string& dataDir, ContentStore* store) {
+Status Generate(const std::string& dataDir, Store* store) {
   nlohmann::json seed;
   const int64_t now = ContentServer::WallClockMs();
   Status s = SampleGenerator::Generate(dataDir, now, &seed);
@@ -329,7 +330,7 @@ int main(int argc, char** argv) {
 
   if (serve->parsed()) return Serve(dataDir, flags);
   if (setPassword->parsed()) return SetConsolePassword(dataDir);
-  std::unique_ptr<ContentStore> store;
+  std::unique_ptr<SqliteStore> store;
   Status s = OpenStore(dataDir, &store);
   if (!s.ok()) return Fail(s);
   const int64_t now = ContentServer::WallClockMs();

@@ -16,7 +16,7 @@
 #include <thread>
 
 #include "ServerProcess.h"
-#include "reference/server/SampleGenerator.h"
+#include "reference/server/media/SampleGenerator.h"
 
 namespace zolvani::refserver::testing {
 namespace {
@@ -63,9 +63,9 @@ class HostileClientTest : public ::testing::Test {
     dir_ = std::filesystem::temp_directory_path() /
            ("zsm-hostile-" + std::to_string(rd()) + "-" + std::to_string(rd()));
     std::filesystem::create_directories(dir_ / "data");
-    ASSERT_TRUE(SampleGenerator::WriteMediaFile(dir_ / "data/media/files/clip.mp4", "clip",
-                                                kClipBytes)
-                    .ok());
+    ASSERT_TRUE(
+        SampleGenerator::WriteMediaFile(dir_ / "data/media/files/clip.mp4", "clip", kClipBytes)
+            .ok());
     const int64_t t = NowSeconds() - 3600;
     auto item = [t](const std::string& uuid, int minute) {
       return json{{"remoteUUID", uuid},
@@ -73,25 +73,26 @@ class HostileClientTest : public ::testing::Test {
                   {"media", "files/clip.mp4"},
                   {"metadata", {{"title", uuid}, {"mediaType", 0}}}};
     };
-    const json seed = {
-        {"accounts",
-         {{{"user", "alice"}, {"key", "alice-key"}, {"secret", "alice-secret"}},
-          {{"user", "bob"}, {"key", "bob-key"}, {"secret", "bob-secret"}},
-          {{"user", "eve"}, {"key", "eve-key"}, {"secret", "eve-secret"}},
-          {{"user", "ops"}, {"key", "ops-key"}, {"secret", "ops-secret"}}}},
-        {"feeds",
-         {{{"id", "news"},
-           {"title", "News"},
-           {"publishers", {"alice"}},
-           {"items", {item("news-1", 1), item("news-2", 2)}}},
-          {{"id", "sports"}, {"title", "Sports"}, {"items", {item("sports-1", 3)}}},
-          {{"id", "archive"}, {"title", "Archive"}, {"subscribable", false},
-           {"publishers", {"alice"}}}}},
-        {"direct_items",
-         {{{"user", "bob"},
-           {"remoteUUID", "bob-welcome"},
-           {"created", t},
-           {"metadata", {{"downloadURL", "http://example.test/welcome.mp4"}}}}}}};
+    const json seed = {{"accounts",
+                        {{{"user", "alice"}, {"key", "alice-key"}, {"secret", "alice-secret"}},
+                         {{"user", "bob"}, {"key", "bob-key"}, {"secret", "bob-secret"}},
+                         {{"user", "eve"}, {"key", "eve-key"}, {"secret", "eve-secret"}},
+                         {{"user", "ops"}, {"key", "ops-key"}, {"secret", "ops-secret"}}}},
+                       {"feeds",
+                        {{{"id", "news"},
+                          {"title", "News"},
+                          {"publishers", {"alice"}},
+                          {"items", {item("news-1", 1), item("news-2", 2)}}},
+                         {{"id", "sports"}, {"title", "Sports"}, {"items", {item("sports-1", 3)}}},
+                         {{"id", "archive"},
+                          {"title", "Archive"},
+                          {"subscribable", false},
+                          {"publishers", {"alice"}}}}},
+                       {"direct_items",
+                        {{{"user", "bob"},
+                          {"remoteUUID", "bob-welcome"},
+                          {"created", t},
+                          {"metadata", {{"downloadURL", "http://example.test/welcome.mp4"}}}}}}};
     seedFile_ = dir_ / "seed.json";
     std::ofstream(seedFile_) << seed.dump();
   }
@@ -234,16 +235,16 @@ TEST_F(HostileClientTest, SlowClientsAreCutAtWholeRequestDeadlines) {
                            " HTTP/1.1\r\nHost: x\r\n";
   struct Case {
     const char* name;
-    std::string opening;    // sent at once
-    std::string trickle;    // then one byte of this every 150 ms, round and round
-    bool afterReply;        // the deadline runs from the reply to the opening
-    double lo, hi;          // seconds from the opening (or its reply) to the close
+    std::string opening;  // sent at once
+    std::string trickle;  // then one byte of this every 150 ms, round and round
+    bool afterReply;      // the deadline runs from the reply to the opening
+    double lo, hi;        // seconds from the opening (or its reply) to the close
   };
   const std::vector<Case> cases = {
       {"silent after connecting", "", "", false, 0.8, 2.5},
       {"a header byte every 150 ms", "", "GET /health HTTP/1.1\r\nX-Slow: ", false, 0.8, 2.5},
-      {"the request line, then header bytes", "GET /health HTTP/1.1\r\n", "X-Slow: aaaa\r\n",
-       false, 0.8, 2.5},
+      {"the request line, then header bytes", "GET /health HTTP/1.1\r\n", "X-Slow: aaaa\r\n", false,
+       0.8, 2.5},
       {"a body byte every 150 ms", post + "Content-Length: 1000\r\n\r\n", "{", false, 0.8, 2.5},
       {"a chunk every 150 ms", post + "Transfer-Encoding: chunked\r\n\r\n", "1\r\na\r\n", false,
        0.8, 2.5},
@@ -269,7 +270,8 @@ TEST_F(HostileClientTest, SlowClientsAreCutAtWholeRequestDeadlines) {
           closedAfter[i] = SecondsSince(start);
           break;
         }
-        if (!c.trickle.empty()) connection.Send(std::string(1, c.trickle[sent++ % c.trickle.size()]));
+        if (!c.trickle.empty())
+          connection.Send(std::string(1, c.trickle[sent++ % c.trickle.size()]));
       }
       received[i] = connection.received();
     });
@@ -403,51 +405,71 @@ TEST_F(HostileClientTest, BodiesOverTheLimitGet413WhateverTheFraming) {
   };
   const std::string mib = signedBody(1 << 20);
   const std::vector<Case> cases = {
-      {"Content-Length 2 MiB, head only", "POST " + path + " HTTP/1.1\r\nHost: x\r\n"
-                                          "Content-Length: 2097152\r\n\r\n",
+      {"Content-Length 2 MiB, head only",
+       "POST " + path +
+           " HTTP/1.1\r\nHost: x\r\n"
+           "Content-Length: 2097152\r\n\r\n",
        413, 0},
-      {"Content-Length 50 MB", "POST " + path + " HTTP/1.1\r\nHost: x\r\n"
-                               "Content-Length: 50000000\r\n\r\n" + std::string(100000, ' '),
+      {"Content-Length 50 MB",
+       "POST " + path +
+           " HTTP/1.1\r\nHost: x\r\n"
+           "Content-Length: 50000000\r\n\r\n" +
+           std::string(100000, ' '),
        413, 0},
       {"Expect 100-continue with 2 MiB",
-       "POST " + path + " HTTP/1.1\r\nHost: x\r\nContent-Length: 2097152\r\n"
-       "Expect: 100-continue\r\n\r\n",
+       "POST " + path +
+           " HTTP/1.1\r\nHost: x\r\nContent-Length: 2097152\r\n"
+           "Expect: 100-continue\r\n\r\n",
        413, 0},
       {"chunked, 2 MiB signed", signedChunked(signedBody(2 << 20)), 413, 0},
       {"chunked, 1 MiB + 1 signed", signedChunked(signedBody((1 << 20) + 1)), 413, 0},
       {"chunked, exactly 1 MiB signed", signedChunked(mib), 200, 0},
-      {"chunked in 1-byte chunks", "POST " + path + " HTTP/1.1\r\nHost: x\r\n"
-       "Transfer-Encoding: chunked\r\n\r\n" + Chunked(std::string(600000, ' '), 1),
+      {"chunked in 1-byte chunks",
+       "POST " + path +
+           " HTTP/1.1\r\nHost: x\r\n"
+           "Transfer-Encoding: chunked\r\n\r\n" +
+           Chunked(std::string(600000, ' '), 1),
        413, 0},
-      {"Content-Length exactly 1 MiB signed", alice_.Request(port_, "validate", signedBody(1 << 20)),
-       200, 0},
+      {"Content-Length exactly 1 MiB signed",
+       alice_.Request(port_, "validate", signedBody(1 << 20)), 200, 0},
       {"no length: the body is empty", "POST " + path + " HTTP/1.1\r\nHost: x\r\n\r\n", 200, 1},
-      {"gzip transfer coding", "POST " + path + " HTTP/1.1\r\nHost: x\r\n"
-                               "Transfer-Encoding: gzip\r\n\r\n",
+      {"gzip transfer coding",
+       "POST " + path +
+           " HTTP/1.1\r\nHost: x\r\n"
+           "Transfer-Encoding: gzip\r\n\r\n",
        400, 0},
-      {"chunked and a length", "POST " + path + " HTTP/1.1\r\nHost: x\r\n"
-                               "Transfer-Encoding: chunked\r\nContent-Length: 5\r\n\r\n0\r\n\r\n",
+      {"chunked and a length",
+       "POST " + path +
+           " HTTP/1.1\r\nHost: x\r\n"
+           "Transfer-Encoding: chunked\r\nContent-Length: 5\r\n\r\n0\r\n\r\n",
        400, 0},
-      {"two different lengths", "POST " + path + " HTTP/1.1\r\nHost: x\r\n"
-                                "Content-Length: 2\r\nContent-Length: 3\r\n\r\n{}",
+      {"two different lengths",
+       "POST " + path +
+           " HTTP/1.1\r\nHost: x\r\n"
+           "Content-Length: 2\r\nContent-Length: 3\r\n\r\n{}",
        400, 0},
-      {"length not a number", "POST " + path + " HTTP/1.1\r\nHost: x\r\n"
-                              "Content-Length: 2x\r\n\r\n{}",
+      {"length not a number",
+       "POST " + path +
+           " HTTP/1.1\r\nHost: x\r\n"
+           "Content-Length: 2x\r\n\r\n{}",
        400, 0},
       {"space before the colon", "GET /health HTTP/1.1\r\nHost : x\r\n\r\n", 400, 0},
       {"folded header line", "GET /health HTTP/1.1\r\nHost: x\r\n  folded\r\n\r\n", 400, 0},
       {"head over 64 KiB", "GET /health HTTP/1.1\r\n" + std::string(70000, 'a') + ": b\r\n\r\n",
        431, 0},
-      {"200 header lines", [] {
+      {"200 header lines",
+       [] {
          std::string r = "GET /health HTTP/1.1\r\n";
          for (int i = 0; i < 200; ++i) r += "X-" + std::to_string(i) + ": v\r\n";
          return r + "\r\n";
        }(),
        431, 0},
-      {"PUT", "PUT /media/files/clip.mp4 HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\nabc",
-       405, 0},
-      {"POST elsewhere", "POST /media/files/clip.mp4 HTTP/1.1\r\nHost: x\r\n"
-                         "Transfer-Encoding: chunked\r\n\r\n" + Chunked(std::string(3 << 20, 'z'), 65536),
+      {"PUT", "PUT /media/files/clip.mp4 HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\nabc", 405,
+       0},
+      {"POST elsewhere",
+       "POST /media/files/clip.mp4 HTTP/1.1\r\nHost: x\r\n"
+       "Transfer-Encoding: chunked\r\n\r\n" +
+           Chunked(std::string(3 << 20, 'z'), 65536),
        404, 0},
   };
   for (const auto& c : cases) {
@@ -475,7 +497,8 @@ TEST_F(HostileClientTest, BodiesOverTheLimitGet413WhateverTheFraming) {
     std::atomic<size_t> sent{0};
     std::atomic<bool> refused{false};
     std::thread sender([&] {
-      connection.Send("POST " + path + " HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n");
+      connection.Send("POST " + path +
+                      " HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n");
       const std::string chunk = Chunked(std::string(65536, 'z'), 65536);
       const std::string piece = chunk.substr(0, chunk.size() - 5);  // without the last chunk
       while (!refused && sent < 50000000 && connection.Send(piece)) sent += piece.size();
@@ -494,8 +517,8 @@ TEST_F(HostileClientTest, BodiesOverTheLimitGet413WhateverTheFraming) {
 TEST_F(HostileClientTest, ASecondServerOnABusyPortRefusesToStart) {
   StartServer();
   const std::filesystem::path other = dir_ / "other";
-  const ProgramResult second = RunServerProgram(
-      {"serve", "--data", other.string(), "--port", std::to_string(port_)}, 10s);
+  const ProgramResult second =
+      RunServerProgram({"serve", "--data", other.string(), "--port", std::to_string(port_)}, 10s);
   EXPECT_NE(second.exitCode, 0) << "it exits, with a failure status";
   EXPECT_EQ(second.out.find("listening"), std::string::npos);
   EXPECT_NE(second.err.find("already in use"), std::string::npos) << second.err;
@@ -532,8 +555,8 @@ TEST_F(HostileClientTest, RangesFollowRfc9110) {
        "bytes 0-299999/300000"},
       {"end past 2^64, clamped", range("bytes=10-99999999999999999999999"), 206, 10,
        kClipBytes - 10, "bytes 10-299999/300000"},
-      {"suffix 2^64 - 1: the whole file", range("bytes=-18446744073709551615"), 206, 0,
-       kClipBytes, "bytes 0-299999/300000"},
+      {"suffix 2^64 - 1: the whole file", range("bytes=-18446744073709551615"), 206, 0, kClipBytes,
+       "bytes 0-299999/300000"},
       {"suffix one longer than the file", range("bytes=-300001"), 206, 0, kClipBytes,
        "bytes 0-299999/300000"},
       {"suffix", range("bytes=-5"), 206, 299995, 5, "bytes 299995-299999/300000"},
@@ -590,22 +613,41 @@ TEST_F(HostileClientTest, OnlyAFeedsPublishersPublishIntoIt) {
       {"eve into a shared feed", {}, &eve_, item("eve-1", "news"), 6, false},
       {"alice publishes news", {}, &alice_, item("alice-1", "news"), 0, true},
       {"alice into sports, not hers", {}, &alice_, item("alice-2", "sports"), 6, false},
-      {"alice into a feed that is not subscribable", {}, &alice_, item("alice-3", "archive"), 3,
+      {"alice into a feed that is not subscribable",
+       {},
+       &alice_,
+       item("alice-3", "archive"),
+       3,
        false},
       {"alice into an unknown feed", {}, &alice_, item("alice-4", "weather"), 2, false},
-      {"eve, a direct item naming bob", {}, &eve_,
+      {"eve, a direct item naming bob",
+       {},
+       &eve_,
        [&] {
          json i = item("eve-2", "");
          i["user"] = "bob";
          return i;
        }(),
-       0, false},
-      {"eve granted sports", {"grant-publisher", "--user", "eve", "--feed", "sports"}, &eve_,
-       item("eve-3", "sports"), 0, true},
-      {"eve revoked", {"revoke-publisher", "--user", "eve", "--feed", "sports"}, &eve_,
-       item("eve-4", "sports"), 6, false},
-      {"ops granted every feed", {"grant-publisher", "--user", "ops", "--all-feeds"}, &ops_,
-       item("ops-1", "sports"), 0, true},
+       0,
+       false},
+      {"eve granted sports",
+       {"grant-publisher", "--user", "eve", "--feed", "sports"},
+       &eve_,
+       item("eve-3", "sports"),
+       0,
+       true},
+      {"eve revoked",
+       {"revoke-publisher", "--user", "eve", "--feed", "sports"},
+       &eve_,
+       item("eve-4", "sports"),
+       6,
+       false},
+      {"ops granted every feed",
+       {"grant-publisher", "--user", "ops", "--all-feeds"},
+       &ops_,
+       item("ops-1", "sports"),
+       0,
+       true},
       {"ops and a feed that is not subscribable", {}, &ops_, item("ops-2", "archive"), 3, false},
   };
   std::set<std::string> expectedBob = CatalogItems(bob_);
@@ -624,8 +666,9 @@ TEST_F(HostileClientTest, OnlyAFeedsPublishersPublishIntoIt) {
                 std::string::npos)
           << "a log line names the refusal";
     }
-    if (c.reachesBob) expectedBob.insert(c.item["feed"].get<std::string>() + "/" +
-                                         c.item["uuid"].get<std::string>());
+    if (c.reachesBob)
+      expectedBob.insert(c.item["feed"].get<std::string>() + "/" +
+                         c.item["uuid"].get<std::string>());
   }
   EXPECT_EQ(CatalogItems(bob_), expectedBob);
   EXPECT_EQ(CatalogItems(eve_), (std::set<std::string>{"direct/eve-2"}))
@@ -639,7 +682,8 @@ TEST_F(HostileClientTest, OnlyAFeedsPublishersPublishIntoIt) {
   }
   EXPECT_EQ(pushed, (std::set<std::string>{"alice-1", "eve-3", "ops-1"}));
   const ProgramResult grants = Admin({"list-publishers", "--feed", "news"});
-  EXPECT_EQ(grants.out, "{\"feed\":null,\"user\":\"ops\"}\n{\"feed\":\"news\",\"user\":\"alice\"}\n");
+  EXPECT_EQ(grants.out,
+            "{\"feed\":null,\"user\":\"ops\"}\n{\"feed\":\"news\",\"user\":\"alice\"}\n");
 }
 
 TEST_F(HostileClientTest, RepeatsPassForReadsAndAreRefusedForChanges) {
@@ -692,11 +736,13 @@ TEST_F(HostileClientTest, SoakGoodDevicesBesideSlowOversizedAndMalformedClients)
                           d % 2 ? "alice-secret" : "bob-secret", "soak-" + std::to_string(d)};
       std::unique_ptr<RawConnection> c;
       for (int i = 0; !stop; ++i) {
-        const char* endpoint = i % 3 == 0 ? "subscribe" : (i % 3 == 1 ? "catalog" : "subscriptions");
+        const char* endpoint =
+            i % 3 == 0 ? "subscribe" : (i % 3 == 1 ? "catalog" : "subscriptions");
         json members = {{"n", i}};
         if (i % 3 == 0) members["feed"] = i % 2 ? "news" : "sports";
         if (i % 3 == 1) members["filter"] = {{"subscribed", true}};
-        if (!c || !c->connected() || c->ClosedWithin(0ms)) c = std::make_unique<RawConnection>(port_);
+        if (!c || !c->connected() || c->ClosedWithin(0ms))
+          c = std::make_unique<RawConnection>(port_);
         const auto reply = c->Send(device.Request(port_, endpoint, device.Body(members)))
                                ? c->ReadReply(5s)
                                : std::nullopt;
@@ -769,9 +815,9 @@ TEST_F(HostileClientTest, SoakGoodDevicesBesideSlowOversizedAndMalformedClients)
   ASSERT_EQ(server_->Stop(), 0);
   server_.reset();
   sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open_v2((dir_ / "data/server.sqlite").c_str(), &db, SQLITE_OPEN_READONLY,
-                            nullptr),
-            SQLITE_OK);
+  ASSERT_EQ(
+      sqlite3_open_v2((dir_ / "data/server.sqlite").c_str(), &db, SQLITE_OPEN_READONLY, nullptr),
+      SQLITE_OK);
   sqlite3_stmt* st = nullptr;
   ASSERT_EQ(sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &st, nullptr), SQLITE_OK);
   ASSERT_EQ(sqlite3_step(st), SQLITE_ROW);

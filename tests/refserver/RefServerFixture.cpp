@@ -5,7 +5,7 @@
 
 #include <random>
 
-#include "reference/server/SampleGenerator.h"
+#include "reference/server/media/SampleGenerator.h"
 
 namespace zolvani::refserver::testing {
 
@@ -19,7 +19,7 @@ void RefServerFixture::SetUp() {
   options.threads = 8;
   options.clockMs = [this] { return nowMs_.load(); };
   ASSERT_TRUE(ContentServer::Create(options, &server_).ok());
-  ContentStore* store = server_->store();
+  Store* store = server_->store();
   ASSERT_TRUE(store->AddAccount({"alice", "alice-key", "alice-secret"}).ok());
   ASSERT_TRUE(store->AddAccount({"bob", "bob-key", "bob-secret"}).ok());
   ASSERT_TRUE(store->AddFeed({"news", "News", true, {5, true, 0}}).ok());

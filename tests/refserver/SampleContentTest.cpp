@@ -4,8 +4,8 @@
 #include <set>
 
 #include "RefServerFixture.h"
-#include "reference/server/SampleGenerator.h"
 #include "reference/server/SeedLoader.h"
+#include "reference/server/media/SampleGenerator.h"
 
 namespace zolvani::refserver::testing {
 namespace {

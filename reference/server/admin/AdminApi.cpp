@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <system_error>
 
-#include "reference/server/JsonLimits.h"
-#include "reference/server/MediaLibrary.h"
 #include "reference/server/SeedLoader.h"
 #include "reference/server/admin/PasswordHasher.h"
+#include "reference/server/media/MediaLibrary.h"
+#include "reference/server/protocol/JsonLimits.h"
 
 namespace zolvani::refserver {
 
@@ -172,7 +172,7 @@ std::string QueryText(const AdminRequest& request, const char* name) {
 
 }  // namespace
 
-AdminApi::AdminApi(ContentStore* content, ConsoleStore* console, ConsoleSessions* sessions,
+AdminApi::AdminApi(Store* content, ConsoleStore* console, ConsoleSessions* sessions,
                    TrafficFigures* figures, std::filesystem::path mediaRoot,
                    std::function<int64_t()> clockMs)
     : content_(content),

@@ -24,10 +24,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "reference/server/ContentStore.h"
 #include "reference/server/admin/ConsoleSessions.h"
 #include "reference/server/admin/ConsoleStore.h"
 #include "reference/server/admin/TrafficFigures.h"
+#include "reference/server/store/Store.h"
 
 namespace zolvani::refserver {
 
@@ -57,7 +57,7 @@ class AdminApi {
   // (429) until the minute has passed.
   static constexpr int kLoginFailuresPerMinute = 5;
 
-  AdminApi(ContentStore* content, ConsoleStore* console, ConsoleSessions* sessions,
+  AdminApi(Store* content, ConsoleStore* console, ConsoleSessions* sessions,
            TrafficFigures* figures, std::filesystem::path mediaRoot,
            std::function<int64_t()> clockMs);
 
@@ -106,7 +106,7 @@ class AdminApi {
   // Counts a failed sign-in; true when the limit for this minute is reached.
   bool LoginThrottled(int64_t nowMs, bool recordFailure);
 
-  ContentStore* content_;
+  Store* content_;
   ConsoleStore* console_;
   ConsoleSessions* sessions_;
   TrafficFigures* figures_;

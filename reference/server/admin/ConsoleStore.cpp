@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <system_error>
 
-#include "reference/server/SqliteStatement.h"
+#include "reference/server/store/sqlite/SqliteStatement.h"
 
 namespace zolvani::refserver {
 

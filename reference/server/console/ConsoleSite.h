@@ -9,9 +9,9 @@
 
 #include <string>
 
-#include "reference/server/GuardedServer.h"
 #include "reference/server/admin/AdminApi.h"
 #include "reference/server/admin/TrafficFigures.h"
+#include "reference/server/http/GuardedServer.h"
 
 namespace zolvani::refserver {
 

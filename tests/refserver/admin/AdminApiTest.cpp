@@ -10,6 +10,7 @@
 
 #include "reference/server/admin/AdminApi.h"
 #include "reference/server/admin/PasswordHasher.h"
+#include "reference/server/store/sqlite/SqliteStore.h"
 
 namespace zolvani::refserver {
 namespace {
@@ -30,7 +31,7 @@ class AdminApiTest : public ::testing::Test {
     fs::remove_all(dir_);
     fs::create_directories(dir_ / "media" / "clips");
     std::ofstream(dir_ / "media" / "clips" / "one.mp4") << "not really a video";
-    ASSERT_TRUE(ContentStore::Open(dir_, &content_).ok());
+    ASSERT_TRUE(SqliteStore::Open(dir_, &content_).ok());
     ASSERT_TRUE(ConsoleStore::Open(dir_, &console_).ok());
     api_ = std::make_unique<AdminApi>(content_.get(), console_.get(), &sessions_, &figures_,
                                       dir_ / "media", [this] { return nowMs_.load(); });
@@ -96,7 +97,7 @@ class AdminApiTest : public ::testing::Test {
 
   fs::path dir_;
   std::atomic<int64_t> nowMs_{1700000000000};
-  std::unique_ptr<ContentStore> content_;
+  std::unique_ptr<SqliteStore> content_;
   std::unique_ptr<ConsoleStore> console_;
   ConsoleSessions sessions_;
   TrafficFigures figures_;

@@ -1,4 +1,4 @@
-#include "reference/server/SampleGenerator.h"
+#include "reference/server/media/SampleGenerator.h"
 
 #include <fstream>
 #include <string>

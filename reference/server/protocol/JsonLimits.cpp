@@ -1,4 +1,4 @@
-#include "reference/server/JsonLimits.h"
+#include "reference/server/protocol/JsonLimits.h"
 
 #include <utility>
 #include <vector>

@@ -1,4 +1,4 @@
-#include "reference/server/RequestSigner.h"
+#include "reference/server/protocol/RequestSigner.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>

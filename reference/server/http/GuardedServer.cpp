@@ -1,4 +1,4 @@
-#include "reference/server/GuardedServer.h"
+#include "reference/server/http/GuardedServer.h"
 
 #include <spdlog/spdlog.h>
 
@@ -41,11 +41,11 @@ std::string_view TrimOws(std::string_view text) {
 // Why a request could not be read.
 enum class Failure {
   kNone,
-  kTimeout,         // a deadline passed
-  kHeadTooLarge,    // request line and headers over the byte or line limit
-  kBodyTooLarge,    // more body bytes than any body within the limit needs
-  kPeerClosed,      // the client closed in the middle
-  kStopped,         // the server is shutting down
+  kTimeout,       // a deadline passed
+  kHeadTooLarge,  // request line and headers over the byte or line limit
+  kBodyTooLarge,  // more body bytes than any body within the limit needs
+  kPeerClosed,    // the client closed in the middle
+  kStopped,       // the server is shutting down
   kIoError,
 };
 
@@ -128,8 +128,8 @@ class ConnectionStream final : public httplib::Stream {
   void BeginBody(const httplib::Request& req);
   // Whether the connection may carry another request after this one.
   bool CanKeepAlive() const {
-    return failure_ == Failure::kNone && !writeFailed_ && setUp_ && !malformed_ &&
-           !badFraming_ && !mustClose_ && BodyConsumed();
+    return failure_ == Failure::kNone && !writeFailed_ && setUp_ && !malformed_ && !badFraming_ &&
+           !mustClose_ && BodyConsumed();
   }
   // Writes a bare refusal when the head never arrived complete and nothing was
   // written for the request.
@@ -203,7 +203,8 @@ class ConnectionStream final : public httplib::Stream {
 
 thread_local ConnectionStream* tConnection = nullptr;
 
-ConnectionStream::WaitResult ConnectionStream::WaitFor(short events, Clock::time_point deadline) const {
+ConnectionStream::WaitResult ConnectionStream::WaitFor(short events,
+                                                       Clock::time_point deadline) const {
   pollfd fds[2] = {{fd_, events, 0}, {stopFd_, POLLIN, 0}};
   while (true) {
     const auto now = Clock::now();
@@ -474,8 +475,7 @@ void ConnectionStream::Close() {
   // still sending may then lose the reply it was sent. So, after a reply: half-close,
   // and read what the client still sends (a body cut short: for a moment; else
   // only what is already there), then close.
-  const bool bodyLeft =
-      (setUp_ && !BodyConsumed()) || failure_ == Failure::kBodyTooLarge;
+  const bool bodyLeft = (setUp_ && !BodyConsumed()) || failure_ == Failure::kBodyTooLarge;
   if (written_ > 0 && failure_ != Failure::kStopped && !writeFailed_) {
     ::shutdown(fd_, SHUT_WR);
     const auto until = Clock::now() + std::chrono::milliseconds(bodyLeft ? 500 : 0);
@@ -573,7 +573,8 @@ void ConnectionThreads::Work(std::list<std::thread>::iterator self) {
     if (jobs_.empty()) {
       if (stopping_) break;
       ++idle_;
-      const bool woken = work_.wait_for(lock, kIdleEnd, [this] { return !jobs_.empty() || stopping_; });
+      const bool woken =
+          work_.wait_for(lock, kIdleEnd, [this] { return !jobs_.empty() || stopping_; });
       --idle_;
       if (!woken && live_.size() > warm_) break;
       continue;
@@ -627,7 +628,8 @@ GuardedServer::GuardedServer(ConnectionLimits limits)
     ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
   });
   set_keep_alive_timeout(std::max<time_t>(
-      1, static_cast<time_t>(std::chrono::ceil<std::chrono::seconds>(limits_.keepAliveIdle).count())));
+      1,
+      static_cast<time_t>(std::chrono::ceil<std::chrono::seconds>(limits_.keepAliveIdle).count())));
   set_keep_alive_max_count(static_cast<size_t>(std::max(1, limits_.maxRequestsPerConnection)));
   set_payload_max_length(limits_.maxBodyBytes);
   InstallHooks();
@@ -657,8 +659,8 @@ void GuardedServer::InstallHooks() {
       return refuse(405, "Method not allowed");
     }
     if (c->declaredTooLarge()) {
-      return refuse(413, "Request body larger than " + std::to_string(limits_.maxBodyBytes) +
-                             " bytes");
+      return refuse(413,
+                    "Request body larger than " + std::to_string(limits_.maxBodyBytes) + " bytes");
     }
     return HandlerResponse::Unhandled;
   });
@@ -696,7 +698,8 @@ void GuardedServer::InstallHooks() {
 
 Status GuardedServer::Bind(const std::string& address, int port, int* boundPort) {
   errno = 0;
-  const int bound = port == 0 ? bind_to_any_port(address) : (bind_to_port(address, port) ? port : -1);
+  const int bound =
+      port == 0 ? bind_to_any_port(address) : (bind_to_port(address, port) ? port : -1);
   const int error = errno;
   if (bound <= 0) {
     const std::string where = address + ":" + std::to_string(port);
@@ -786,12 +789,12 @@ void GuardedServer::Refuse(socket_t sock, const Peer& peer, bool total) {
   ++refusedSinceLog_;
   const auto now = std::chrono::steady_clock::now();
   if (now - lastRefusalLog_ >= std::chrono::seconds(1)) {
-    spdlog::warn("refused {} connection(s): {} (latest from {}; {} open)", refusedSinceLog_,
-                 total ? "the server is at its connection limit of " +
-                             std::to_string(limits_.maxConnections)
-                       : "over the limit of " + std::to_string(limits_.maxConnectionsPerAddress) +
-                             " per address",
-                 peer.ip, active_);
+    spdlog::warn(
+        "refused {} connection(s): {} (latest from {}; {} open)", refusedSinceLog_,
+        total ? "the server is at its connection limit of " + std::to_string(limits_.maxConnections)
+              : "over the limit of " + std::to_string(limits_.maxConnectionsPerAddress) +
+                    " per address",
+        peer.ip, active_);
     refusedSinceLog_ = 0;
     lastRefusalLog_ = now;
   }
@@ -850,7 +853,8 @@ int GuardedServer::ReadBody(const httplib::ContentReader& reader, std::string* b
     return 0;
   }
   if (c != nullptr) c->MustClose();
-  if (tooLarge || (c != nullptr && (c->failure() == Failure::kBodyTooLarge || c->declaredTooLarge()))) {
+  if (tooLarge ||
+      (c != nullptr && (c->failure() == Failure::kBodyTooLarge || c->declaredTooLarge()))) {
     return 413;
   }
   if (c != nullptr && c->failure() == Failure::kTimeout) return 408;

@@ -12,8 +12,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "reference/server/ContentStore.h"
-#include "reference/server/ReplayGuard.h"
+#include "reference/server/protocol/ReplayGuard.h"
+#include "reference/server/store/Store.h"
 
 namespace zolvani::refserver {
 
@@ -51,7 +51,7 @@ class RequestAuthenticator {
   // not (repeating it changes nothing, and a host may ask twice in one second).
   enum class Replays { kRefuse, kAllow };
 
-  RequestAuthenticator(ContentStore* store, int64_t windowSeconds)
+  RequestAuthenticator(Store* store, int64_t windowSeconds)
       : store_(store), window_(windowSeconds), replays_(windowSeconds) {}
 
   // Parses "request_header"; on failure returns false and says why in `problem`.
@@ -63,7 +63,7 @@ class RequestAuthenticator {
   static const char* Describe(Verdict verdict);
 
  private:
-  ContentStore* store_;
+  Store* store_;
   const int64_t window_;
   ReplayGuard replays_;
 };

@@ -9,7 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "reference/server/ContentStore.h"
+#include "reference/server/store/Store.h"
 
 namespace zolvani::refserver {
 

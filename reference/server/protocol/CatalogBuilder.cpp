@@ -1,4 +1,4 @@
-#include "reference/server/CatalogBuilder.h"
+#include "reference/server/protocol/CatalogBuilder.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "reference/server/MediaLibrary.h"
+#include "reference/server/media/MediaLibrary.h"
 
 #include <sys/stat.h>
 

@@ -1,8 +1,8 @@
-#include "reference/server/RequestAuthenticator.h"
+#include "reference/server/protocol/RequestAuthenticator.h"
 
 #include <vector>
 
-#include "reference/server/RequestSigner.h"
+#include "reference/server/protocol/RequestSigner.h"
 
 namespace zolvani::refserver {
 

@@ -14,8 +14,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "reference/server/ContentStore.h"
-#include "reference/server/RequestAuthenticator.h"
+#include "reference/server/protocol/RequestAuthenticator.h"
+#include "reference/server/store/Store.h"
 
 namespace zolvani::refserver {
 
@@ -45,7 +45,7 @@ struct ProtocolReply {
 
 class ProtocolHandler {
  public:
-  ProtocolHandler(ContentStore* store, int64_t windowSeconds, std::function<int64_t()> clockMs)
+  ProtocolHandler(Store* store, int64_t windowSeconds, std::function<int64_t()> clockMs)
       : store_(store), auth_(store, windowSeconds), clockMs_(std::move(clockMs)) {}
 
   static bool IsEndpoint(const std::string& name);
@@ -70,7 +70,7 @@ class ProtocolHandler {
   // device does not turn every read into a write.
   Status TouchDevice(const RequestHeader& header, int64_t nowMs);
 
-  ContentStore* store_;
+  Store* store_;
   RequestAuthenticator auth_;
   std::function<int64_t()> clockMs_;
   std::mutex seenMutex_;

@@ -1,27 +1,22 @@
-// ContentStore: the reference server's durable state in one SQLite database in its
-// data folder: accounts, devices, feeds with their default rules and publishers,
-// items (feed items and direct items for an account), subscriptions, per-device
-// feed rules, push registrations and pending push notices.
+// Store: the content server's durable state, whichever database holds it:
+// accounts, devices, feeds with their default rules and publishers, items (feed
+// items and direct items for an account), subscriptions, per-device feed rules,
+// push registrations and pending push notices.
 //
-// Thread-safe: one connection guarded by a mutex; each call is one transaction.
-// Several processes may open the same folder (the server and an admin command);
-// SQLite's locking with a busy time-out serialises them.
+// Each call is one transaction. Implementations are thread-safe: the server calls
+// them from many requests at once.
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "reference/server/Status.h"
-
-struct sqlite3;
 
 namespace zolvani::refserver {
 
@@ -109,27 +104,23 @@ struct CatalogSnapshot {
   int64_t newestItemMs = 0;  // newest creation time in the store; 0 if none
 };
 
-class ContentStore {
+class Store {
  public:
-  // Opens (creating when needed) `dataDir`/server.sqlite.
-  static Status Open(const std::filesystem::path& dataDir, std::unique_ptr<ContentStore>* store);
-
-  ~ContentStore();
-  ContentStore(const ContentStore&) = delete;
-  ContentStore& operator=(const ContentStore&) = delete;
+  virtual ~Store() = default;
 
   // Accounts. AddAccount replaces an account of the same user.
-  Status AddAccount(const Account& account);
-  Status FindAccount(const std::string& user, Account* account);
+  virtual Status AddAccount(const Account& account) = 0;
+  virtual Status FindAccount(const std::string& user, Account* account) = 0;
 
   // Records that a device of `user` made an authenticated request.
-  Status TouchDevice(const std::string& user, const std::string& device, int64_t nowMs);
-  Status SetPushRegistration(const std::string& user, const std::string& device,
-                             const std::string& service, const std::string& token, int64_t nowMs);
+  virtual Status TouchDevice(const std::string& user, const std::string& device, int64_t nowMs) = 0;
+  virtual Status SetPushRegistration(const std::string& user, const std::string& device,
+                                     const std::string& service, const std::string& token,
+                                     int64_t nowMs) = 0;
 
   // Feeds. AddFeed replaces the title, flag and default rules of an existing feed.
-  Status AddFeed(const Feed& feed);
-  Status FindFeed(const std::string& id, Feed* feed);
+  virtual Status AddFeed(const Feed& feed) = 0;
+  virtual Status FindFeed(const std::string& id, Feed* feed) = 0;
 
   // Adds or replaces an item, as the administrator does. A new item records a push
   // notice for each device it concerns: the devices subscribed to its feed, or every
@@ -137,77 +128,71 @@ class ContentStore {
   // `notices` when given. With `replaceExisting` false an existing item of the same
   // uuid is left alone and the call fails with AlreadyExists. Metadata beyond
   // JsonLimits is refused with InvalidArgument.
-  Status AddItem(const Item& item, int64_t nowMs, std::vector<PushNotice>* notices = nullptr,
-                 bool replaceExisting = true);
+  virtual Status AddItem(const Item& item, int64_t nowMs,
+                         std::vector<PushNotice>* notices = nullptr,
+                         bool replaceExisting = true) = 0;
 
   // Adds a new item announced by a device of account `publisher`, in one
   // transaction with the checks of the publishing model: a direct item must be for
   // `publisher` itself; a feed item needs a known feed (NotFound), a subscribable
   // one (FailedPrecondition) and a grant of that feed, or of every feed, to
   // `publisher` (PermissionDenied). An existing uuid fails with AlreadyExists.
-  Status PublishItem(const Item& item, const std::string& publisher, int64_t nowMs,
-                     std::vector<PushNotice>* notices);
+  virtual Status PublishItem(const Item& item, const std::string& publisher, int64_t nowMs,
+                             std::vector<PushNotice>* notices) = 0;
 
   // Publishing grants. `feed` empty: every feed. Granting needs a known account and
   // feed; revoking what was not granted is not an error.
-  Status GrantPublisher(const std::string& feed, const std::string& user);
-  Status RevokePublisher(const std::string& feed, const std::string& user);
+  virtual Status GrantPublisher(const std::string& feed, const std::string& user) = 0;
+  virtual Status RevokePublisher(const std::string& feed, const std::string& user) = 0;
   // Grants of `feed` (and every-feed grants), or all grants when `feed` is empty;
   // sorted by feed, then user.
-  Status ListPublishers(const std::string& feed, std::vector<PublisherGrant>* grants);
+  virtual Status ListPublishers(const std::string& feed, std::vector<PublisherGrant>* grants) = 0;
 
   // Subscriptions. Subscribing copies the feed's default rules to the device unless
   // the device already has rules for the feed (a feed that is not subscribable fails
   // with FailedPrecondition); unsubscribing drops both and is not an error when the
   // device was not subscribed.
-  Status Subscribe(const std::string& user, const std::string& device, const std::string& feed);
-  Status Unsubscribe(const std::string& user, const std::string& device, const std::string& feed);
-  Status Subscriptions(const std::string& user, const std::string& device,
-                       std::vector<std::string>* feeds);
-  Status SetRules(const std::string& user, const std::string& device, const std::string& feed,
-                  const FeedRules& rules);
+  virtual Status Subscribe(const std::string& user, const std::string& device,
+                           const std::string& feed) = 0;
+  virtual Status Unsubscribe(const std::string& user, const std::string& device,
+                             const std::string& feed) = 0;
+  virtual Status Subscriptions(const std::string& user, const std::string& device,
+                               std::vector<std::string>* feeds) = 0;
+  virtual Status SetRules(const std::string& user, const std::string& device,
+                          const std::string& feed, const FeedRules& rules) = 0;
 
   // Items created after `sinceMs` (all when absent) of the device's subscribed feeds,
   // or of every feed when `subscribedOnly` is false, and the account's direct items.
-  Status ReadCatalog(const std::string& user, const std::string& device,
-                     std::optional<int64_t> sinceMs, bool subscribedOnly,
-                     CatalogSnapshot* snapshot);
+  virtual Status ReadCatalog(const std::string& user, const std::string& device,
+                             std::optional<int64_t> sinceMs, bool subscribedOnly,
+                             CatalogSnapshot* snapshot) = 0;
 
   // Administration listings, each read in one transaction. Items are newest first,
   // at most `limit`; `feed` or `user` filters them when not empty.
-  Status ListAccounts(std::vector<AccountSummary>* accounts);
-  Status ListFeeds(std::vector<FeedSummary>* feeds);
-  Status ListItems(const std::string& feed, const std::string& user, int limit,
-                   std::vector<Item>* items);
-  Status ListDevices(std::vector<DeviceSummary>* devices);
+  virtual Status ListAccounts(std::vector<AccountSummary>* accounts) = 0;
+  virtual Status ListFeeds(std::vector<FeedSummary>* feeds) = 0;
+  virtual Status ListItems(const std::string& feed, const std::string& user, int limit,
+                           std::vector<Item>* items) = 0;
+  virtual Status ListDevices(std::vector<DeviceSummary>* devices) = 0;
 
   // Removes an item (NotFound when absent) with its pending push notices; devices
   // that downloaded it keep their copy until their own rules delete it.
-  Status RemoveItem(const std::string& uuid);
+  virtual Status RemoveItem(const std::string& uuid) = 0;
 
   // Gives every device subscribed to `feed` these rules, as if set one by one with
   // SetRules; `changed` receives how many devices that concerned.
-  Status SetRulesForSubscribers(const std::string& feed, const FeedRules& rules, int64_t* changed);
+  virtual Status SetRulesForSubscribers(const std::string& feed, const FeedRules& rules,
+                                        int64_t* changed) = 0;
 
   // Records a push notice of an existing item for one known device, as the
   // administrator's nudge to fetch it now.
-  Status AddPushNotice(const std::string& user, const std::string& device,
-                       const std::string& itemUuid, int64_t nowMs, PushNotice* notice);
+  virtual Status AddPushNotice(const std::string& user, const std::string& device,
+                               const std::string& itemUuid, int64_t nowMs, PushNotice* notice) = 0;
 
   // Push notices, oldest first; `user` and `device` filter when not empty. With
   // `markDelivered` the listed notices are marked delivered in the same transaction.
-  Status ListPushes(const std::string& user, const std::string& device, bool pendingOnly,
-                    bool markDelivered, std::vector<PushNotice>* notices);
-
- private:
-  explicit ContentStore(sqlite3* db) : db_(db) {}
-  Status InitSchema();
-  // With mutex_ held and a write transaction open.
-  Status InsertItemLocked(const Item& item, int64_t nowMs, std::vector<PushNotice>* notices,
-                          bool replaceExisting);
-
-  std::mutex mutex_;
-  sqlite3* db_;
+  virtual Status ListPushes(const std::string& user, const std::string& device, bool pendingOnly,
+                            bool markDelivered, std::vector<PushNotice>* notices) = 0;
 };
 
 }  // namespace zolvani::refserver

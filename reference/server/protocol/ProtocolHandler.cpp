@@ -1,12 +1,12 @@
-#include "reference/server/ProtocolHandler.h"
+#include "reference/server/protocol/ProtocolHandler.h"
 
 #include <spdlog/spdlog.h>
 
 #include <array>
 
-#include "reference/server/CatalogBuilder.h"
-#include "reference/server/JsonLimits.h"
-#include "reference/server/RequestSigner.h"
+#include "reference/server/protocol/CatalogBuilder.h"
+#include "reference/server/protocol/JsonLimits.h"
+#include "reference/server/protocol/RequestSigner.h"
 
 namespace zolvani::refserver {
 
@@ -73,7 +73,7 @@ bool OptionalString(const json& object, const char* key, std::string* value, Pro
 }
 
 // Records "push_registration" when present; fills `reply` when it is malformed.
-bool RecordPushRegistration(ContentStore* store, const json& body, const RequestHeader& header,
+bool RecordPushRegistration(Store* store, const json& body, const RequestHeader& header,
                             int64_t nowMs, ProtocolReply* reply) {
   auto it = body.find("push_registration");
   if (it == body.end() || it->is_null()) return true;
@@ -130,9 +130,9 @@ ProtocolReply ProtocolHandler::Handle(const ProtocolRequest& request) {
   // Measured before parsing: copying or serialising deeper JSON would recurse once
   // per level on this thread's stack.
   if (JsonLimits::TextNestsDeeperThan(request.body, JsonLimits::kMaxRequestNesting)) {
-    return Refuse(kResponseMalformedRequest,
-                  "Malformed request: the body nests deeper than " +
-                      std::to_string(JsonLimits::kMaxRequestNesting) + " levels");
+    return Refuse(kResponseMalformedRequest, "Malformed request: the body nests deeper than " +
+                                                 std::to_string(JsonLimits::kMaxRequestNesting) +
+                                                 " levels");
   }
   json body = json::parse(request.body, nullptr, false);
   if (body.is_discarded() || !body.is_object()) {
@@ -143,10 +143,10 @@ ProtocolReply ProtocolHandler::Handle(const ProtocolRequest& request) {
     return Refuse(kResponseMalformedRequest, "Malformed request: " + problem);
   }
   const int64_t nowMs = clockMs_();
-  const auto verdict = auth_.Check(input, nowMs / 1000,
-                                   IsReadOnly(request.endpoint)
-                                       ? RequestAuthenticator::Replays::kAllow
-                                       : RequestAuthenticator::Replays::kRefuse);
+  const auto verdict =
+      auth_.Check(input, nowMs / 1000,
+                  IsReadOnly(request.endpoint) ? RequestAuthenticator::Replays::kAllow
+                                               : RequestAuthenticator::Replays::kRefuse);
   if (verdict == RequestAuthenticator::Verdict::kStoreFailure) {
     return InternalError(Status::IOError("account lookup"));
   }

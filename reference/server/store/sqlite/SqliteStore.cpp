@@ -1,4 +1,4 @@
-#include "reference/server/ContentStore.h"
+#include "reference/server/store/sqlite/SqliteStore.h"
 
 #include <spdlog/spdlog.h>
 #include <sqlite3.h>
@@ -7,8 +7,8 @@
 #include <set>
 #include <system_error>
 
-#include "reference/server/JsonLimits.h"
-#include "reference/server/SqliteStatement.h"
+#include "reference/server/protocol/JsonLimits.h"
+#include "reference/server/store/sqlite/SqliteStatement.h"
 
 namespace zolvani::refserver {
 
@@ -93,26 +93,26 @@ Status InsertPush(Statement& insert, PushNotice* n) {
 
 }  // namespace
 
-Status ContentStore::Open(const std::filesystem::path& dataDir,
-                          std::unique_ptr<ContentStore>* store) {
+Status SqliteStore::Open(const std::filesystem::path& dataDir,
+                         std::unique_ptr<SqliteStore>* store) {
   sqlite3* db = nullptr;
   if (Status status = OpenDatabase(dataDir, "server.sqlite", &db); !status.ok()) return status;
-  std::unique_ptr<ContentStore> opened(new ContentStore(db));
+  std::unique_ptr<SqliteStore> opened(new SqliteStore(db));
   Status s = opened->InitSchema();
   if (!s.ok()) return s;
   *store = std::move(opened);
   return Status::OK();
 }
 
-ContentStore::~ContentStore() { sqlite3_close(db_); }
+SqliteStore::~SqliteStore() { sqlite3_close(db_); }
 
-Status ContentStore::InitSchema() {
+Status SqliteStore::InitSchema() {
   Status s = Exec(db_, "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;");
   if (!s.ok()) return s;
   return Exec(db_, kSchema);
 }
 
-Status ContentStore::AddAccount(const Account& account) {
+Status SqliteStore::AddAccount(const Account& account) {
   if (account.user.empty()) return Status::InvalidArgument("an account needs a user name");
   std::lock_guard lock(mutex_);
   Statement st(db_,
@@ -122,7 +122,7 @@ Status ContentStore::AddAccount(const Account& account) {
   return Run(st, "add account");
 }
 
-Status ContentStore::FindAccount(const std::string& user, Account* account) {
+Status SqliteStore::FindAccount(const std::string& user, Account* account) {
   std::lock_guard lock(mutex_);
   Statement st(db_, "SELECT user, public_key, secret FROM accounts WHERE user = ?1");
   if (!st.prepared()) return st.Error("find account");
@@ -136,8 +136,7 @@ Status ContentStore::FindAccount(const std::string& user, Account* account) {
   return Status::OK();
 }
 
-Status ContentStore::TouchDevice(const std::string& user, const std::string& device,
-                                 int64_t nowMs) {
+Status SqliteStore::TouchDevice(const std::string& user, const std::string& device, int64_t nowMs) {
   std::lock_guard lock(mutex_);
   Statement st(db_,
                "INSERT INTO devices (user, device, first_seen_ms, last_seen_ms) "
@@ -147,9 +146,9 @@ Status ContentStore::TouchDevice(const std::string& user, const std::string& dev
   return Run(st, "record device");
 }
 
-Status ContentStore::SetPushRegistration(const std::string& user, const std::string& device,
-                                         const std::string& service, const std::string& token,
-                                         int64_t nowMs) {
+Status SqliteStore::SetPushRegistration(const std::string& user, const std::string& device,
+                                        const std::string& service, const std::string& token,
+                                        int64_t nowMs) {
   std::lock_guard lock(mutex_);
   Statement st(db_,
                "INSERT INTO push_registrations (user, device, service, token, updated_ms) "
@@ -159,7 +158,7 @@ Status ContentStore::SetPushRegistration(const std::string& user, const std::str
   return Run(st, "record push registration");
 }
 
-Status ContentStore::AddFeed(const Feed& feed) {
+Status SqliteStore::AddFeed(const Feed& feed) {
   if (feed.id.empty()) return Status::InvalidArgument("a feed needs an identifier");
   std::lock_guard lock(mutex_);
   Statement st(db_,
@@ -197,13 +196,13 @@ Status FindFeedLocked(sqlite3* db, const std::string& id, Feed* feed) {
 
 }  // namespace
 
-Status ContentStore::FindFeed(const std::string& id, Feed* feed) {
+Status SqliteStore::FindFeed(const std::string& id, Feed* feed) {
   std::lock_guard lock(mutex_);
   return FindFeedLocked(db_, id, feed);
 }
 
-Status ContentStore::AddItem(const Item& item, int64_t nowMs, std::vector<PushNotice>* notices,
-                             bool replaceExisting) {
+Status SqliteStore::AddItem(const Item& item, int64_t nowMs, std::vector<PushNotice>* notices,
+                            bool replaceExisting) {
   if (item.uuid.empty()) return Status::InvalidArgument("an item needs a remoteUUID");
   if (item.feed.empty() == item.user.empty()) {
     return Status::InvalidArgument("an item belongs either to a feed or to an account");
@@ -227,8 +226,8 @@ Status ContentStore::AddItem(const Item& item, int64_t nowMs, std::vector<PushNo
   return tx.Commit();
 }
 
-Status ContentStore::PublishItem(const Item& item, const std::string& publisher, int64_t nowMs,
-                                 std::vector<PushNotice>* notices) {
+Status SqliteStore::PublishItem(const Item& item, const std::string& publisher, int64_t nowMs,
+                                std::vector<PushNotice>* notices) {
   if (item.uuid.empty()) return Status::InvalidArgument("an item needs a remoteUUID");
   if (item.feed.empty() == item.user.empty()) {
     return Status::InvalidArgument("an item belongs either to a feed or to an account");
@@ -266,8 +265,8 @@ Status ContentStore::PublishItem(const Item& item, const std::string& publisher,
   return tx.Commit();
 }
 
-Status ContentStore::InsertItemLocked(const Item& item, int64_t nowMs,
-                                      std::vector<PushNotice>* notices, bool replaceExisting) {
+Status SqliteStore::InsertItemLocked(const Item& item, int64_t nowMs,
+                                     std::vector<PushNotice>* notices, bool replaceExisting) {
   bool existed = false;
   {
     Statement st(db_, "SELECT 1 FROM items WHERE uuid = ?1");
@@ -326,7 +325,7 @@ Status ContentStore::InsertItemLocked(const Item& item, int64_t nowMs,
   return Status::OK();
 }
 
-Status ContentStore::GrantPublisher(const std::string& feedId, const std::string& user) {
+Status SqliteStore::GrantPublisher(const std::string& feedId, const std::string& user) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, true);
   if (!tx.status().ok()) return tx.status();
@@ -347,15 +346,14 @@ Status ContentStore::GrantPublisher(const std::string& feedId, const std::string
   return tx.Commit();
 }
 
-Status ContentStore::RevokePublisher(const std::string& feedId, const std::string& user) {
+Status SqliteStore::RevokePublisher(const std::string& feedId, const std::string& user) {
   std::lock_guard lock(mutex_);
   Statement st(db_, "DELETE FROM publishers WHERE feed = ?1 AND user = ?2");
   st.Bind(1, feedId).Bind(2, user);
   return Run(st, "revoke publisher");
 }
 
-Status ContentStore::ListPublishers(const std::string& feedId,
-                                    std::vector<PublisherGrant>* grants) {
+Status SqliteStore::ListPublishers(const std::string& feedId, std::vector<PublisherGrant>* grants) {
   std::lock_guard lock(mutex_);
   Statement st(db_,
                "SELECT feed, user FROM publishers WHERE ?1 = '' OR feed = ?1 OR feed = '' "
@@ -369,8 +367,8 @@ Status ContentStore::ListPublishers(const std::string& feedId,
   return Status::OK();
 }
 
-Status ContentStore::Subscribe(const std::string& user, const std::string& device,
-                               const std::string& feedId) {
+Status SqliteStore::Subscribe(const std::string& user, const std::string& device,
+                              const std::string& feedId) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, true);
   if (!tx.status().ok()) return tx.status();
@@ -403,8 +401,8 @@ Status ContentStore::Subscribe(const std::string& user, const std::string& devic
   return tx.Commit();
 }
 
-Status ContentStore::Unsubscribe(const std::string& user, const std::string& device,
-                                 const std::string& feedId) {
+Status SqliteStore::Unsubscribe(const std::string& user, const std::string& device,
+                                const std::string& feedId) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, true);
   if (!tx.status().ok()) return tx.status();
@@ -421,8 +419,8 @@ Status ContentStore::Unsubscribe(const std::string& user, const std::string& dev
   return tx.Commit();
 }
 
-Status ContentStore::Subscriptions(const std::string& user, const std::string& device,
-                                   std::vector<std::string>* feeds) {
+Status SqliteStore::Subscriptions(const std::string& user, const std::string& device,
+                                  std::vector<std::string>* feeds) {
   std::lock_guard lock(mutex_);
   Statement st(db_, "SELECT feed FROM subscriptions WHERE user = ?1 AND device = ?2 ORDER BY feed");
   if (!st.prepared()) return st.Error("list subscriptions");
@@ -434,8 +432,8 @@ Status ContentStore::Subscriptions(const std::string& user, const std::string& d
   return Status::OK();
 }
 
-Status ContentStore::SetRules(const std::string& user, const std::string& device,
-                              const std::string& feedId, const FeedRules& rules) {
+Status SqliteStore::SetRules(const std::string& user, const std::string& device,
+                             const std::string& feedId, const FeedRules& rules) {
   std::lock_guard lock(mutex_);
   Feed feed;
   Status s = FindFeedLocked(db_, feedId, &feed);
@@ -453,9 +451,9 @@ Status ContentStore::SetRules(const std::string& user, const std::string& device
   return Run(st, "set rules");
 }
 
-Status ContentStore::ReadCatalog(const std::string& user, const std::string& device,
-                                 std::optional<int64_t> sinceMs, bool subscribedOnly,
-                                 CatalogSnapshot* snapshot) {
+Status SqliteStore::ReadCatalog(const std::string& user, const std::string& device,
+                                std::optional<int64_t> sinceMs, bool subscribedOnly,
+                                CatalogSnapshot* snapshot) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, false);
   if (!tx.status().ok()) return tx.status();
@@ -535,9 +533,8 @@ Status ContentStore::ReadCatalog(const std::string& user, const std::string& dev
   return tx.Commit();
 }
 
-Status ContentStore::ListPushes(const std::string& user, const std::string& device,
-                                bool pendingOnly, bool markDelivered,
-                                std::vector<PushNotice>* notices) {
+Status SqliteStore::ListPushes(const std::string& user, const std::string& device, bool pendingOnly,
+                               bool markDelivered, std::vector<PushNotice>* notices) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, markDelivered);
   if (!tx.status().ok()) return tx.status();
@@ -575,7 +572,7 @@ Status ContentStore::ListPushes(const std::string& user, const std::string& devi
   return tx.Commit();
 }
 
-Status ContentStore::ListAccounts(std::vector<AccountSummary>* accounts) {
+Status SqliteStore::ListAccounts(std::vector<AccountSummary>* accounts) {
   std::lock_guard lock(mutex_);
   Statement st(db_,
                "SELECT a.user, a.public_key, (SELECT COUNT(*) FROM devices d WHERE d.user = "
@@ -588,7 +585,7 @@ Status ContentStore::ListAccounts(std::vector<AccountSummary>* accounts) {
   return Status::OK();
 }
 
-Status ContentStore::ListFeeds(std::vector<FeedSummary>* feeds) {
+Status SqliteStore::ListFeeds(std::vector<FeedSummary>* feeds) {
   std::lock_guard lock(mutex_);
   Statement st(db_,
                "SELECT f.id, f.title, f.subscribable, f.max_assets, f.auto_delete, f.max_bitrate, "
@@ -613,8 +610,8 @@ Status ContentStore::ListFeeds(std::vector<FeedSummary>* feeds) {
   return Status::OK();
 }
 
-Status ContentStore::ListItems(const std::string& feed, const std::string& user, int limit,
-                               std::vector<Item>* items) {
+Status SqliteStore::ListItems(const std::string& feed, const std::string& user, int limit,
+                              std::vector<Item>* items) {
   std::lock_guard lock(mutex_);
   Statement st(db_,
                "SELECT uuid, feed, user, created_ms, media_path, metadata FROM items "
@@ -629,7 +626,7 @@ Status ContentStore::ListItems(const std::string& feed, const std::string& user,
   return Status::OK();
 }
 
-Status ContentStore::ListDevices(std::vector<DeviceSummary>* devices) {
+Status SqliteStore::ListDevices(std::vector<DeviceSummary>* devices) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, false);
   if (!tx.status().ok()) return tx.status();
@@ -665,7 +662,7 @@ Status ContentStore::ListDevices(std::vector<DeviceSummary>* devices) {
   return tx.Commit();
 }
 
-Status ContentStore::RemoveItem(const std::string& uuid) {
+Status SqliteStore::RemoveItem(const std::string& uuid) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, true);
   if (!tx.status().ok()) return tx.status();
@@ -683,8 +680,8 @@ Status ContentStore::RemoveItem(const std::string& uuid) {
   return tx.Commit();
 }
 
-Status ContentStore::SetRulesForSubscribers(const std::string& feedId, const FeedRules& rules,
-                                            int64_t* changed) {
+Status SqliteStore::SetRulesForSubscribers(const std::string& feedId, const FeedRules& rules,
+                                           int64_t* changed) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, true);
   if (!tx.status().ok()) return tx.status();
@@ -706,8 +703,8 @@ Status ContentStore::SetRulesForSubscribers(const std::string& feedId, const Fee
   return tx.Commit();
 }
 
-Status ContentStore::AddPushNotice(const std::string& user, const std::string& device,
-                                   const std::string& itemUuid, int64_t nowMs, PushNotice* notice) {
+Status SqliteStore::AddPushNotice(const std::string& user, const std::string& device,
+                                  const std::string& itemUuid, int64_t nowMs, PushNotice* notice) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, true);
   if (!tx.status().ok()) return tx.status();

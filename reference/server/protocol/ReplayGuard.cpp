@@ -1,4 +1,4 @@
-#include "reference/server/ReplayGuard.h"
+#include "reference/server/protocol/ReplayGuard.h"
 
 #include <algorithm>
 
