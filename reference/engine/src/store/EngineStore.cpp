@@ -1,5 +1,7 @@
 #include "store/EngineStore.h"
 
+#include <utility>
+
 namespace zolvani::reference {
 namespace {
 
@@ -42,13 +44,21 @@ std::optional<std::string> EngineStore::open(const std::filesystem::path& file) 
           db_.exec(std::string(kSchema) + "PRAGMA temp_store=MEMORY; PRAGMA cache_size=-16384;"))
     return "Cannot prepare the database: " + *e;
   commits_ = std::make_shared<GroupCommit>(db_, options_);
+  commits_->addDeferredWriter({[this] { metaTaken_ = std::exchange(metaHeld_, {}); },
+                               [this] { return writeMeta(); },
+                               [this] {
+                                 // A value set since the failed commit is newer.
+                                 metaHeld_.merge(metaTaken_);
+                                 metaTaken_.clear();
+                               },
+                               [this] { metaTaken_.clear(); }});
   assets_ = std::make_unique<AssetTable>(db_, *commits_);
   return std::nullopt;
 }
 
 void EngineStore::close() {
-  // The asset table's held rows land before it goes.
-  if (commits_) commits_->flush();
+  // The held rows land before their writers go, all of them or none.
+  if (commits_ && !commits_->flush()) commits_->abandon();
   assets_.reset();
   commits_.reset();  // commits what is pending
   std::lock_guard l(db_.mutex());
@@ -57,6 +67,11 @@ void EngineStore::close() {
 
 std::string EngineStore::metaValue(const std::string& key) {
   std::lock_guard l(db_.mutex());
+  {
+    auto held = commits_->holdRows();
+    if (auto it = metaHeld_.find(key); it != metaHeld_.end()) return it->second;
+  }
+  if (auto it = metaTaken_.find(key); it != metaTaken_.end()) return it->second;
   Statement& s = db_.prepared("SELECT value FROM meta WHERE key=?");
   s.bind(1, key);
   std::string value = s.step() ? s.text(0) : std::string();
@@ -65,12 +80,23 @@ std::string EngineStore::metaValue(const std::string& key) {
 }
 
 bool EngineStore::setMetaValue(const std::string& key, const std::string& value) {
-  return commits_->writeStatement([&] {
-    return db_.prepared("INSERT OR REPLACE INTO meta(key, value) VALUES(?,?)")
-        .bind(1, key)
-        .bind(2, value)
-        .run();
-  });
+  {
+    auto held = commits_->holdRows();
+    metaHeld_[key] = value;
+  }
+  commits_->deferred();
+  return true;
+}
+
+bool EngineStore::writeMeta() {
+  for (const auto& [key, value] : metaTaken_) {
+    if (!db_.prepared("INSERT OR REPLACE INTO meta(key, value) VALUES(?,?)")
+             .bind(1, key)
+             .bind(2, value)
+             .run())
+      return false;
+  }
+  return true;
 }
 
 }  // namespace zolvani::reference

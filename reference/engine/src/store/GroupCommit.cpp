@@ -86,6 +86,15 @@ bool GroupCommit::flush() {
   return commitLocked();
 }
 
+void GroupCommit::abandon() {
+  std::lock_guard dbLock(db_.mutex());
+  writers_.clear();
+  if (db_.inTransaction()) db_.exec("ROLLBACK");
+  std::lock_guard l(mutex_);
+  deferred_ = false;
+  open_ = false;
+}
+
 std::uint64_t GroupCommit::commits() const {
   std::lock_guard l(mutex_);
   return commits_;

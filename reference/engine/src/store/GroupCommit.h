@@ -89,6 +89,11 @@ class GroupCommit : public std::enable_shared_from_this<GroupCommit> {
   std::unique_lock<std::mutex> holdRows();
   // Commits now; false when the commit failed (the steps stay pending).
   bool flush();
+  // Gives up what is not committed: every writer and the rows it holds go,
+  // and the steps of the open transaction are rolled back. For a store that
+  // closes after its last commit failed (a full disk): what could not be
+  // written then goes whole, rather than in part by a later commit.
+  void abandon();
   // Commits made so far.
   std::uint64_t commits() const;
   // The message of the last failed commit, if any.

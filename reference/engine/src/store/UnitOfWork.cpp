@@ -35,16 +35,21 @@ bool sameRules(const SqliteSubscriptionData& record, const SqliteSubscriptionDat
 
 UnitOfWork::UnitOfWork(Database& db, GroupCommit& commits)
     : db_(db), commits_(commits.weak_from_this()) {
-  writerId_ = commits.addDeferredWriter({[this] { taken_ = std::exchange(log_, {}); },
-                                         [this] { return writeLog(); }, [this] { restoreLog(); },
-                                         [this] { taken_.clear(); }});
+  // The writer holds the log, not the unit: see ~UnitOfWork.
+  writerId_ = commits.addDeferredWriter(
+      {[log = log_] { log->taken = std::exchange(log->pending, {}); },
+       [log = log_, db = &db_] { return writeOps(*db, log->taken); },
+       [log = log_] { restoreLog(*log); }, [log = log_] { log->taken.clear(); }});
 }
 
 UnitOfWork::~UnitOfWork() {
-  if (auto commits = commits_.lock()) {
-    commits->flush();
-    commits->removeDeferredWriter(writerId_);
-  }
+  auto commits = commits_.lock();
+  if (!commits) return;
+  // A failed commit (a full disk) keeps the writer, and with it the log: the
+  // feed rows must land with the asset rows they refer to, which the asset
+  // table still holds for the store's last commit. Dropping them here would
+  // let that commit land an asset that no feed tracks.
+  if (commits->flush()) commits->removeDeferredWriter(writerId_);
 }
 
 void UnitOfWork::append(std::vector<Op> ops) {
@@ -52,11 +57,12 @@ void UnitOfWork::append(std::vector<Op> ops) {
   if (!commits) return;  // the store was closed: nothing can be written
   {
     auto l = commits->holdRows();
-    if (log_.empty())
-      log_ = std::move(ops);
+    auto& pending = log_->pending;
+    if (pending.empty())
+      pending = std::move(ops);
     else
-      log_.insert(log_.end(), std::make_move_iterator(ops.begin()),
-                  std::make_move_iterator(ops.end()));
+      pending.insert(pending.end(), std::make_move_iterator(ops.begin()),
+                     std::make_move_iterator(ops.end()));
   }
   commits->deferred();
 }
@@ -235,21 +241,21 @@ void UnitOfWork::logCollection(std::int64_t rowId, int which, const CollectionOr
   }
 }
 
-void UnitOfWork::restoreLog() {
+void UnitOfWork::restoreLog(Log& log) {
   // What a failed commit took is older than anything logged since.
-  log_.insert(log_.begin(), std::make_move_iterator(taken_.begin()),
-              std::make_move_iterator(taken_.end()));
-  taken_.clear();
+  log.pending.insert(log.pending.begin(), std::make_move_iterator(log.taken.begin()),
+                     std::make_move_iterator(log.taken.end()));
+  log.taken.clear();
 }
 
-bool UnitOfWork::writeLog() {
-  for (const Op& op : taken_) {
+bool UnitOfWork::writeOps(Database& db, const std::vector<Op>& ops) {
+  for (const Op& op : ops) {
     Statement* s = nullptr;
     switch (op.kind) {
       case Op::Kind::kInsertRecord:
       case Op::Kind::kUpdateRecord: {
         const bool insert = op.kind == Op::Kind::kInsertRecord;
-        s = &db_.prepared(insert ? kInsertRecord : kUpdateRecord);
+        s = &db.prepared(insert ? kInsertRecord : kUpdateRecord);
         // The two statements name the id first and last.
         const int first = insert ? 2 : 1;
         s->bind(first, op.text).bind(first + 1, std::int64_t{op.autodelete});
@@ -258,19 +264,19 @@ bool UnitOfWork::writeLog() {
         break;
       }
       case Op::Kind::kDeleteRecord:
-        s = &db_.prepared(kDeleteRecord);
+        s = &db.prepared(kDeleteRecord);
         s->bind(1, op.rowId);
         break;
       case Op::Kind::kClearCollection:
-        s = &db_.prepared(kDeleteCollection);
+        s = &db.prepared(kDeleteCollection);
         s->bind(1, op.rowId).bind(2, op.collection);
         break;
       case Op::Kind::kPutItem:
-        s = &db_.prepared(kPutItem);
+        s = &db.prepared(kPutItem);
         s->bind(1, op.rowId).bind(2, op.collection).bind(3, op.position).bind(4, op.text);
         break;
       case Op::Kind::kDeleteItem:
-        s = &db_.prepared(kDeleteItem);
+        s = &db.prepared(kDeleteItem);
         s->bind(1, op.rowId).bind(2, op.collection).bind(3, op.text);
         break;
     }

@@ -14,7 +14,10 @@
 // transaction as the asset rows they refer to. A save therefore costs no
 // statement on the caller's thread, and a commit that cannot write the log
 // keeps it, whole, for the next one: nothing is lost and nothing is written
-// twice.
+// twice. The log outlives the unit of work: a unit destroyed while its last
+// commit fails (a full disk) leaves the log with the group commit, so that
+// the store's last commit writes it together with the asset rows it refers
+// to, or writes neither.
 //
 // Thread-safety: the records and the pending changes are guarded by the store
 // context's lock; the log by the group commit's held-rows mutex.
@@ -49,7 +52,8 @@ class UnitOfWork : public std::enable_shared_from_this<UnitOfWork> {
   // commit may go first (a store closed and opened again); saves are then
   // kept in memory only.
   UnitOfWork(Database& db, GroupCommit& commits);
-  // Commits what the log holds, while the group commit lives.
+  // Commits what the log holds, while the group commit lives; when that
+  // commit fails, the group commit keeps the log for its next one.
   ~UnitOfWork();
   UnitOfWork(const UnitOfWork&) = delete;
   UnitOfWork& operator=(const UnitOfWork&) = delete;
@@ -96,11 +100,17 @@ class UnitOfWork : public std::enable_shared_from_this<UnitOfWork> {
   void logRecord(SqliteSubscriptionData& record, std::vector<Op>& ops);
   void logCollection(std::int64_t rowId, int which, const CollectionOrder::Writes& writes,
                      std::vector<Op>& ops);
+  // The log and what a commit took from it, shared with the group commit's
+  // writer so that it outlives the unit of work.
+  struct Log {
+    std::vector<Op> pending;  // guarded by the group commit's held rows' lock
+    std::vector<Op> taken;    // guarded by the database's mutex
+  };
   // Adds to the log and marks a commit due.
   void append(std::vector<Op> ops);
-  // Writes what the commit took from the log.
-  bool writeLog();
-  void restoreLog();
+  // Writes what a commit took from the log.
+  static bool writeOps(Database& db, const std::vector<Op>& ops);
+  static void restoreLog(Log& log);
 
   Database& db_;
   std::weak_ptr<GroupCommit> commits_;
@@ -110,9 +120,7 @@ class UnitOfWork : public std::enable_shared_from_this<UnitOfWork> {
   std::vector<std::pair<SqliteSubscriptionData*, std::string>> renames_;
   std::int64_t nextRowId_ = 1;  // new records' ids are given out here
   Counts counts_;
-
-  std::vector<Op> log_;    // guarded by the group commit's held rows' lock
-  std::vector<Op> taken_;  // what a commit took; guarded by the database's mutex
+  std::shared_ptr<Log> log_ = std::make_shared<Log>();
 };
 
 }  // namespace zolvani::reference
