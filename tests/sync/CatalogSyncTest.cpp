@@ -139,10 +139,19 @@ TEST_F(CatalogSyncTest, AForcedSyncOverlapsARunningOneAndSharesItsBackgroundTask
   auto counter = std::make_shared<std::atomic<int>>(0);
   std::atomic<int>& sent = *counter;
   const std::string reply = catalog(nlohmann::json::array(), {"A"}).dump();
+  // Each request waits at the gate of the sync that sent it. The two syncs
+  // send from the processing pool, whose threads promise no order, so the
+  // forced sync starts only once the first one's request is held: the
+  // request that arrives first is then the first sync's.
   bed.http->setFallback([counter, open1, open2, reply](const HttpRequest&) {
     ((*counter)++ == 0 ? open1 : open2).wait();
     return FakeHttpTransport::ok(reply);
   });
+  auto arrived = [&](int requests) {
+    for (int i = 0; i < 1500 && sent.load() < requests; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return sent.load() == requests;
+  };
   // However the test ends, the held requests are let go and their syncs run
   // out while the test bed is still there.
   struct ReleaseGates {
@@ -165,11 +174,10 @@ TEST_F(CatalogSyncTest, AForcedSyncOverlapsARunningOneAndSharesItsBackgroundTask
   EXPECT_FALSE(refused.success);
   EXPECT_FALSE(refused.error);
   EXPECT_EQ(bed.engine->countLogged("Not syncing now.  Already in sync."), 1u);
+  ASSERT_TRUE(arrived(1));
 
   bed.manager->syncSubscriptionsWithKeelhallNowUsingForce(true, recordInto(forced));
-  for (int i = 0; i < 1500 && sent.load() < 2; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  ASSERT_EQ(sent.load(), 2);
+  ASSERT_TRUE(arrived(2));
   EXPECT_EQ(bed.application->begun(), 1);
   EXPECT_EQ(bed.application->openTasks(), (std::vector<std::string>{"ZolvaniSubscriptionSync"}));
 
