@@ -108,6 +108,9 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
 
   std::optional<Error> start();
   void stop();
+  // Lets the data folder go: the public engine object is gone, whoever
+  // still holds its roles.
+  void unlockFolder();
   ZolvaniEngine roles();
 
   // --- Assets ----------------------------------------------------------------
@@ -180,6 +183,8 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
   void callLater(std::function<void()> task);
   void callbackLoop();
   std::optional<Error> reconcile();
+  // Takes the data folder's lock (kept until unlockFolder() or destruction).
+  std::optional<Error> lockFolder();
   std::filesystem::path assetFolder(const std::string& uuid) const;
   FetchHooks hooksFor(const std::shared_ptr<ReferenceAsset>& asset,
                       const std::shared_ptr<std::atomic<bool>>& cancel, std::uint64_t base);
@@ -235,6 +240,7 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
   bool callbackStop_ = false;
 
   std::string deviceUUID_;
+  int lockFd_ = -1;  // the data folder's lock file, held while it is open
   mutable std::mutex clockMutex_;
   std::optional<double> clockOffset_;
   std::mutex reachMutex_;

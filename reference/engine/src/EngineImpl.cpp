@@ -1,5 +1,12 @@
 // The engine's state: start-up and reconciliation, assets, the download queue.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -19,6 +26,67 @@ ReferenceEngine::Impl::Impl(ReferenceEngineOptions o)
 ReferenceEngine::Impl::~Impl() {
   stop();
   if (eventsFile_) std::fclose(eventsFile_);
+  // The store closes (members go after this body) before the folder is free.
+  store.close();
+  unlockFolder();
+}
+
+void ReferenceEngine::Impl::unlockFolder() {
+  std::lock_guard l(mutex_);
+  if (lockFd_ >= 0) ::close(lockFd_);
+  lockFd_ = -1;
+}
+
+namespace {
+
+// The name this process runs under, as `ps` shows it.
+std::string programName() {
+  std::ifstream comm("/proc/self/comm");
+  std::string name;
+  std::getline(comm, name);
+  return name.empty() ? std::string("unknown") : name;
+}
+
+}  // namespace
+
+std::optional<Error> ReferenceEngine::Impl::lockFolder() {
+  if (lockFd_ >= 0) return std::nullopt;  // started before: still held
+  const auto path = options.dataFolder / "engine.lock";
+  // Close-on-exec: a program the host runs must not inherit the lock.
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0)
+    return engineError(kEngineErrorStore,
+                       fmt::format("Cannot open {}: {}", path.string(), std::strerror(errno)));
+  // flock() rather than fcntl() locks: they belong to the open file, so a
+  // second engine in the same process is refused too, and closing another
+  // descriptor of the file does not let them go.
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    const int error = errno;
+    std::string holder;
+    std::ifstream in(path);
+    std::getline(in, holder);
+    ::close(fd);
+    if (error != EWOULDBLOCK)
+      return engineError(kEngineErrorStore,
+                         fmt::format("Cannot lock {}: {}", path.string(), std::strerror(error)));
+    // "<pid> <program>", as the holder wrote it.
+    std::string pid = holder.substr(0, holder.find(' '));
+    std::string program =
+        holder.find(' ') == std::string::npos ? std::string() : holder.substr(holder.find(' ') + 1);
+    return engineError(
+        kEngineErrorFolderInUse,
+        pid.empty() ? fmt::format("The data folder {} is in use by another process",
+                                  options.dataFolder.string())
+                    : fmt::format("The data folder {} is in use by process {} ({}); only one "
+                                  "host may use a data folder at a time",
+                                  options.dataFolder.string(), pid, program));
+  }
+  const std::string holder = fmt::format("{} {}\n", ::getpid(), programName());
+  if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, holder.data(), holder.size(), 0) < 0) {
+    // The lock holds without the note; a refused host then names no holder.
+  }
+  lockFd_ = fd;
+  return std::nullopt;
 }
 
 std::filesystem::path ReferenceEngine::Impl::assetFolder(const std::string& uuid) const {
@@ -32,6 +100,7 @@ std::optional<Error> ReferenceEngine::Impl::start() {
   if (ec)
     return engineError(kEngineErrorStore, fmt::format("Cannot create the data folder {}: {}",
                                                       options.dataFolder.string(), ec.message()));
+  if (auto e = lockFolder()) return e;
   if (auto e = store.open(options.dataFolder / "engine.sqlite3"))
     return engineError(kEngineErrorStore, *e);
   logger_ = makeEngineLogger(options);
@@ -112,6 +181,17 @@ std::optional<Error> ReferenceEngine::Impl::reconcile() {
       }
     }
     if (f.state == AssetState::kQueued) queued.emplace_back(f.queuePos, f.uuid);
+    if (f.state == AssetState::kQueued && f.retryFailures > 0) {
+      // The wait after transient failures goes on where the last run left it.
+      const double left =
+          f.retryNotBefore -
+          std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+              .count();
+      const auto wait = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+          std::chrono::duration<double>(std::clamp(left, 0.0, 3600.0)));
+      backoff_[f.uuid] = Backoff{static_cast<int>(f.retryFailures), f.retryBytes,
+                                 std::chrono::steady_clock::now() + wait};
+    }
     auto asset = std::make_shared<ReferenceAsset>(weak_from_this(), f);
     assets_[f.uuid] = asset;
     indexLocked(asset);
@@ -119,8 +199,23 @@ std::optional<Error> ReferenceEngine::Impl::reconcile() {
   std::sort(queued.begin(), queued.end());
   queue_.clear();
   for (auto& [pos, uuid] : queued) queue_.push_back(uuid);
+  // Media folders no asset owns: a process killed after making a folder and
+  // before its asset's row landed, or a folder whose deletion was cut short.
+  // Nothing will ever use or remove them otherwise.
+  std::vector<std::filesystem::path> orphans;
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(options.dataFolder / "media", ec), end;
+       !ec && it != end; it.increment(ec)) {
+    if (!assets_.count(it->path().filename().string())) orphans.push_back(it->path());
+  }
   assetsLock.unlock();
   for (const auto& f : changed) store.assets().update(f);
+  for (const auto& folder : orphans) {
+    std::filesystem::remove_all(folder, ec);
+    log(fmt::format("Removed {}, which no asset owns{}", folder.string(),
+                    ec ? ": " + ec.message() : std::string()),
+        ec ? 1 : 2);
+  }
   return std::nullopt;
 }
 

@@ -256,7 +256,12 @@ ZolvaniEngine ReferenceEngine::Impl::roles() {
 ReferenceEngine::ReferenceEngine(ReferenceEngineOptions options)
     : impl_(std::make_shared<Impl>(std::move(options))) {}
 
-ReferenceEngine::~ReferenceEngine() { impl_->stop(); }
+ReferenceEngine::~ReferenceEngine() {
+  impl_->stop();
+  // Role objects may outlive the engine (the library holds them); the folder
+  // is free for the next engine all the same.
+  impl_->unlockFolder();
+}
 
 std::optional<Error> ReferenceEngine::start() { return impl_->start(); }
 void ReferenceEngine::stop() { impl_->stop(); }

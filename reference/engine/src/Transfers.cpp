@@ -123,6 +123,10 @@ void ReferenceEngine::Impl::worker() {
       transferring_[uuid] = cancel;
     }
     persist(asset->update([](AssetFields& f) { f.state = AssetState::kTransferring; }));
+    // The asset's row is durable before its folder exists and its first byte
+    // arrives: a restart then finds an owner for every media folder (and
+    // removes any other, left by a row that never landed).
+    store.flush();
     if (asset->fields().manifest)
       runStream(asset, cancel);
     else
@@ -225,6 +229,9 @@ void ReferenceEngine::Impl::finish(const std::shared_ptr<ReferenceAsset>& asset,
     x.queuePos = 0;
     x.errorCode = 0;
     x.errorText.clear();
+    x.retryFailures = 0;
+    x.retryBytes = 0;
+    x.retryNotBefore = 0;
   });
   {
     std::lock_guard l(mutex_);
@@ -245,7 +252,14 @@ void ReferenceEngine::Impl::fail(const std::shared_ptr<ReferenceAsset>& asset, c
     x.queuePos = 0;
     x.errorCode = error.code;
     x.errorText = error.localizedDescription();
+    x.retryFailures = 0;
+    x.retryBytes = 0;
+    x.retryNotBefore = 0;
   });
+  {
+    std::lock_guard l(mutex_);
+    backoff_.erase(f.uuid);
+  }
   persist(f);
   reportProgress(asset, true);
   log(fmt::format("Download of asset {} ({}) failed: {}", f.uuid, f.description,
@@ -255,27 +269,42 @@ void ReferenceEngine::Impl::fail(const std::shared_ptr<ReferenceAsset>& asset, c
 
 void ReferenceEngine::Impl::deferTransient(const std::shared_ptr<ReferenceAsset>& asset,
                                            const Error& error) {
-  AssetFields f = asset->update([&](AssetFields& x) {
-    x.state = AssetState::kQueued;
-    x.errorCode = error.code;
-    x.errorText = error.localizedDescription();
-  });
-  persist(f);
-  reportProgress(asset, true);
+  const std::string uuid = asset->uuid();
+  const std::uint64_t bytes = asset->fields().bytesDone;
+  Backoff b;
   std::chrono::milliseconds delay{0};
   {
     std::lock_guard l(mutex_);
-    if (stopping_ || !assets_.count(f.uuid)) return;
-    Backoff& b = backoff_[f.uuid];
+    if (auto it = backoff_.find(uuid); it != backoff_.end()) b = it->second;
     // Bytes that arrived since the last deferral show the server is alive:
     // the wait starts short again.
-    if (f.bytesDone > b.bytesAtFailure) b.failures = 0;
-    b.bytesAtFailure = f.bytesDone;
+    if (bytes > b.bytesAtFailure) b.failures = 0;
+    b.bytesAtFailure = bytes;
     ++b.failures;
     delay = std::max(options.retryMaxDelay, std::chrono::milliseconds(1));
     for (int i = 1; i < b.failures && delay < kLongestBackoff; ++i) delay *= 2;
     delay = std::min(delay, kLongestBackoff);
     b.notBefore = std::chrono::steady_clock::now() + delay;
+    if (assets_.count(uuid)) backoff_[uuid] = b;
+  }
+  // The wait is kept with the asset: a restart resumes it rather than
+  // retrying every waiting asset at once.
+  const double notBefore =
+      std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch() + delay)
+          .count();
+  AssetFields f = asset->update([&](AssetFields& x) {
+    x.state = AssetState::kQueued;
+    x.errorCode = error.code;
+    x.errorText = error.localizedDescription();
+    x.retryFailures = b.failures;
+    x.retryBytes = b.bytesAtFailure;
+    x.retryNotBefore = notBefore;
+  });
+  persist(f);
+  reportProgress(asset, true);
+  {
+    std::lock_guard l(mutex_);
+    if (stopping_ || !assets_.count(f.uuid)) return;
     queue_.push_front(f.uuid);  // keeps its place; others run while it waits
   }
   cv_.notify_all();

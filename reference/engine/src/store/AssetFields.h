@@ -36,6 +36,13 @@ struct AssetFields {
   std::string errorText;
   std::int64_t bandwidth = 0, segmentsDone = 0, segmentsTotal = 0;
   std::int64_t seq = 0;  // creation order
+  // A queued asset waiting out transient failures: how many in a row, the
+  // bytes it had at the last one, and when (seconds since 1970 on the
+  // system clock) it may try again. Kept so that a restart does not retry
+  // every waiting asset at once.
+  std::int64_t retryFailures = 0;
+  std::uint64_t retryBytes = 0;
+  double retryNotBefore = 0;
 };
 
 }  // namespace zolvani::reference

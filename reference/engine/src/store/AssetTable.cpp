@@ -8,20 +8,23 @@ constexpr std::string_view kSelectAll =
     "max_bitrate, publish_date, expiry_date, expiry_after_download, expiry_after_play, "
     "download_limit, fast_play, user_info, creation_date, state, fraction, bytes_done, "
     "bytes_total, download_complete, local_path, queue_pos, etag, last_modified, error_code, "
-    "error_text, bandwidth, segments_done, segments_total, seq FROM assets ORDER BY seq";
+    "error_text, bandwidth, segments_done, segments_total, seq, retry_failures, retry_bytes, "
+    "retry_not_before FROM assets ORDER BY seq";
 
 constexpr std::string_view kInsert =
     "INSERT OR REPLACE INTO assets(uuid, asset_id, description, url, manifest, protection_type, "
     "include_keys, max_bitrate, publish_date, expiry_date, expiry_after_download, "
     "expiry_after_play, download_limit, fast_play, user_info, creation_date, state, fraction, "
     "bytes_done, bytes_total, download_complete, local_path, queue_pos, etag, last_modified, "
-    "error_code, error_text, bandwidth, segments_done, segments_total, seq) "
-    "VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)";
+    "error_code, error_text, bandwidth, segments_done, segments_total, seq, retry_failures, "
+    "retry_bytes, retry_not_before) "
+    "VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)";
 
 constexpr std::string_view kUpdate =
     "UPDATE assets SET creation_date=?, state=?, fraction=?, bytes_done=?, bytes_total=?, "
     "download_complete=?, local_path=?, queue_pos=?, etag=?, last_modified=?, error_code=?, "
-    "error_text=?, bandwidth=?, segments_done=?, segments_total=? WHERE uuid=?";
+    "error_text=?, bandwidth=?, segments_done=?, segments_total=?, retry_failures=?, "
+    "retry_bytes=?, retry_not_before=? WHERE uuid=?";
 
 std::optional<double> seconds(const std::optional<Date>& d) {
   return d ? std::optional<double>(d->secondsSince1970) : std::nullopt;
@@ -63,6 +66,9 @@ AssetFields readRow(const Statement& s) {
   f.segmentsDone = s.int64(28);
   f.segmentsTotal = s.int64(29);
   f.seq = s.int64(30);
+  f.retryFailures = s.int64(31);
+  f.retryBytes = static_cast<std::uint64_t>(s.int64(32));
+  f.retryNotBefore = s.real(33);
   return f;
 }
 
@@ -83,7 +89,10 @@ AssetTable::Progress AssetTable::progressOf(const AssetFields& f) {
                   f.errorText,
                   f.bandwidth,
                   f.segmentsDone,
-                  f.segmentsTotal};
+                  f.segmentsTotal,
+                  f.retryFailures,
+                  f.retryBytes,
+                  f.retryNotBefore};
 }
 
 AssetTable::AssetTable(Database& db, GroupCommit& commits) : db_(db), commits_(commits) {
@@ -113,6 +122,9 @@ void AssetTable::applyProgress(const Progress& p, AssetFields& f) {
   f.bandwidth = p.bandwidth;
   f.segmentsDone = p.segmentsDone;
   f.segmentsTotal = p.segmentsTotal;
+  f.retryFailures = p.retryFailures;
+  f.retryBytes = p.retryBytes;
+  f.retryNotBefore = p.retryNotBefore;
 }
 
 std::optional<std::string> AssetTable::loadAll(std::vector<AssetFields>* out) {
@@ -178,6 +190,8 @@ bool AssetTable::writeHeld() {
       s.bind(22, f.localPath).bind(23, f.queuePos).bind(24, f.etag).bind(25, f.lastModified);
       s.bind(26, f.errorCode).bind(27, f.errorText).bind(28, f.bandwidth);
       s.bind(29, f.segmentsDone).bind(30, f.segmentsTotal).bind(31, f.seq);
+      s.bind(32, f.retryFailures).bind(33, static_cast<std::int64_t>(f.retryBytes));
+      s.bind(34, f.retryNotBefore);
       if (!s.run()) return false;
     } else {
       const Progress& p = held.progress;
@@ -187,7 +201,9 @@ bool AssetTable::writeHeld() {
       s.bind(5, static_cast<std::int64_t>(p.bytesTotal)).bind(6, p.downloadComplete);
       s.bind(7, p.localPath).bind(8, p.queuePos).bind(9, p.etag).bind(10, p.lastModified);
       s.bind(11, p.errorCode).bind(12, p.errorText).bind(13, p.bandwidth);
-      s.bind(14, p.segmentsDone).bind(15, p.segmentsTotal).bind(16, uuid);
+      s.bind(14, p.segmentsDone).bind(15, p.segmentsTotal).bind(16, p.retryFailures);
+      s.bind(17, static_cast<std::int64_t>(p.retryBytes)).bind(18, p.retryNotBefore);
+      s.bind(19, uuid);
       if (!s.run()) return false;
     }
   }

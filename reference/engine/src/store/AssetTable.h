@@ -63,6 +63,9 @@ class AssetTable {
     std::int64_t errorCode = 0;
     std::string errorText;
     std::int64_t bandwidth = 0, segmentsDone = 0, segmentsTotal = 0;
+    std::int64_t retryFailures = 0;
+    std::uint64_t retryBytes = 0;
+    double retryNotBefore = 0;
     bool operator==(const Progress&) const = default;
   };
   static Progress progressOf(const AssetFields& f);

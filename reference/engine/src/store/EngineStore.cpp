@@ -18,7 +18,8 @@ CREATE TABLE IF NOT EXISTS assets(
   local_path TEXT NOT NULL, queue_pos INTEGER NOT NULL, etag TEXT NOT NULL,
   last_modified TEXT NOT NULL, error_code INTEGER NOT NULL, error_text TEXT NOT NULL,
   bandwidth INTEGER NOT NULL, segments_done INTEGER NOT NULL, segments_total INTEGER NOT NULL,
-  seq INTEGER NOT NULL);
+  seq INTEGER NOT NULL, retry_failures INTEGER NOT NULL DEFAULT 0,
+  retry_bytes INTEGER NOT NULL DEFAULT 0, retry_not_before REAL NOT NULL DEFAULT 0);
 CREATE INDEX IF NOT EXISTS assets_by_asset_id ON assets(asset_id);
 CREATE TABLE IF NOT EXISTS subscription_data(
   id INTEGER PRIMARY KEY, uuid TEXT NOT NULL, autodelete INTEGER NOT NULL,
@@ -43,6 +44,18 @@ std::optional<std::string> EngineStore::open(const std::filesystem::path& file) 
   if (auto e =
           db_.exec(std::string(kSchema) + "PRAGMA temp_store=MEMORY; PRAGMA cache_size=-16384;"))
     return "Cannot prepare the database: " + *e;
+  // Columns added since the first release of the table.
+  for (const char* column :
+       {"retry_failures INTEGER NOT NULL DEFAULT 0", "retry_bytes INTEGER NOT NULL DEFAULT 0",
+        "retry_not_before REAL NOT NULL DEFAULT 0"}) {
+    const std::string name(column, std::string_view(column).find(' '));
+    Statement has(db_, "SELECT count(*) FROM pragma_table_info('assets') WHERE name=?");
+    has.bind(1, name);
+    if (has.step() && has.int64(0) == 0) {
+      if (auto e = db_.exec("ALTER TABLE assets ADD COLUMN " + std::string(column)))
+        return "Cannot prepare the database: " + *e;
+    }
+  }
   commits_ = std::make_shared<GroupCommit>(db_, options_);
   commits_->addDeferredWriter({[this] { metaTaken_ = std::exchange(metaHeld_, {}); },
                                [this] { return writeMeta(); },

@@ -11,6 +11,13 @@
 // Every file the engine writes lives inside the data folder and is named from
 // the engine's own UUIDs, never from identifiers or URLs that a server sent.
 //
+// One engine per data folder: start() takes an advisory lock on `engine.lock`
+// in the folder and keeps it until the engine is destroyed (role objects
+// that outlive it no longer count), so that a second
+// host on the same folder (another process, or another engine in this one)
+// is refused with kEngineErrorFolderInUse, naming the holder's process
+// identifier and program, instead of adding every item a second time.
+//
 // Thread-safety: every member may be called from any thread once start() has
 // returned. Callbacks (progress, ready, parse) run on engine threads and must not
 // block for long.
@@ -52,6 +59,7 @@ enum ReferenceEngineErrorCode : std::int64_t {
   kEngineErrorUnknownAsset = 10,  // no such asset
   kEngineErrorNotStarted = 11,    // the engine has not been started
   kEngineErrorFile = 12,          // a local file could not be written
+  kEngineErrorFolderInUse = 13,   // another engine (in this or another process) has the folder
 };
 
 struct ZSM_EXPORT ReferenceEngineOptions {
@@ -133,9 +141,10 @@ class ZSM_EXPORT ReferenceEngine {
   ReferenceEngine(const ReferenceEngine&) = delete;
   ReferenceEngine& operator=(const ReferenceEngine&) = delete;
 
-  // Opens the store, reconciles it with the files on disk (transfers that were
-  // running go back to the queue; completed assets whose files vanished are
-  // treated as gone) and starts the transfer workers.
+  // Locks the data folder, opens the store, reconciles it with the files on
+  // disk (transfers that were running go back to the queue; completed assets
+  // whose files vanished are treated as gone; media folders no asset owns are
+  // removed) and starts the transfer workers.
   std::optional<Error> start();
   // Stops the transfer workers; partial files stay for a later resume.
   void stop();
