@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <deque>
 #include <filesystem>
+#include <functional>
+#include <mutex>
 #include <utility>
 
 #include "CliError.h"
@@ -102,6 +104,57 @@ std::string freeSpaceText(const std::filesystem::path& folder, std::uint64_t mar
          mib(static_cast<double>(margin)) + " free beyond each download";
 }
 
+// The user defaults as the host hands them to the library: the last-sync
+// date never gets ahead of the engine's store. A sync saves its items to the
+// store context, which the engine commits within its window (a quarter of a
+// second), while the date goes to the defaults file at once; a kill in
+// between would leave the date ahead of items never saved, and the next sync
+// would skip them as old. So the date is set only once the store has
+// committed; when that commit fails (a full disk) the date keeps its old
+// value, and the next sync asks again from there: items already saved are
+// then known and skipped.
+class StoreFirstDefaults final : public UserDefaults {
+ public:
+  explicit StoreFirstDefaults(std::shared_ptr<UserDefaults> target) : target_(std::move(target)) {}
+  // `commit` commits the store (true when nothing is left pending); `warn`
+  // reports a date held back.
+  void attach(std::function<bool()> commit, std::function<void(const std::string&)> warn) {
+    std::lock_guard lock(mutex_);
+    commit_ = std::move(commit);
+    warn_ = std::move(warn);
+  }
+  std::optional<Value> objectForKey(std::string_view key) const override {
+    return target_->objectForKey(key);
+  }
+  void setObject(std::string_view key, Value value) override {
+    if (key == LastSyncKey) {
+      std::function<bool()> commit;
+      std::function<void(const std::string&)> warn;
+      {
+        std::lock_guard lock(mutex_);
+        commit = commit_;
+        warn = warn_;
+      }
+      if (commit && !commit()) {
+        if (warn)
+          warn(
+              "The last-sync date was not moved: the engine's store could not commit the "
+              "items it goes with");
+        return;
+      }
+    }
+    target_->setObject(key, std::move(value));
+  }
+  void removeObjectForKey(std::string_view key) override { target_->removeObjectForKey(key); }
+  bool synchronize() override { return target_->synchronize(); }
+
+ private:
+  const std::shared_ptr<UserDefaults> target_;
+  std::mutex mutex_;
+  std::function<bool()> commit_;
+  std::function<void(const std::string&)> warn_;
+};
+
 // The application state the host presents to the manager; a one-shot command
 // is not the active foreground, so its start-up does no server work of its own.
 class HostUtilities final : public ZFM_UtilitiesWrapper {
@@ -174,6 +227,8 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
     std::fprintf(stderr, "warning: user defaults (level %d): %s\n", level, message.c_str());
   };
   rt->platform_ = Platform::makeDefault(platformOptions);
+  auto defaults = std::make_shared<StoreFirstDefaults>(rt->platform_.userDefaults);
+  rt->platform_.userDefaults = defaults;
   // The library's system-log lines (rules updated by a sync) are diagnostics, not
   // command output.
   const std::int64_t echo = options.echoLogLevel;
@@ -191,11 +246,6 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
     else
       std::fprintf(stderr, "system: %s\n", line.c_str());
   };
-  // The device identity is the host's: it survives a wiped engine folder.
-  if (!options.config.deviceId.empty()) {
-    rt->platform_.userDefaults->setString(kEngineManualDeviceUDIDKey, options.config.deviceId);
-    rt->platform_.userDefaults->synchronize();
-  }
 
   reference::ReferenceEngineOptions engineOptions;
   engineOptions.dataFolder = options.paths.engine();
@@ -224,7 +274,19 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
     }
     if (listener) listener(a);
   });
+  // The engine's start takes the data folder's lock: a second host on the
+  // folder stops here, before it writes anything.
   if (auto error = rt->engine_->start()) return error;
+  reference::ReferenceEngine* engine = rt->engine_.get();
+  defaults->attach([engine] { return engine->flush(); },
+                   [engine](const std::string& warning) {
+                     if (auto logger = engine->roles().logger) logger->addDebugEvent(warning, 1);
+                   });
+  // The device identity is the host's: it survives a wiped engine folder.
+  if (!options.config.deviceId.empty()) {
+    rt->platform_.userDefaults->setString(kEngineManualDeviceUDIDKey, options.config.deviceId);
+    rt->platform_.userDefaults->synchronize();
+  }
 
   rt->roles_ = rt->engine_->roles();
   rt->logger_ =
@@ -254,6 +316,10 @@ HostRuntime::~HostRuntime() {
     engine_->setProgressCallback(nullptr);
     engine_->stop();
   }
+  // The engine goes with the runtime; a date set after that (by a manager
+  // that outlives it) could not be committed with its items.
+  if (auto defaults = std::dynamic_pointer_cast<StoreFirstDefaults>(platform_.userDefaults))
+    defaults->attach([] { return false; }, nullptr);
   if (!requested_ || !roles_.secureClock) return;
   const auto second =
       static_cast<std::int64_t>(std::floor(roles_.secureClock->date().secondsSince1970));

@@ -17,8 +17,11 @@
 #include "ChildProcess.h"
 #include "CliConfig.h"
 #include "CliError.h"
+#include "HostRuntime.h"
 #include "ProgressBoard.h"
+#include "SqliteFaults.h"
 #include "ThrottledLink.h"
+#include "zolvani/subscription/Constants.h"
 
 namespace zsm {
 namespace {
@@ -189,6 +192,62 @@ TEST(CliConfigTest, KeepsTheDeviceConfigurationPrivatelyAndRefusesBrokenFiles) {
     EXPECT_EQ(error->domain, kCliErrorDomain);
     EXPECT_EQ(error->code, kCliErrorConfigFile);
   }
+}
+
+HostOptions hostOptions(const fs::path& root) {
+  HostOptions options;
+  options.paths = HostPaths{root};
+  options.config.serverUrl = "http://127.0.0.1:1";
+  options.config.user = "demo";
+  options.config.publicKey = "key";
+  options.config.secret = "secret";
+  options.config.deviceId = "DEVICE";
+  options.runTransfers = false;
+  return options;
+}
+
+TEST(HostRuntimeTest, TheLastSyncDateNeverGetsAheadOfTheStore) {
+  // Before any connection opens: every one then goes through the fault layer.
+  zolvani::testing::SqliteFaults::install();
+  TempFolder temp;
+  std::unique_ptr<HostRuntime> host;
+  auto error = HostRuntime::open(hostOptions(temp.path()), &host);
+  ASSERT_FALSE(error) << error->describe();
+  zolvani::UserDefaults& defaults = *host->platform().userDefaults;
+  const auto before = defaults.dateForKey(zolvani::LastSyncKey);
+  ASSERT_TRUE(before) << "a new device stores its first last-sync date";
+  const zolvani::Date later(before->secondsSince1970 + 100);
+  {
+    // A sync's item, saved while the disk is full: its asset's row cannot land.
+    zolvani::testing::ScopedSqliteFault full;
+    ASSERT_TRUE(host->roles().assets->assetWithRemoteURL(
+        "http://127.0.0.1:1/a.mp4", "item-1", "Item", std::nullopt, std::nullopt, -42.0, -42.0, -1,
+        false, std::nullopt, nullptr, nullptr));
+    defaults.setDate(zolvani::LastSyncKey, later);
+    EXPECT_EQ(defaults.dateForKey(zolvani::LastSyncKey), before)
+        << "the date moved past an item the store has not committed";
+  }
+  defaults.setDate(zolvani::LastSyncKey, later);
+  EXPECT_EQ(defaults.dateForKey(zolvani::LastSyncKey), later);
+  std::string rows;
+  ChildProcess::run({"/usr/bin/sqlite3", (temp.path() / "engine" / "engine.sqlite3").string(),
+                     "SELECT count(*) FROM assets WHERE asset_id='item-1';"},
+                    temp.path() / "sqlite.log", 10s, &rows, nullptr);
+  EXPECT_EQ(rows, "1\n") << "the date landed before its item";
+}
+
+TEST(HostRuntimeTest, ASecondHostOnADataFolderIsRefusedAndToldWhoHoldsIt) {
+  TempFolder temp;
+  std::unique_ptr<HostRuntime> first, second;
+  ASSERT_FALSE(HostRuntime::open(hostOptions(temp.path()), &first));
+  auto error = HostRuntime::open(hostOptions(temp.path()), &second);
+  ASSERT_TRUE(error);
+  EXPECT_NE(error->localizedDescription().find("is in use by process " + std::to_string(getpid())),
+            std::string::npos)
+      << error->describe();
+  first.reset();
+  error = HostRuntime::open(hostOptions(temp.path()), &second);
+  EXPECT_FALSE(error) << error->describe();
 }
 
 TEST(ProgressBoardTest, BarsStayInsideTheirWidthWhateverTheFraction) {
