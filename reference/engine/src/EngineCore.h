@@ -164,6 +164,8 @@ class ReferenceEngine::Impl : public std::enable_shared_from_this<Impl> {
  private:
   friend class ReferenceAsset;
   void worker();
+  void runTransfer(const std::shared_ptr<ReferenceAsset>& asset,
+                   const std::shared_ptr<std::atomic<bool>>& cancel);
   void runSingleFile(const std::shared_ptr<ReferenceAsset>& asset,
                      const std::shared_ptr<std::atomic<bool>>& cancel);
   void runStream(const std::shared_ptr<ReferenceAsset>& asset,

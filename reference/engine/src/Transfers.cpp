@@ -125,18 +125,30 @@ void ReferenceEngine::Impl::worker() {
     persist(asset->update([](AssetFields& f) { f.state = AssetState::kTransferring; }));
     // The asset's row is durable before its folder exists and its first byte
     // arrives: a restart then finds an owner for every media folder (and
-    // removes any other, left by a row that never landed).
-    store.flush();
-    if (asset->fields().manifest)
-      runStream(asset, cancel);
+    // removes any other, left by a row that never landed). A store that
+    // cannot commit (a full disk) gets no new folder: the asset waits as
+    // after a transient failure, and tries again once the commit can land.
+    if (store.flush())
+      runTransfer(asset, cancel);
     else
-      runSingleFile(asset, cancel);
+      deferTransient(asset, engineError(kEngineErrorStore,
+                                        "The asset's row could not be committed before its "
+                                        "download: " +
+                                            store.commits().lastError()));
     {
       std::lock_guard l(mutex_);
       transferring_.erase(asset->uuid());
     }
     cv_.notify_all();
   }
+}
+
+void ReferenceEngine::Impl::runTransfer(const std::shared_ptr<ReferenceAsset>& asset,
+                                        const std::shared_ptr<std::atomic<bool>>& cancel) {
+  if (asset->fields().manifest)
+    runStream(asset, cancel);
+  else
+    runSingleFile(asset, cancel);
 }
 
 FetchHooks ReferenceEngine::Impl::hooksFor(const std::shared_ptr<ReferenceAsset>& asset,
