@@ -3,7 +3,9 @@
 // a seed that publishes them in feeds for a demo account.
 //
 // The bytes are deterministic (the same name always gives the same content); only
-// the items' creation times follow the clock. Stateless and thread-compatible.
+// the items' creation times follow the clock. The single files play (ffmpeg
+// makes them when it is installed); the HLS ladder's segments are synthetic.
+// Stateless and thread-compatible.
 #pragma once
 
 #include <cstdint>
@@ -33,6 +35,18 @@ class SampleGenerator {
   // small MP4 file-type box so that the file looks like the video it stands for.
   static Status WriteMediaFile(const std::filesystem::path& file, const std::string& name,
                                uint64_t size);
+
+  // Writes a playable MP4 of exactly `size` bytes to `file`: a two-second clip
+  // (test picture and tone) made by ffmpeg with its index first, followed by a
+  // "free" box up to `size`. The same name gives the same bytes with one ffmpeg
+  // version. Without ffmpeg (or when `size` is too small for the clip) it
+  // writes what WriteMediaFile writes instead.
+  static Status WritePlayableMp4(const std::filesystem::path& file, const std::string& name,
+                                 uint64_t size);
+  // `clip` (an MP4 file's bytes) followed by a "free" box up to `size`; the
+  // synthetic stand-in when `clip` is empty or does not fit.
+  static Status WritePaddedClip(const std::filesystem::path& file, const std::string& clip,
+                                const std::string& name, uint64_t size);
 
   // Writes an HLS ladder into `folder`: master.m3u8 naming one media playlist per
   // variant, each with an initialisation section (#EXT-X-MAP), `segments` segments of
