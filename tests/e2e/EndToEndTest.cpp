@@ -609,6 +609,7 @@ TEST_F(EndToEndTest, FailuresCountInTheRunTheyHappenAndCanBeRetriedOrForgotten) 
 
 TEST_F(EndToEndTest, TheLibraryNamesDownloadsByFeedAndTitleAndTheyPlay) {
   Subscribe("morning-news");
+  Subscribe("feature-films");
   SyncWatch();
   const fs::path library = device_ / "library";
   // A file of the user's own in the view stays whatever the host does.
@@ -628,11 +629,13 @@ TEST_F(EndToEndTest, TheLibraryNamesDownloadsByFeedAndTitleAndTheyPlay) {
     EXPECT_EQ(fs::canonical(link).string().rfind(fs::canonical(device_ / "engine").string(), 0),
               0u);
     names.insert(link.lexically_relative(library).string());
-    // It plays: ffprobe reads its streams and a duration through the link.
+    // It plays: ffprobe reads its streams and a duration through the link (a
+    // stream's folder through its playlist).
+    const fs::path media = fs::is_directory(link) ? link / "index.m3u8" : link;
     Outcome probe = Program({"/bin/sh", "-c",
                              "command -v ffprobe >/dev/null || exit 77; ffprobe -v error "
                              "-show_entries format=duration -of csv=p=0 \"$0\"",
-                             link.string()},
+                             media.string()},
                             work_ / "ffprobe.log");
     if (probe.status == 77) continue;
     EXPECT_EQ(probe.status, 0) << probe.errors;
@@ -641,9 +644,10 @@ TEST_F(EndToEndTest, TheLibraryNamesDownloadsByFeedAndTitleAndTheyPlay) {
   // The default data source gives an asset the item's description (the title
   // when a data source provides one).
   EXPECT_EQ(names,
-            (std::set<std::string>{
-                "morning-news/Morning News 1 & more.mp4", "morning-news/Morning News 2 & more.mp4",
-                "morning-news/Morning News 3 & more.mp4", "_direct/Welcome & more.mp4"}));
+            (std::set<std::string>{"morning-news/Morning News 1 & more.mp4",
+                                   "morning-news/Morning News 2 & more.mp4",
+                                   "morning-news/Morning News 3 & more.mp4",
+                                   "feature-films/Feature & more", "_direct/Welcome & more.mp4"}));
 
   // The retention rule deletes the oldest items: their links go with them, and
   // a sync keeps the view in step without being asked.
@@ -654,7 +658,8 @@ TEST_F(EndToEndTest, TheLibraryNamesDownloadsByFeedAndTitleAndTheyPlay) {
   for (const auto& entry : fs::recursive_directory_iterator(library))
     after.insert(entry.path().lexically_relative(library).string());
   EXPECT_EQ(after, (std::set<std::string>{"morning-news", "morning-news/Morning News 3 & more.mp4",
-                                          "morning-news/my notes.txt", "_direct",
+                                          "morning-news/my notes.txt", "feature-films",
+                                          "feature-films/Feature & more", "_direct",
                                           "_direct/Welcome & more.mp4"}));
 }
 

@@ -211,6 +211,89 @@ Status SampleGenerator::WriteHlsLadder(const std::filesystem::path& folder,
   return WriteText(folder / "master.m3u8", master);
 }
 
+Status SampleGenerator::WritePlayableHlsLadder(const std::filesystem::path& folder,
+                                               const std::vector<HlsVariant>& variants,
+                                               int segments) {
+  Status s = MakeDirs(folder);
+  if (!s.ok()) return s;
+  constexpr int kSegmentSeconds = 2;
+  const std::string seconds = std::to_string(kSegmentSeconds * segments);
+  std::string master = "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-INDEPENDENT-SEGMENTS\n";
+  for (const auto& v : variants) {
+    const std::string name = "v" + std::to_string(v.bandwidth / 1000) + "k";
+    const auto dir = folder / name;
+    s = MakeDirs(dir);
+    if (!s.ok()) return s;
+    // The layout WriteHlsLadder writes (init.mp4, seg<N>.m4s, index.m3u8), with
+    // H.264 and AAC as the master playlist's CODECS say; a key frame every
+    // segment, so that each segment starts one.
+    const bool made = RunFfmpeg({"-nostdin",
+                                 "-v",
+                                 "error",
+                                 "-y",
+                                 "-f",
+                                 "lavfi",
+                                 "-i",
+                                 "testsrc2=size=" + std::to_string(v.width) + "x" +
+                                     std::to_string(v.height) + ":rate=25:duration=" + seconds,
+                                 "-f",
+                                 "lavfi",
+                                 "-i",
+                                 "sine=frequency=440:sample_rate=44100:duration=" + seconds,
+                                 "-c:v",
+                                 "libx264",
+                                 "-preset",
+                                 "ultrafast",
+                                 "-profile:v",
+                                 "high",
+                                 "-level",
+                                 "3.1",
+                                 "-pix_fmt",
+                                 "yuv420p",
+                                 "-g",
+                                 "50",
+                                 "-keyint_min",
+                                 "50",
+                                 "-sc_threshold",
+                                 "0",
+                                 "-b:v",
+                                 std::to_string(v.bandwidth * 7 / 10),
+                                 "-threads",
+                                 "1",
+                                 "-c:a",
+                                 "aac",
+                                 "-b:a",
+                                 "48k",
+                                 "-fflags",
+                                 "+bitexact",
+                                 "-flags:v",
+                                 "+bitexact",
+                                 "-flags:a",
+                                 "+bitexact",
+                                 "-map_metadata",
+                                 "-1",
+                                 "-f",
+                                 "hls",
+                                 "-hls_time",
+                                 std::to_string(kSegmentSeconds),
+                                 "-hls_playlist_type",
+                                 "vod",
+                                 "-hls_segment_type",
+                                 "fmp4",
+                                 "-hls_fmp4_init_filename",
+                                 "init.mp4",
+                                 "-hls_segment_filename",
+                                 (dir / "seg%d.m4s").string(),
+                                 (dir / "index.m3u8").string()});
+    // Without ffmpeg (or with one that lacks an encoder) the ladder is synthetic.
+    if (!made) return WriteHlsLadder(folder, variants, segments);
+    master += "#EXT-X-STREAM-INF:BANDWIDTH=" + std::to_string(v.bandwidth) +
+              ",RESOLUTION=" + std::to_string(v.width) + "x" + std::to_string(v.height) +
+              ",CODECS=\"avc1.64001f,mp4a.40.2\"\n" + name + "/index.m3u8\n";
+  }
+  return WriteText(folder / "master.m3u8", master);
+}
+
 Status SampleGenerator::Generate(const std::filesystem::path& dataDir, int64_t nowMs,
                                  nlohmann::json* seed) {
   const auto media = dataDir / "media";
@@ -231,7 +314,7 @@ Status SampleGenerator::Generate(const std::filesystem::path& dataDir, int64_t n
     Status s = WritePaddedClip(media / f.path, clip, f.path, f.size);
     if (!s.ok()) return s;
   }
-  Status s = WriteHlsLadder(media / "hls" / "feature", DefaultLadder(), 4);
+  Status s = WritePlayableHlsLadder(media / "hls" / "feature", DefaultLadder(), 4);
   if (!s.ok()) return s;
 
   // Items are spread over the last hours, oldest first, in whole seconds.

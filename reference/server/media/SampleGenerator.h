@@ -3,8 +3,9 @@
 // a seed that publishes them in feeds for a demo account.
 //
 // The bytes are deterministic (the same name always gives the same content); only
-// the items' creation times follow the clock. The single files play (ffmpeg
-// makes them when it is installed); the HLS ladder's segments are synthetic.
+// the items' creation times follow the clock. The sample files and the sample
+// HLS ladder play: ffmpeg makes them when it is installed (synthetic stand-ins
+// otherwise).
 // Stateless and thread-compatible.
 #pragma once
 
@@ -53,6 +54,12 @@ class SampleGenerator {
   // two seconds and #EXT-X-ENDLIST.
   static Status WriteHlsLadder(const std::filesystem::path& folder,
                                const std::vector<HlsVariant>& variants, int segments);
+
+  // The same ladder made by ffmpeg (H.264 and AAC in fragmented MP4, a test
+  // picture at each variant's size), so that it plays; WriteHlsLadder's
+  // synthetic one when ffmpeg is missing or fails.
+  static Status WritePlayableHlsLadder(const std::filesystem::path& folder,
+                                       const std::vector<HlsVariant>& variants, int segments);
 
   // Three variants of rising bandwidth.
   static std::vector<HlsVariant> DefaultLadder();
