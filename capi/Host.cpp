@@ -115,8 +115,25 @@ nlohmann::json assetNotes(const zolvani::Notification& n) {
   return assets;
 }
 
+// Which feed each asset belongs to, for the download events; rebuilt from the
+// feed store only after the manager announced a change, not at every progress
+// report. Used on the driving thread only (notifications and reports both
+// reach the host through its main queue).
+struct FeedIndex {
+  bool stale = true;
+  zsm::FeedMembership places;
+
+  const zsm::FeedMembership& current(zsm::HostRuntime& runtime) {
+    if (stale) {
+      places = zsm::feedMembership(runtime);
+      stale = false;
+    }
+    return places;
+  }
+};
+
 // The manager's notifications, as events.
-void observe(zsm_host* host) {
+void observe(zsm_host* host, const std::shared_ptr<FeedIndex>& index) {
   auto& runtime = *host->runtime;
   auto& center = *runtime.platform().notificationCenter;
   auto main = runtime.platform().mainQueue;
@@ -124,15 +141,19 @@ void observe(zsm_host* host) {
   auto add = [&](std::string_view name, std::function<void(const zolvani::Notification&)> fn) {
     host->observers.push_back(center.addObserver(std::string(name), main, std::move(fn)));
   };
-  add(zolvani::kSubscriptionManagerAssetAddedNotification, [inbox](const zolvani::Notification& n) {
-    emit(inbox, ZSM_EVENT_ASSET_ADDED, {{"assets", assetNotes(n)}});
-  });
+  add(zolvani::kSubscriptionManagerAssetAddedNotification,
+      [inbox, index](const zolvani::Notification& n) {
+        index->stale = true;
+        emit(inbox, ZSM_EVENT_ASSET_ADDED, {{"assets", assetNotes(n)}});
+      });
   add(zolvani::kSubscriptionManagerAssetDeferredNotification,
-      [inbox](const zolvani::Notification& n) {
+      [inbox, index](const zolvani::Notification& n) {
+        index->stale = true;
         emit(inbox, ZSM_EVENT_ASSET_DEFERRED, {{"assets", assetNotes(n)}});
       });
   add(zolvani::kSubscriptionManagerAssetDeletedNotification,
-      [inbox](const zolvani::Notification& n) {
+      [inbox, index](const zolvani::Notification& n) {
+        index->stale = true;
         nlohmann::json uuids = nlohmann::json::array();
         auto it = n.userInfo.find(zolvani::kSubscriptionManagerNotificationZolvaniAssetUUIDsKey);
         if (it != n.userInfo.end() && it->second.asArray())
@@ -141,7 +162,8 @@ void observe(zsm_host* host) {
       });
   zsm::HostRuntime* rt = host->runtime.get();
   add(zolvani::kSubscriptionManagerDidFinishSyncNotification,
-      [inbox, rt](const zolvani::Notification&) {
+      [inbox, rt, index](const zolvani::Notification&) {
+        index->stale = true;
         nlohmann::json doc = nlohmann::json::object();
         // The runtime is alive while events are delivered: closing stops them first.
         if (auto last = rt->manager().lastSubscriptionSyncTime())
@@ -387,15 +409,22 @@ int zsm_host_start(zsm_host* host, zsm_error** error) {
     queue->setWakeHandler([weakWake] {
       if (auto wake = weakWake.lock()) wake->wakeNow();
     });
-    observe(host);
-    host->runtime->setProgressListener([toMain, inbox](const zolvani::reference::AssetInfo& a) {
-      const bool finished = a.state == zolvani::reference::AssetState::kComplete ||
-                            a.state == zolvani::reference::AssetState::kFailed;
-      nlohmann::json doc = zsm::assetJson(a);
-      toMain([inbox, finished, doc = std::move(doc)] {
-        emit(inbox, finished ? ZSM_EVENT_DOWNLOAD_FINISHED : ZSM_EVENT_DOWNLOAD_PROGRESS, doc);
-      });
-    });
+    auto index = std::make_shared<FeedIndex>();
+    observe(host, index);
+    zsm::HostRuntime* rt = host->runtime.get();
+    host->runtime->setProgressListener(
+        [toMain, inbox, index, rt](const zolvani::reference::AssetInfo& a) {
+          const bool finished = a.state == zolvani::reference::AssetState::kComplete ||
+                                a.state == zolvani::reference::AssetState::kFailed;
+          // The item's feed is looked up on the driving thread, where the index
+          // lives; the runtime is alive there (closing stops the delivery first).
+          toMain([inbox, index, rt, finished, a] {
+            nlohmann::json doc = zsm::itemJson(a, index->current(*rt));
+            // A finished download may let the manager promote a deferred item.
+            if (finished) index->stale = true;
+            emit(inbox, finished ? ZSM_EVENT_DOWNLOAD_FINISHED : ZSM_EVENT_DOWNLOAD_PROGRESS, doc);
+          });
+        });
     host->wake->settle(*queue);
     host->started.store(true);
     return 0;

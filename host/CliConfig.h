@@ -24,6 +24,8 @@ struct HostPaths {
   std::filesystem::path config() const { return root / "config.json"; }
   std::filesystem::path userDefaults() const { return root / "user-defaults.json"; }
   std::filesystem::path engine() const { return root / "engine"; }
+  // The view of the downloads by feed and title (see LibraryView.h).
+  std::filesystem::path library() const { return root / "library"; }
 
   // $XDG_STATE_HOME/zsm, else ~/.local/state/zsm, else ./zsm-data.
   static std::filesystem::path defaultRoot();

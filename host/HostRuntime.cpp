@@ -91,19 +91,6 @@ class AssumedOnline final : public ZFM_ReachabilityWrapper {
   std::int64_t currentReachabilityStatus() override { return 1; }
 };
 
-std::string freeSpaceText(const std::filesystem::path& folder, std::uint64_t margin) {
-  auto mib = [](double bytes) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.1f MiB", bytes / (1024 * 1024));
-    return std::string(text);
-  };
-  std::error_code ec;
-  const auto space = std::filesystem::space(folder, ec);
-  const std::string free = ec ? std::string("unknown") : mib(static_cast<double>(space.available));
-  return "; free on " + folder.string() + ": " + free + ", and the engine keeps " +
-         mib(static_cast<double>(margin)) + " free beyond each download";
-}
-
 // The user defaults as the host hands them to the library: the last-sync
 // date never gets ahead of the engine's store. A sync saves its items to the
 // store context, which the engine commits within its window (a quarter of a
@@ -301,6 +288,7 @@ std::optional<Error> HostRuntime::open(const HostOptions& options,
   for (const auto& a : rt->engine_->listAssets()) {
     rt->assetIds_[a.uuid] = a.assetID;
     if (a.state == reference::AssetState::kComplete) rt->completeBefore_.insert(a.uuid);
+    if (a.state == reference::AssetState::kFailed) rt->failedBefore_.insert(a.uuid);
   }
   rt->observeManager();
   rt->manager_->internalStartup();
@@ -497,18 +485,7 @@ void HostRuntime::noteRulesFrom(const std::string& feed, const std::string& sour
   platform_.userDefaults->synchronize();
 }
 
-std::vector<reference::AssetInfo> HostRuntime::listAssets() {
-  auto assets = engine_->listAssets();
-  for (auto& a : assets) {
-    if (a.lastError && a.lastError->domain == reference::kReferenceEngineErrorDomain &&
-        a.lastError->code == reference::kEngineErrorNoSpace)
-      *a.lastError =
-          Error::make(a.lastError->domain, a.lastError->code,
-                      a.lastError->localizedDescription() +
-                          freeSpaceText(options_.paths.engine(), options_.freeSpaceMargin));
-  }
-  return assets;
-}
+std::vector<reference::AssetInfo> HostRuntime::listAssets() { return engine_->listAssets(); }
 
 std::vector<std::string> HostRuntime::trackedFeeds() {
   std::vector<std::string> feeds;

@@ -137,12 +137,14 @@ class HostRuntime {
   std::vector<std::string> trackedFeeds();
 
   // The engine's assets. A download refused for lack of space says how much
-  // was free and what margin the engine keeps, not only what it needed.
+  // was free when it failed and what margin the engine keeps.
   std::vector<zolvani::reference::AssetInfo> listAssets();
 
   // The assets that were complete when the runtime opened, or at the last
   // markCompleteBaseline(): what a progress display has no news about.
   const std::set<std::string>& completeBefore() const { return completeBefore_; }
+  // The assets whose download had failed when the runtime opened.
+  const std::set<std::string>& failedBefore() const { return failedBefore_; }
   void markCompleteBaseline();
 
   // Downloads that failed while this runtime was open, by asset UUID. The
@@ -180,8 +182,9 @@ class HostRuntime {
   std::mutex rulesMutex_;  // one read-modify-write of the rule sources at a time
   HostEvents events_;
   std::map<std::string, zolvani::reference::AssetInfo> failures_;
-  std::map<std::string, std::string> assetIds_;
-  std::set<std::string> completeBefore_;  // asset UUID -> asset ID, for deletions
+  std::map<std::string, std::string> assetIds_;  // asset UUID -> asset ID, for deletions
+  std::set<std::string> completeBefore_;
+  std::set<std::string> failedBefore_;
   EventListener listener_;
   std::function<void(const zolvani::reference::AssetInfo&)> progressListener_;
   std::shared_ptr<CapturingLogger> logger_;

@@ -62,14 +62,27 @@ nlohmann::json feedsJson(HostRuntime& host) {
   return feeds;
 }
 
-nlohmann::json itemsJson(HostRuntime& host, const std::string& onlyFeed) {
+FeedMembership feedMembership(HostRuntime& host) {
   auto& m = host.manager();
-  std::map<std::string, std::pair<std::string, bool>> feedOf;  // uuid -> (feed, deferred)
+  FeedMembership places;
   for (const auto& feed : host.trackedFeeds()) {
     const auto uuids = m.itemsInTrackingFeed(feed);
     const auto tracked = static_cast<std::size_t>(std::max(0, m.numberOfItemsInFeed(feed)));
-    for (std::size_t i = 0; i < uuids.size(); ++i) feedOf[uuids[i]] = {feed, i >= tracked};
+    for (std::size_t i = 0; i < uuids.size(); ++i) places[uuids[i]] = {feed, i >= tracked};
   }
+  return places;
+}
+
+nlohmann::json itemJson(const AssetInfo& a, const FeedMembership& membership) {
+  nlohmann::json doc = assetJson(a);
+  auto it = membership.find(a.uuid);
+  doc["feed"] = it == membership.end() ? nlohmann::json(nullptr) : nlohmann::json(it->second.feed);
+  doc["deferred"] = it != membership.end() && it->second.deferred;
+  return doc;
+}
+
+nlohmann::json itemsJson(HostRuntime& host, const std::string& onlyFeed) {
+  const FeedMembership places = feedMembership(host);
   auto assets = host.listAssets();
   std::stable_sort(assets.begin(), assets.end(), [](const AssetInfo& a, const AssetInfo& b) {
     return a.creationDate < b.creationDate;
@@ -77,13 +90,10 @@ nlohmann::json itemsJson(HostRuntime& host, const std::string& onlyFeed) {
   nlohmann::json items = nlohmann::json::array();
   for (const auto& a : assets) {
     if (a.state == AssetState::kGone) continue;
-    auto it = feedOf.find(a.uuid);
-    const std::string feed = it == feedOf.end() ? std::string() : it->second.first;
+    auto it = places.find(a.uuid);
+    const std::string feed = it == places.end() ? std::string() : it->second.feed;
     if (!onlyFeed.empty() && feed != onlyFeed) continue;
-    nlohmann::json doc = assetJson(a);
-    doc["feed"] = feed.empty() ? nlohmann::json(nullptr) : nlohmann::json(feed);
-    doc["deferred"] = it != feedOf.end() && it->second.second;
-    items.push_back(std::move(doc));
+    items.push_back(itemJson(a, places));
   }
   return items;
 }

@@ -9,6 +9,7 @@
 // feed store, which are safe from any thread; the others are pure.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,6 +23,19 @@
 namespace zsm {
 
 nlohmann::json assetJson(const zolvani::reference::AssetInfo& asset);
+
+// Where each tracked asset belongs: asset UUID -> its feed, and whether it is
+// one of the feed's deferred items. Direct items are not in it.
+struct FeedPlace {
+  std::string feed;
+  bool deferred = false;
+};
+using FeedMembership = std::map<std::string, FeedPlace>;
+FeedMembership feedMembership(HostRuntime& host);
+// An item: assetJson with "feed" (null for a direct item) and "deferred".
+nlohmann::json itemJson(const zolvani::reference::AssetInfo& asset,
+                        const FeedMembership& membership);
+
 nlohmann::json feedsJson(HostRuntime& host);
 // Items oldest first; only `onlyFeed`'s when it is not empty.
 nlohmann::json itemsJson(HostRuntime& host, const std::string& onlyFeed);

@@ -56,6 +56,12 @@ def test_subscribe_with_rules_sync_and_download(news_device) -> None:
     assert {i["uuid"] for i in news} <= added
     finished = [e.data for e in events if e.kind == "download-finished"]
     assert all(f["state"] == "complete" for f in finished)
+    # Download events say where the item belongs, as items() does.
+    downloads = [e.data for e in events if e.kind in ("download-progress", "download-finished")]
+    assert all("feed" in d and "deferred" in d for d in downloads)
+    places = {i["uuid"]: (i["feed"], i["deferred"]) for i in items}
+    for f in finished:
+        assert (f["feed"], f["deferred"]) == places[f["uuid"]], f
     status = host.status()
     assert status["synced"] and status["last_sync"] is not None
     assert status["assets"].get("complete") == len(items)
@@ -139,8 +145,21 @@ def test_arguments_and_states(server: Server, work: Path) -> None:
     host.start()
     with pytest.raises(StateError):
         host.start()
-    with pytest.raises(ArgumentError):
-        host.set_max_items(-1)
+    # Integers are checked against the C types before they cross: ctypes alone
+    # would keep the low 32 bits (2**32 + 3 would read back as 3).
+    host.set_max_items(7)
+    host.set_max_bitrate(9)
+    for setter in (host.set_max_items, host.set_max_bitrate):
+        for value in (-1, 2**31, 2**32 + 3, 2**64, 1.5, "3", True):
+            with pytest.raises(ArgumentError):
+                setter(value)
+    settings = host.settings()
+    assert (settings["max-items"], settings["max-bitrate"]) == (7, 9)
+    host.set_max_items(2**31 - 1)
+    assert host.settings()["max-items"] == 2**31 - 1
+    for rules in ({"max_items": 2**32 + 2}, {"max_bitrate": 2**32}, {"max_items": -3}):
+        with pytest.raises(ArgumentError):
+            host.subscribe("morning-news", **rules)
     with pytest.raises(ArgumentError):
         host.publish({"title": "no address"})
     with pytest.raises(ZsmError) as unknown:

@@ -9,7 +9,7 @@ from dataclasses import dataclass
 from typing import Any, Callable, Dict, Iterator, List, Optional, Union
 
 from . import _native
-from .errors import OperationTimeout, StateError, ZsmError, error_for
+from .errors import ArgumentError, OperationTimeout, StateError, ZsmError, error_for
 
 JsonValue = Any
 
@@ -33,6 +33,19 @@ class Event:
 
     kind: str
     data: Dict[str, JsonValue]
+
+
+INT32_MAX = 2**31 - 1
+
+
+def _int32(name: str, value: Any) -> int:
+    """``value`` as a C int32_t the library takes (0 to 2**31 - 1); ctypes would
+    silently keep only the low 32 bits of a larger number."""
+    if isinstance(value, bool) or not isinstance(value, int):
+        raise ArgumentError("zsm", 1, f"{name} must be an integer, not {type(value).__name__}")
+    if not 0 <= value <= INT32_MAX:
+        raise ArgumentError("zsm", 1, f"{name} must be from 0 to {INT32_MAX}, not {value}")
+    return value
 
 
 def _raise_error(pointer: ctypes.c_void_p) -> None:
@@ -246,9 +259,9 @@ class Host:
         if max_items is None and autodelete is None and max_bitrate is None:
             return self._call(self._lib.zsm_host_subscribe, feed.encode())
         return self._call(self._lib.zsm_host_subscribe_with_rules, feed.encode(),
-                          -1 if max_items is None else max_items,
-                          -1 if autodelete is None else int(autodelete),
-                          -1 if max_bitrate is None else max_bitrate)
+                          -1 if max_items is None else _int32("max_items", max_items),
+                          -1 if autodelete is None else int(bool(autodelete)),
+                          -1 if max_bitrate is None else _int32("max_bitrate", max_bitrate))
 
     def unsubscribe(self, feed: str) -> Dict[str, JsonValue]:
         """Leaves ``feed``; its items are deleted."""
@@ -301,15 +314,15 @@ class Host:
         return self._json(self._lib.zsm_host_settings)
 
     def set_max_items(self, value: int) -> None:
-        """Maximum items per feed for new subscriptions (0: no limit)."""
-        self._set(self._lib.zsm_host_set_max_items, value)
+        """Maximum items per feed for new subscriptions (0: no limit), at most 2**31 - 1."""
+        self._set(self._lib.zsm_host_set_max_items, _int32("max_items", value))
 
     def set_autodelete(self, value: bool) -> None:
         self._set(self._lib.zsm_host_set_autodelete, int(value))
 
     def set_max_bitrate(self, value: int) -> None:
-        """Maximum bit rate for new subscriptions (0: no cap)."""
-        self._set(self._lib.zsm_host_set_max_bitrate, value)
+        """Maximum bit rate for new subscriptions (0: no cap), at most 2**31 - 1."""
+        self._set(self._lib.zsm_host_set_max_bitrate, _int32("max_bitrate", value))
 
     def set_verbose(self, value: bool) -> None:
         """Trace lines of request and reply bodies in the log."""

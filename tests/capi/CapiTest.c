@@ -106,6 +106,10 @@ static int wait_for(zsm_host* host, result_t* r, int timeout_ms) {
 typedef struct {
   int counts[16];
   char last_finished[4096];
+  /* Download events that name the item's place, as zsm.h promises: both
+   * fields at all, and the feed of a feed item. */
+  int with_place;
+  int in_news_feed;
 } events_t;
 
 static void on_event(void* user, int kind, const char* json) {
@@ -113,6 +117,11 @@ static void on_event(void* user, int kind, const char* json) {
   if (kind > 0 && kind < 16) e->counts[kind]++;
   if (kind == ZSM_EVENT_DOWNLOAD_FINISHED)
     snprintf(e->last_finished, sizeof e->last_finished, "%s", json);
+  if (kind == ZSM_EVENT_DOWNLOAD_FINISHED || kind == ZSM_EVENT_DOWNLOAD_PROGRESS) {
+    if (strstr(json, "\"feed\":") && strstr(json, "\"deferred\":")) e->with_place++;
+    if (strstr(json, "\"feed\":\"morning-news\"") && strstr(json, "\"deferred\":false"))
+      e->in_news_feed++;
+  }
 }
 
 /* The value of "key":"..." in `json` (no escapes in the values looked for). */
@@ -418,6 +427,9 @@ static void test_device(const char* work, const char* url) {
   CHECK(events.counts[ZSM_EVENT_SYNC_FINISHED] == 1);
   CHECK(events.counts[ZSM_EVENT_STATUS_CHANGED] >= 1);
   CHECK(events.counts[ZSM_EVENT_DOWNLOAD_FINISHED] >= 2);
+  CHECK(events.with_place ==
+        events.counts[ZSM_EVENT_DOWNLOAD_FINISHED] + events.counts[ZSM_EVENT_DOWNLOAD_PROGRESS]);
+  CHECK(events.in_news_feed >= 1);
   char file[2048];
   CHECK(json_string(events.last_finished, "file", file, sizeof file));
   struct stat st;

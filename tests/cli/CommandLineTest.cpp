@@ -66,6 +66,30 @@ TEST(CommandLineTest, SpansReadWithTheirUnits) {
   for (const Case& c : cases) EXPECT_EQ(parseSpan(c.text), c.seconds) << c.text;
 }
 
+TEST(CommandLineTest, UtcDatesReadAsSettingsPrintsThem) {
+  struct Case {
+    const char* text;
+    std::optional<double> seconds;
+  } cases[] = {
+      {"1970-01-01T00:00:00Z", 0.0},
+      {"2026-01-31T08:00:00Z", 1769846400.0},
+      {"2026-01-31 08:00:00Z", 1769846400.0},
+      {"2026-01-31T08:00:00.25Z", 1769846400.25},
+      {"2024-02-29T23:59:59Z", 1709251199.0},
+      {"2000-03-01T00:00:00Z", 951868800.0},
+      {"2023-02-29T00:00:00Z", std::nullopt},
+      {"2026-13-01T00:00:00Z", std::nullopt},
+      {"2026-01-31T24:00:00Z", std::nullopt},
+      {"2026-01-31T08:00:00", std::nullopt},
+      {"2026-01-31T08:00:00+01:00", std::nullopt},
+      {"2026-01-31T08:00:00.Z", std::nullopt},
+      {"1969-12-31T23:59:59Z", std::nullopt},
+      {"2026-1-31T08:00:00Z", std::nullopt},
+      {"", std::nullopt},
+  };
+  for (const Case& c : cases) EXPECT_EQ(parseUtcDate(c.text), c.seconds) << c.text;
+}
+
 TEST(CommandLineTest, MistypedCommandsGetTheNearestOne) {
   const std::vector<std::string> commands = {"config", "settings",     "status", "subscribe",
                                              "sync",   "feeds",        "items",  "deferred",

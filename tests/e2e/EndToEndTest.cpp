@@ -406,7 +406,9 @@ TEST_F(EndToEndTest, ADownloadThatWouldLeaveTooLittleFreeIsRefusedAndSaysWhatWas
     ASSERT_TRUE(item.contains("error"));
     const std::string text = item["error"]["description"];
     EXPECT_NE(text.find("Not enough free space"), std::string::npos);
+    // The space as it was when the download was refused, kept with the error.
     EXPECT_NE(text.find("; free on "), std::string::npos);
+    EXPECT_NE(text.find(" at the time: "), std::string::npos);
     EXPECT_NE(text.find("and the engine keeps 1073741824.0 MiB free beyond each download"),
               std::string::npos);
     EXPECT_FALSE(item.contains("file") && fs::exists(item["file"].get<std::string>()));
@@ -524,6 +526,141 @@ TEST_F(EndToEndTest, EveryKindOfOutcomeHasItsExitStatusAndMessage) {
   EXPECT_EQ(sync.status, 4) << sync.text << sync.errors;
   EXPECT_EQ(sync.doc["downloads"]["failed"], 1);
   EXPECT_EQ(sync.doc["ok"], false);
+}
+
+TEST_F(EndToEndTest, FailuresCountInTheRunTheyHappenAndCanBeRetriedOrForgotten) {
+  Subscribe("morning-news");
+  // A direct item whose media is missing: its failure stays on the device.
+  auto publishBroken = [&](const std::string& title, const std::string& file) {
+    Outcome run =
+        Zsm({"publish", "--title", title, "--desc", title, "--url", url_ + "/media/files/" + file});
+    ASSERT_EQ(run.status, 0) << run.text;
+  };
+  auto idOf = [&](const std::string& description) {
+    for (const auto& [id, item] : Items())
+      if (item["description"] == description) return id;
+    return std::string();
+  };
+  publishBroken("Broken", "not-there.mp4");
+  Outcome first = Zsm({"sync", "--watch", "--watch-timeout", "25"});
+  EXPECT_EQ(first.status, 4) << first.text << first.errors;
+  EXPECT_EQ(first.doc["downloads"]["failed"], 1);
+  EXPECT_EQ(first.doc["downloads"]["failed_before"], 0);
+  const std::string broken = idOf("Broken");
+  ASSERT_FALSE(broken.empty());
+
+  // The listing says why, in plain text too.
+  Outcome listed = ZsmText({"items"});
+  ASSERT_EQ(listed.status, 0);
+  EXPECT_NE(listed.text.find("    why: "), std::string::npos) << listed.text;
+  EXPECT_NE(listed.text.find("404"), std::string::npos) << listed.text;
+  EXPECT_NE(listed.text.find("zsm items retry"), std::string::npos);
+
+  // The next run has nothing failing: it succeeds, and mentions the old failure.
+  Outcome later = Zsm({"sync", "--watch", "--watch-timeout", "25"});
+  EXPECT_EQ(later.status, 0) << later.text << later.errors;
+  EXPECT_EQ(later.doc["downloads"]["failed"], 0);
+  EXPECT_EQ(later.doc["downloads"]["failed_before"], 1);
+  Outcome laterText = ZsmText({"sync", "--watch", "--watch-timeout", "25"});
+  EXPECT_EQ(laterText.status, 0);
+  EXPECT_NE(laterText.text.find("failed in an earlier run"), std::string::npos) << laterText.text;
+
+  // A wake that follows downloads fails when one of its downloads fails.
+  publishBroken("Also broken", "also-missing.mp4");
+  Outcome wake = Zsm({"wake", "fetch", "--watch"});
+  EXPECT_EQ(wake.status, 4) << wake.text << wake.errors;
+  EXPECT_EQ(wake.doc["downloads"]["failed"], 1);
+  EXPECT_EQ(wake.doc["error"]["code"], 7);  // downloads
+  const std::string alsoBroken = idOf("Also broken");
+  ASSERT_FALSE(alsoBroken.empty());
+
+  // Retrying names what it retries; an item that is not failed is refused.
+  EXPECT_EQ(Zsm({"items", "retry", "news-0001"}).status, 2);
+  EXPECT_EQ(Zsm({"items", "retry", "no-such-item"}).status, 2);
+  // The missing media appears on the server: one retry succeeds, the other
+  // fails again and says so.
+  fs::copy_file(serverData_ / "media/files/welcome.mp4", serverData_ / "media/files/not-there.mp4");
+  Outcome retried = Zsm({"items", "retry", "--all", "--watch-timeout", "25"});
+  EXPECT_EQ(retried.status, 4) << retried.text << retried.errors;
+  EXPECT_EQ(retried.doc["retried"].size(), 2u);
+  EXPECT_EQ(retried.doc["downloads"]["failed"], 1);
+  auto items = Items();
+  EXPECT_EQ(items[broken]["state"], "complete");
+  EXPECT_EQ(items[alsoBroken]["state"], "failed");
+
+  // Forgetting removes the item and its files; nothing failed is left.
+  EXPECT_EQ(Zsm({"items", "forget", "no-such-item"}).status, 2);
+  Outcome forgotten = Zsm({"items", "forget", alsoBroken});
+  ASSERT_EQ(forgotten.status, 0) << forgotten.text << forgotten.errors;
+  EXPECT_EQ(Items().count(alsoBroken), 0u);
+  Outcome none = Zsm({"items", "retry", "--all"});
+  EXPECT_EQ(none.status, 0);
+  EXPECT_EQ(none.doc["retried"].size(), 0u);
+  // The server still offers the item; once its media is there, the next sync
+  // brings it anew and the run is clean.
+  fs::copy_file(serverData_ / "media/files/welcome.mp4",
+                serverData_ / "media/files/also-missing.mp4");
+  Outcome clean = Zsm({"sync", "--watch", "--watch-timeout", "25"});
+  EXPECT_EQ(clean.status, 0) << clean.text;
+  EXPECT_EQ(clean.doc["downloads"]["failed"], 0);
+  EXPECT_EQ(clean.doc["downloads"]["failed_before"], 0);
+  EXPECT_EQ(Items()[idOf("Also broken")]["state"], "complete");
+}
+
+TEST_F(EndToEndTest, TheLibraryNamesDownloadsByFeedAndTitleAndTheyPlay) {
+  Subscribe("morning-news");
+  Subscribe("feature-films");
+  SyncWatch();
+  const fs::path library = device_ / "library";
+  // A file of the user's own in the view stays whatever the host does.
+  fs::create_directories(library / "morning-news");
+  std::ofstream(library / "morning-news" / "my notes.txt") << "mine";
+
+  Outcome view = Zsm({"library"});
+  ASSERT_EQ(view.status, 0) << view.text << view.errors;
+  std::set<std::string> names;
+  for (const auto& e : view.doc["entries"]) {
+    const fs::path link = e["link"].get<std::string>();
+    SCOPED_TRACE(link.string());
+    ASSERT_TRUE(fs::is_symlink(link));
+    // The link resolves to the engine's own file, which stays where it was.
+    EXPECT_EQ(fs::canonical(link), fs::canonical(e["target"].get<std::string>()));
+    EXPECT_TRUE(fs::read_symlink(link).is_relative());
+    EXPECT_EQ(fs::canonical(link).string().rfind(fs::canonical(device_ / "engine").string(), 0),
+              0u);
+    names.insert(link.lexically_relative(library).string());
+    // It plays: ffprobe reads its streams and a duration through the link (a
+    // stream's folder through its playlist).
+    const fs::path media = fs::is_directory(link) ? link / "index.m3u8" : link;
+    Outcome probe = Program({"/bin/sh", "-c",
+                             "command -v ffprobe >/dev/null || exit 77; ffprobe -v error "
+                             "-show_entries format=duration -of csv=p=0 \"$0\"",
+                             media.string()},
+                            work_ / "ffprobe.log");
+    if (probe.status == 77) continue;
+    EXPECT_EQ(probe.status, 0) << probe.errors;
+    EXPECT_GT(std::atof(probe.text.c_str()), 1.0) << probe.text;
+  }
+  // The default data source gives an asset the item's description (the title
+  // when a data source provides one).
+  EXPECT_EQ(names,
+            (std::set<std::string>{"morning-news/Morning News 1 & more.mp4",
+                                   "morning-news/Morning News 2 & more.mp4",
+                                   "morning-news/Morning News 3 & more.mp4",
+                                   "feature-films/Feature & more", "_direct/Welcome & more.mp4"}));
+
+  // The retention rule deletes the oldest items: their links go with them, and
+  // a sync keeps the view in step without being asked.
+  Admin({"set-rule", "--user", "demo", "--device", deviceId_, "--feed", "morning-news",
+         "--max-assets", "1", "--auto-delete", "true"});
+  SyncWatch();
+  std::set<std::string> after;
+  for (const auto& entry : fs::recursive_directory_iterator(library))
+    after.insert(entry.path().lexically_relative(library).string());
+  EXPECT_EQ(after, (std::set<std::string>{"morning-news", "morning-news/Morning News 3 & more.mp4",
+                                          "morning-news/my notes.txt", "feature-films",
+                                          "feature-films/Feature & more", "_direct",
+                                          "_direct/Welcome & more.mp4"}));
 }
 
 TEST_F(EndToEndTest, ANewDeviceIsToldHowToCatchUpAndWhereItsRulesCameFrom) {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <map>
 
@@ -23,6 +24,8 @@ std::optional<Error> openHost(const CommandContext& context, std::unique_ptr<Hos
   options.runTransfers = runTransfers;
   options.paths = context.paths;
   if (auto error = CliConfig::load(context.paths, &options.config)) return error;
+  if (const char* secret = std::getenv(kSecretEnvironment); secret && *secret)
+    options.config.secret = secret;
   options.echoLogLevel = context.logLevel;
   if (context.keepFreeBytes) options.freeSpaceMargin = *context.keepFreeBytes;
   return HostRuntime::open(options, runtime);
@@ -43,12 +46,38 @@ std::optional<Error> runToCompletion(HostRuntime& host,
 
 // --- config ---------------------------------------------------------------------
 
+namespace {
+
+// The first line of `file` ("-": standard input), without its line end.
+std::optional<Error> readSecret(const std::string& file, std::string* secret) {
+  std::ifstream in;
+  if (file != "-") {
+    in.open(file);
+    if (!in) return cliError(kCliErrorConfigFile, "cannot read the secret from " + file);
+  }
+  std::istream& from = file == "-" ? std::cin : in;
+  if (!std::getline(from, *secret) && secret->empty())
+    return cliError(kCliErrorUsage, "no secret in " + (file == "-" ? "standard input" : file));
+  if (!secret->empty() && secret->back() == '\r') secret->pop_back();
+  if (secret->empty())
+    return cliError(kCliErrorUsage, "the secret read from " + file + " is empty");
+  return std::nullopt;
+}
+
+}  // namespace
+
 int runConfig(const CommandContext& context, const ConfigOptions& options) {
   const Output out = context.output();
   CliConfig config;
   if (auto error = CliConfig::load(context.paths, &config)) return out.fail(*error);
-  const bool changing =
-      options.server || options.user || options.key || options.secret || options.deviceId;
+  if (options.secret && options.secretFile)
+    return out.fail(cliError(kCliErrorUsage, "give --secret or --secret-file, not both"));
+  std::optional<std::string> secret = options.secret;
+  if (options.secretFile) {
+    secret.emplace();
+    if (auto error = readSecret(*options.secretFile, &*secret)) return out.fail(*error);
+  }
+  const bool changing = options.server || options.user || options.key || secret || options.deviceId;
   if (changing) {
     if (options.server) {
       // The library appends "/Subscriptions/client/<endpoint>" to the URL as it is.
@@ -60,20 +89,26 @@ int runConfig(const CommandContext& context, const ConfigOptions& options) {
     }
     if (options.user) config.user = *options.user;
     if (options.key) config.publicKey = *options.key;
-    if (options.secret) config.secret = *options.secret;
+    if (secret) config.secret = *secret;
     if (options.deviceId) config.deviceId = *options.deviceId;
     if (config.deviceId.empty()) config.deviceId = newUUIDString();
     if (auto error = config.save(context.paths)) return out.fail(*error);
   }
+  // A secret from the environment counts for this invocation, unsaved.
+  const char* fromEnvironment = std::getenv(kSecretEnvironment);
+  const bool secretFromEnvironment = fromEnvironment && *fromEnvironment && !secret;
+  if (secretFromEnvironment) config.secret = fromEnvironment;
   nlohmann::json doc = config.toJson(options.reveal);
   doc["data"] = context.paths.root.string();
   doc["complete"] = config.complete();
+  doc["secret_from"] = secretFromEnvironment ? kSecretEnvironment : "config";
   out.document(doc);
   out.line("data folder: " + context.paths.root.string());
   out.line("server:      " + config.serverUrl);
   out.line("user:        " + config.user);
   out.line("public key:  " + config.publicKey);
-  out.line("secret:      " + doc["secret"].get<std::string>());
+  out.line("secret:      " + doc["secret"].get<std::string>() +
+           (secretFromEnvironment ? std::string("   (from ") + kSecretEnvironment + ")" : ""));
   out.line("device id:   " + config.deviceId);
   if (!config.complete()) out.line("(not complete: set " + config.firstMissing() + ")");
   return 0;
@@ -99,9 +134,11 @@ std::optional<std::int64_t> parseInteger(const std::string& text, std::int64_t l
   return value;
 }
 
-// "now", "now-<seconds>" or seconds since 1970 (fractions allowed).
+// "now", "now-<span>", seconds since 1970 (fractions allowed) or a UTC date
+// as `settings` prints it.
 std::optional<double> parseDate(const std::string& text, double now) {
   if (text == "now") return now;
+  if (auto date = parseUtcDate(text)) return date;
   if (text.rfind("now-", 0) == 0) {
     auto back = parseSpan(text.substr(4));
     if (!back) return std::nullopt;
@@ -158,7 +195,10 @@ int runSettings(const CommandContext& context, const SettingsOptions& options) {
       // The library has no setter for this date; a host may move it through the
       // exported key, for example to fetch what a new device would otherwise skip.
       auto d = parseDate(v, host ? host->roles().secureClock->date().secondsSince1970 : 0);
-      if (!d) return bad("\"now\", \"now-<span>\" (such as now-7d) or seconds since 1970");
+      if (!d)
+        return bad(
+            "\"now\", \"now-<span>\" (such as now-7d), seconds since 1970 or a UTC date such as "
+            "2026-01-31T08:00:00Z");
       if (host) host->platform().userDefaults->setDate(LastSyncKey, Date(*d));
     } else if (k == "verbose") {
       auto b = parseBool(v);
@@ -185,10 +225,11 @@ int runSettings(const CommandContext& context, const SettingsOptions& options) {
   out.line("max-items:   " + doc["max-items"].dump() + "   (per new subscription; 0 = no limit)");
   out.line("autodelete:  " + doc["autodelete"].dump());
   out.line("max-bitrate: " + doc["max-bitrate"].dump() + "   (0 = no cap)");
-  out.line("last-sync:   " +
-           (doc["last-sync"].is_null()
-                ? std::string("never")
-                : isoDate(doc["last-sync"].get<double>()) + " (" + doc["last-sync"].dump() + ")"));
+  // Either form printed here is one that `settings set last-sync` takes back.
+  out.line("last-sync:   " + (doc["last-sync"].is_null()
+                                  ? std::string("never")
+                                  : isoDate(doc["last-sync"].get<double>()) + "   (" +
+                                        doc["last-sync"].dump() + " seconds since 1970)"));
   out.line("verbose:     " + doc["verbose"].dump());
   return 0;
 }

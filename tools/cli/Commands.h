@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -53,8 +54,14 @@ std::optional<zolvani::Error> runToCompletion(
 // --- Configuration and settings ------------------------------------------------
 struct ConfigOptions {
   std::optional<std::string> server, user, key, secret, deviceId;
+  // A file whose first line is the secret; "-" reads standard input. Keeps the
+  // secret out of the process list and the shell's history.
+  std::optional<std::string> secretFile;
   bool reveal = false;
 };
+// The environment variable whose value, when set, is the secret for this
+// invocation (it overrides the stored one and is never written to the data folder).
+inline constexpr const char* kSecretEnvironment = "ZSM_SECRET";
 int runConfig(const CommandContext& context, const ConfigOptions& options);
 
 struct SettingsOptions {
@@ -117,12 +124,43 @@ std::vector<zolvani::reference::AssetInfo> watchDownloads(HostRuntime& host, boo
                                                           std::chrono::milliseconds timeout,
                                                           bool* drained);
 
+// The downloads' outcome as a command's document shows it: {"drained",
+// "complete", "failed" (in this run), "pending", "failed_before" (failed in an
+// earlier run and not tried again)}. `failedThisRun` is HostRuntime::failedDownloads().
+nlohmann::json downloadsSummary(
+    const std::vector<zolvani::reference::AssetInfo>& assets, bool drained,
+    const std::map<std::string, zolvani::reference::AssetInfo>& failedThisRun);
+// The error a followed run of downloads ends with: some still running, or some
+// failed in this run; none otherwise.
+std::optional<zolvani::Error> downloadsOutcome(const nlohmann::json& summary,
+                                               std::chrono::milliseconds timeout);
+
 // --- The library ------------------------------------------------------------------
 int runFeeds(const CommandContext& context);
 struct ItemsOptions {
   std::string feed;  // only this feed's items when set
 };
 int runItems(const CommandContext& context, const ItemsOptions& options);
+
+// `items retry`: failed downloads (the named ones, or all with `all`) go back
+// to the queue, and the command follows them like `sync --watch`. `items
+// forget`: the named items are deleted with their files, so that a later sync
+// (with --since when they are older than the last one) may bring them anew.
+// An item is named by its asset identifier or its UUID.
+struct ItemsActionOptions {
+  std::vector<std::string> ids;
+  bool all = false;
+  std::chrono::milliseconds watchTimeout{120000};
+};
+int runItemsRetry(const CommandContext& context, const ItemsActionOptions& options);
+int runItemsForget(const CommandContext& context, const ItemsActionOptions& options);
+
+// `library`: the tree of links that names each finished download by its feed
+// and title (see LibraryView.h); rebuilt and listed.
+int runLibrary(const CommandContext& context);
+// What the commands that download call at their end, so that the view follows
+// the downloads without being asked; a failure is a warning on standard error.
+void refreshLibrary(const CommandContext& context, HostRuntime& host);
 int runDeferred(const CommandContext& context);
 
 // --- The demo ----------------------------------------------------------------------

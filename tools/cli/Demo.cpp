@@ -14,6 +14,7 @@
 #include "ChildProcess.h"
 #include "CliError.h"
 #include "Commands.h"
+#include "LibraryView.h"
 #include "ProgressBoard.h"
 #include "ThrottledLink.h"
 #include "zolvani/subscription/Constants.h"
@@ -269,6 +270,12 @@ int runDemo(const CommandContext& context, const DemoOptions& options, const cha
       status = out.fail(cliError(kCliErrorIncomplete,
                                  "the second sync did not replace the oldest morning-news item"));
     }
+    // The downloads by feed and title, for a person to open.
+    std::vector<LibraryEntry> entries;
+    if (auto error = updateLibrary(*host, device.library(), &entries))
+      say("  the library view was not made: " + error->describe());
+    for (const auto& e : entries)
+      say("  " + e.link.lexically_relative(device.root).string());
   }
 
   step(8, "Stopping");
@@ -280,7 +287,9 @@ int runDemo(const CommandContext& context, const DemoOptions& options, const cha
   char took[32];
   std::snprintf(took, sizeof took, "%.1f", seconds);
   say("\nThe demo took " + std::string(took) + " s. Files are in " + work.string() + ":");
-  say("  device:  " + device.root.string() + "  (config.json, user-defaults.json, engine/)");
+  say("  device:  " + device.root.string() +
+      "  (config.json, user-defaults.json, engine/, library/)");
+  say("  library: " + device.library().string() + "  (the downloads by feed and title)");
   say("  server:  " + serverData.string() + "  (server.sqlite, media/)");
   say("  logs:    " + serverLog.string() + ", " + (device.engine() / "").string());
   say("Look around with: zsm --data " + device.root.string() + " items");

@@ -35,7 +35,8 @@ const char* exitStatusHelp() {
          "  1  other failures (device not configured, local files, demo checks)\n"
          "  2  usage error: unknown command or option, or a value the command refuses\n"
          "  3  server or protocol error: no connection, HTTP or server error, no answer in time\n"
-         "  4  downloads failed, or did not finish within --watch-timeout";
+         "  4  downloads failed in this run, or did not finish within --watch-timeout\n"
+         "     (a failure left from an earlier run is mentioned, not counted)";
 }
 
 }  // namespace zsm

@@ -7,7 +7,8 @@
 //   2  usage: an unknown command or option, or a value the command refuses
 //   3  the server or the protocol: no connection, an HTTP or server error, no
 //      answer in time
-//   4  downloads: at least one failed, or they did not finish in time
+//   4  downloads: at least one failed in this run, or they did not finish in
+//      time (a failure left from an earlier run does not count)
 //
 // Plain constants and a pure function; safe from any thread.
 #pragma once

@@ -2,6 +2,8 @@
 // system would wake the application; with --watch the command stays to follow
 // the downloads the sync queued.
 #include <iostream>
+#include <map>
+#include <set>
 #include <thread>
 
 #include "zolvani/subscription/Constants.h"
@@ -40,26 +42,70 @@ int countOlderThanLastSync(const std::vector<LogLine>& lines) {
   return count;
 }
 
-nlohmann::json downloadsSummary(const std::vector<AssetInfo>& assets, bool drained) {
-  int complete = 0, failed = 0, pending = 0;
-  for (const auto& a : assets) {
-    if (a.state == AssetState::kComplete)
-      ++complete;
-    else if (a.state == AssetState::kFailed)
-      ++failed;
-    else if (a.state != AssetState::kGone)
-      ++pending;
-  }
-  return {{"drained", drained}, {"complete", complete}, {"failed", failed}, {"pending", pending}};
+// A failure from an earlier run does not fail this one, but it is not kept quiet.
+void noteEarlierFailures(const Output& out, const nlohmann::json& summary) {
+  if (const int count = summary["failed_before"].get<int>(); count > 0)
+    out.line("note: " + std::to_string(count) +
+             " download(s) failed in an earlier run; `zsm items` says why, `zsm items retry "
+             "--all` tries them again, `zsm items forget ID` removes one");
+}
+
+// The command's document (with the downloads' outcome) comes first, then the error.
+int failWithDocument(const Output& out, nlohmann::json doc, const Error& error) {
+  if (!out.json()) return out.fail(error);
+  doc["ok"] = false;
+  doc["error"] = errorJson(error);
+  out.document(doc);
+  std::cerr << "error: " << error.describe() << "\n";
+  return exitStatusFor(error);
 }
 
 }  // namespace
+
+nlohmann::json downloadsSummary(const std::vector<AssetInfo>& assets, bool drained,
+                                const std::map<std::string, AssetInfo>& failedThisRun) {
+  // A failure counts for the run in which the download failed; one left over
+  // from an earlier run is reported beside it, so that a script can tell a
+  // download that just failed from one that failed last week.
+  int complete = 0, failed = 0, pending = 0, failedBefore = 0;
+  for (const auto& a : assets) {
+    if (a.state == AssetState::kComplete)
+      ++complete;
+    else if (a.state == AssetState::kFailed && failedThisRun.count(a.uuid))
+      ++failed;
+    else if (a.state == AssetState::kFailed)
+      ++failedBefore;
+    else if (a.state != AssetState::kGone)
+      ++pending;
+  }
+  return {{"drained", drained},
+          {"complete", complete},
+          {"failed", failed},
+          {"pending", pending},
+          {"failed_before", failedBefore}};
+}
+
+std::optional<Error> downloadsOutcome(const nlohmann::json& summary,
+                                      std::chrono::milliseconds timeout) {
+  if (!summary["drained"].get<bool>())
+    return cliError(kCliErrorDownloads, "downloads were still running after " +
+                                            std::to_string(timeout.count() / 1000) + " s");
+  if (const int count = summary["failed"].get<int>(); count > 0)
+    return cliError(kCliErrorDownloads,
+                    std::to_string(count) +
+                        " download(s) failed; `zsm items` says why, `zsm items retry --all` "
+                        "tries them again");
+  return std::nullopt;
+}
 
 std::vector<AssetInfo> watchDownloads(HostRuntime& host, bool showBoard,
                                       std::chrono::milliseconds timeout, bool* drained) {
   using Clock = std::chrono::steady_clock;
   ProgressBoard board(stdout, ProgressBoard::isTerminal(stdout));
-  board.setAlreadyDone(host.completeBefore());
+  // What had finished, well or badly, before this command is no news on the board.
+  std::set<std::string> before = host.completeBefore();
+  before.insert(host.failedBefore().begin(), host.failedBefore().end());
+  board.setAlreadyDone(std::move(before));
   const auto deadline = Clock::now() + timeout;
   // A finished download lets the manager promote a deferred item on its
   // processing queue a moment later; the queue counts as drained only after it
@@ -168,22 +214,17 @@ int runSync(const CommandContext& context, const SyncOptions& options) {
     bool drained = false;
     out.line("downloads:");
     auto assets = watchDownloads(*host, !out.json(), options.watchTimeout, &drained);
-    doc["downloads"] = downloadsSummary(assets, drained);
-    if (!drained) {
-      failed = cliError(kCliErrorDownloads,
-                        "downloads were still running after " +
-                            std::to_string(options.watchTimeout.count() / 1000) + " s");
-    } else if (const int count = doc["downloads"]["failed"].get<int>(); count > 0) {
-      failed = cliError(kCliErrorDownloads,
-                        std::to_string(count) + " download(s) failed; `zsm items` says why");
-    }
+    doc["downloads"] = downloadsSummary(assets, drained, host->failedDownloads());
+    failed = downloadsOutcome(doc["downloads"], options.watchTimeout);
+    noteEarlierFailures(out, doc["downloads"]);
   }
+  refreshLibrary(context, *host);
   const HostEvents events = host->events();
   doc["events"] = eventsJson(events);
   if (!options.watch) {
     // Transfers run only while a zsm command that may transfer runs (not the
     // listings); they resume where they stopped the next time one does.
-    const auto pending = downloadsSummary(host->listAssets(), false)["pending"].get<int>();
+    const auto pending = downloadsSummary(host->listAssets(), false, {})["pending"].get<int>();
     doc["pending_downloads"] = pending;
     if (pending > 0)
       out.line(std::to_string(pending) +
@@ -210,17 +251,7 @@ int runSync(const CommandContext& context, const SyncOptions& options) {
         isoDate(lastSyncBefore->secondsSince1970) +
         "); `zsm sync --since 7d` fetches what came out in the last 7 days");
   }
-  if (failed) {
-    // The document (with the downloads' outcome) comes first, then the error.
-    if (out.json()) {
-      doc["ok"] = false;
-      doc["error"] = errorJson(*failed);
-      out.document(doc);
-      std::cerr << "error: " << failed->describe() << "\n";
-      return exitStatusFor(*failed);
-    }
-    return out.fail(*failed);
-  }
+  if (failed) return failWithDocument(out, doc, *failed);
   out.document(doc);
   return 0;
 }
@@ -262,18 +293,23 @@ int runWake(const CommandContext& context, const WakeOptions& options) {
     doc["answer"] = nullptr;
     doc["answer_name"] = "none";
   }
+  std::optional<Error> failed;
   if (options.watch && answer->has_value()) {
     bool drained = false;
     auto assets = watchDownloads(*host, !out.json(), options.watchTimeout, &drained);
-    doc["downloads"] = downloadsSummary(assets, drained);
+    doc["downloads"] = downloadsSummary(assets, drained, host->failedDownloads());
+    failed = downloadsOutcome(doc["downloads"], options.watchTimeout);
+    noteEarlierFailures(out, doc["downloads"]);
   }
+  refreshLibrary(context, *host);
   doc["events"] = eventsJson(host->events());
   if (accepted && !answer->has_value())
     return out.fail(cliError(kCliErrorTimeout, "the wake was not answered in time"));
-  out.document(doc);
   out.line(std::string(options.push ? "push" : "fetch") + " wake delivered to " +
            std::to_string(handlers) +
            " handler(s); answer: " + doc["answer_name"].get<std::string>());
+  if (failed) return failWithDocument(out, doc, *failed);
+  out.document(doc);
   return 0;
 }
 

@@ -56,6 +56,51 @@ std::optional<double> parseSpan(std::string_view text) {
   return seconds;
 }
 
+std::optional<double> parseUtcDate(std::string_view text) {
+  // YYYY-MM-DDTHH:MM:SS[.fff]Z
+  if (text.size() < 20 || text.back() != 'Z') return std::nullopt;
+  auto number = [&](std::size_t at, std::size_t digits, int* out) {
+    if (at + digits > text.size()) return false;
+    int value = 0;
+    for (std::size_t i = at; i < at + digits; ++i) {
+      if (text[i] < '0' || text[i] > '9') return false;
+      value = value * 10 + (text[i] - '0');
+    }
+    *out = value;
+    return true;
+  };
+  int year, month, day, hour, minute, second;
+  if (!number(0, 4, &year) || text[4] != '-' || !number(5, 2, &month) || text[7] != '-' ||
+      !number(8, 2, &day) || (text[10] != 'T' && text[10] != ' ') || !number(11, 2, &hour) ||
+      text[13] != ':' || !number(14, 2, &minute) || text[16] != ':' || !number(17, 2, &second))
+    return std::nullopt;
+  double fraction = 0;
+  std::string_view rest = text.substr(19, text.size() - 20);
+  if (!rest.empty()) {
+    if (rest[0] != '.' || rest.size() < 2) return std::nullopt;
+    double scale = 0.1;
+    for (char c : rest.substr(1)) {
+      if (c < '0' || c > '9') return std::nullopt;
+      fraction += (c - '0') * scale;
+      scale /= 10;
+    }
+  }
+  static constexpr int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+  if (year < 1970 || month < 1 || month > 12 || day < 1 ||
+      day > kDays[month - 1] + (month == 2 && leap ? 1 : 0) || hour > 23 || minute > 59 ||
+      second > 59)
+    return std::nullopt;
+  // Days since 1970 by the civil-from-days rule (no time zone involved).
+  const int y = month <= 2 ? year - 1 : year;
+  const int era = y / 400;
+  const int yoe = y - era * 400;
+  const int doy = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
+  const int doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  const long long days = static_cast<long long>(era) * 146097 + doe - 719468;
+  return static_cast<double>(days * 86400 + hour * 3600 + minute * 60 + second) + fraction;
+}
+
 namespace {
 
 // Edits that turn `a` into `b`: insertions, deletions, substitutions and

@@ -23,6 +23,11 @@ inline constexpr std::int64_t kLogLevelDebug = 1000;
 // and for spans beyond 100 years.
 std::optional<double> parseSpan(std::string_view text);
 
+// Seconds since 1970 of a UTC date and time as zsm prints them,
+// "2026-01-31T08:00:00Z" (fractions of a second allowed, "Z" required, a space
+// for the "T" too); none for anything else, impossible dates included.
+std::optional<double> parseUtcDate(std::string_view text);
+
 // The candidate closest to `typed` by edit distance, when it is close enough to
 // be what was meant (at most a third of its letters differ, or it starts the
 // same); empty otherwise.

@@ -11,6 +11,7 @@
 #include "CliError.h"
 #include "Commands.h"
 #include "ExitStatus.h"
+#include "Output.h"
 #include "UserInput.h"
 
 namespace {
@@ -53,9 +54,35 @@ std::vector<std::string> commandNames(const CLI::App& app) {
   return names;
 }
 
+// Whether the command line asks for JSON; read before parsing, so that a
+// command line CLI11 refuses still gets its error as JSON.
+bool gJson = false;
+
 int usageError(const std::string& message) {
-  std::cerr << "error: " << kCliErrorDomain << " " << kCliErrorUsage << ": " << message << "\n";
-  return kExitUsage;
+  return Output(gJson).fail(cliError(kCliErrorUsage, message));
+}
+
+// The help of zsm itself: its options and its commands. (App::help() of an
+// app whose `help` subcommand was parsed would describe that subcommand.)
+std::string topHelp(const CLI::App& app) {
+  return app.get_formatter()->make_help(&app, "zsm", CLI::AppFormatMode::Normal);
+}
+
+// Every command's help after zsm's own, subcommands of commands included: what
+// `zsm help --all` prints and the man page is made from.
+std::string allHelp(const CLI::App& app) {
+  std::string text = topHelp(app);
+  std::function<void(const CLI::App&, const std::string&)> add = [&](const CLI::App& parent,
+                                                                     const std::string& prefix) {
+    for (const CLI::App* sub : parent.get_subcommands([](const CLI::App*) { return true; })) {
+      const std::string name = prefix + " " + sub->get_name();
+      text += "\n" + name + "\n" + std::string(name.size(), '=') + "\n" +
+              sub->get_formatter()->make_help(sub, name, CLI::AppFormatMode::Normal);
+      add(*sub, name);
+    }
+  };
+  add(app, "zsm");
+  return text;
 }
 
 int unknownCommand(const CLI::App& app, const std::string& word) {
@@ -109,7 +136,11 @@ int main(int argc, char** argv) {
   config->add_option("--server", configOptions.server, "content server URL, http://host:port");
   config->add_option("--user", configOptions.user, "account user name");
   config->add_option("--key", configOptions.key, "public key");
-  config->add_option("--secret", configOptions.secret, "secret that signs requests");
+  config->add_option("--secret", configOptions.secret,
+                     "secret that signs requests (visible to other users in the process list; "
+                     "prefer --secret-file or ZSM_SECRET)");
+  config->add_option("--secret-file", configOptions.secretFile,
+                     "read the secret from FILE's first line; - reads standard input");
   config->add_option("--device-id", configOptions.deviceId,
                      "device identifier (new UUID by default)");
   config->add_flag("--reveal", configOptions.reveal, "show the secret");
@@ -120,8 +151,14 @@ int main(int argc, char** argv) {
   auto* settings = app.add_subcommand("settings", "get or set the global defaults");
   settings->add_subcommand("get", "show the settings")->callback([] {});
   auto* settingsSet = settings->add_subcommand(
-      "set", "set one: max-items N | autodelete B | max-bitrate N | last-sync T | verbose B");
-  settingsSet->add_option("key", settingsOptions.key, "setting name")->required();
+      "set",
+      "set one: max-items N | autodelete on|off | max-bitrate N | last-sync DATE | verbose on|off; "
+      "DATE is now, now-SPAN (now-7d), seconds since 1970 or UTC as settings prints it "
+      "(2026-01-31T08:00:00Z)");
+  settingsSet
+      ->add_option("key", settingsOptions.key,
+                   "setting name: max-items, autodelete, max-bitrate, last-sync, verbose")
+      ->required();
   settingsSet->add_option("value", settingsOptions.value, "new value")->required();
   settings->callback([&] { action = [&] { return runSettings(context, settingsOptions); }; });
 
@@ -208,7 +245,38 @@ int main(int argc, char** argv) {
   ItemsOptions itemsOptions;
   auto* items = app.add_subcommand("items", "the downloads on this device");
   items->add_option("--feed", itemsOptions.feed, "only this feed's items");
-  items->callback([&] { action = [&] { return runItems(context, itemsOptions); }; });
+  items->footer(
+      "A failed download says why below its line. `zsm items retry` and `zsm items "
+      "forget` deal with failed ones.");
+  ItemsActionOptions retryOptions, forgetOptions;
+  double retryWatchSeconds = 120;
+  auto* itemsRetry = items->add_subcommand(
+      "retry", "queue failed downloads again and follow them (exit 4 when one fails again)");
+  itemsRetry->add_option("id", retryOptions.ids, "asset identifier or UUID of a failed item");
+  itemsRetry->add_flag("--all", retryOptions.all, "every failed download");
+  itemsRetry
+      ->add_option("--watch-timeout", retryWatchSeconds,
+                   "seconds to follow them at most, 1 to 86400")
+      ->check(CLI::Range(1.0, 86400.0));
+  auto* itemsForget = items->add_subcommand(
+      "forget", "delete items and their files (a later `sync --since` may bring them anew)");
+  itemsForget->add_option("id", forgetOptions.ids, "asset identifier or UUID");
+  itemsForget->add_flag("--all", forgetOptions.all, "every failed download");
+  items->callback([&] {
+    action = [&] {
+      if (itemsRetry->parsed()) {
+        retryOptions.watchTimeout =
+            std::chrono::milliseconds(static_cast<long long>(retryWatchSeconds * 1000));
+        return runItemsRetry(context, retryOptions);
+      }
+      if (itemsForget->parsed()) return runItemsForget(context, forgetOptions);
+      return runItems(context, itemsOptions);
+    };
+  });
+  app.add_subcommand("library",
+                     "link each finished download as <data>/library/<feed>/<title>.<ext> and list "
+                     "the links (the files themselves stay where the engine keeps them)")
+      ->callback([&] { action = [&] { return runLibrary(context); }; });
   app.add_subcommand("deferred", "items held back because their feed is full")->callback([&] {
     action = [&] { return runDeferred(context); };
   });
@@ -261,16 +329,22 @@ int main(int argc, char** argv) {
 
   // help [COMMAND]
   std::string helpTopic;
+  bool helpAll = false;
   auto* help = app.add_subcommand("help", "show the help of zsm or of one command");
   help->add_option("command", helpTopic, "the command to explain");
+  help->add_flag("--all", helpAll, "the help of zsm and of every command");
   help->callback([&] {
     action = [&]() -> int {
+      if (helpAll) {
+        std::cout << allHelp(app);
+        return kExitOk;
+      }
       if (helpTopic.empty()) {
-        std::cout << app.help();
+        std::cout << topHelp(app);
         return kExitOk;
       }
       try {
-        std::cout << app.get_subcommand(helpTopic)->help();
+        std::cout << app.get_subcommand(helpTopic)->help("zsm");
         return kExitOk;
       } catch (const CLI::OptionNotFound&) {
         return unknownCommand(app, helpTopic);
@@ -282,14 +356,16 @@ int main(int argc, char** argv) {
   bool asksForHelpOrVersion = false;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
+    if (arg == "--") break;
     asksForHelpOrVersion |= arg == "--help" || arg == "-h" || arg == "--version";
+    gJson |= arg == "--json";
   }
   if (!word.empty()) {
     bool known = false;
     for (const auto& name : commandNames(app)) known |= name == word;
     if (!known) return unknownCommand(app, word);
   } else if (!asksForHelpOrVersion) {
-    std::cerr << app.help();
+    if (!gJson) std::cerr << topHelp(app);
     return usageError("a command is required; `zsm help` lists them");
   }
 
@@ -298,7 +374,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);
     usageError(e.what());
-    std::cerr << "(run `zsm help` or `zsm help <command>`)\n";
+    if (!gJson) std::cerr << "(run `zsm help` or `zsm help <command>`)\n";
     return kExitUsage;
   }
   if (!logLevelText.empty()) context.logLevel = *parseLogLevel(logLevelText);
@@ -307,8 +383,8 @@ int main(int argc, char** argv) {
   if (keepFreeMiB >= 0)
     context.keepFreeBytes = static_cast<std::uint64_t>(keepFreeMiB * 1024 * 1024);
   if (!action) {
-    std::cerr << app.help();
-    return kExitUsage;
+    if (!gJson) std::cerr << topHelp(app);
+    return usageError("a command is required; `zsm help` lists them");
   }
   return action();
 }

@@ -93,6 +93,9 @@ struct Transfer {
   std::uint64_t skip = 0, keep = 0;
   Abort abort = Abort::kNone;
   int writeErrno = 0;
+  // Free bytes on the data folder's file system when the transfer was refused
+  // or a write failed for lack of space: the error keeps what was true then.
+  std::optional<std::uint64_t> freeAtFailure;
   std::chrono::steady_clock::time_point lastProgress;
 };
 
@@ -190,6 +193,7 @@ bool beginBody(Transfer* t, CURL* curl) {
     auto free = freeBytes(r.spaceProbe);
     const std::uint64_t body = r.range ? r.range->length : t->contentLength.value_or(0);
     if (free && *free < body + r.freeSpaceMargin) {
+      t->freeAtFailure = free;
       t->abort = Abort::kNoSpace;
       return false;
     }
@@ -240,6 +244,7 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
   }
   if (!chunk.empty() && std::fwrite(chunk.data(), 1, chunk.size(), t->file) != chunk.size()) {
     t->writeErrno = errno;
+    if (t->writeErrno == ENOSPC) t->freeAtFailure = freeBytes(t->request->spaceProbe);
     t->abort = Abort::kWriteFailed;
     return 0;
   }
@@ -310,6 +315,22 @@ CURL* makeHandle(const std::string& url, Transfer& t, BodyContext& body) {
   return curl;
 }
 
+// "; free on <folder> at the time: 1.2 MiB, and the engine keeps 64.0 MiB free
+// beyond each download": the space as it was when the transfer failed, kept in
+// the stored error, since a reader may look at it days later.
+std::string spaceAtFailure(const Transfer& t) {
+  const FetchRequest& r = *t.request;
+  auto mib = [](std::uint64_t bytes) {
+    return fmt::format("{:.1f} MiB", static_cast<double>(bytes) / (1024 * 1024));
+  };
+  const std::string free =
+      t.freeAtFailure ? mib(*t.freeAtFailure) : std::string("an unknown amount");
+  return fmt::format(
+      "; free on {} at the time: {}, and the engine keeps {} free beyond each "
+      "download",
+      r.spaceProbe.string(), free, mib(r.freeSpaceMargin));
+}
+
 // Classifies a finished request; `t` holds what the callbacks saw.
 FetchResult judge(CURLcode code, Transfer& t, const std::string& url) {
   FetchResult r;
@@ -321,8 +342,8 @@ FetchResult judge(CURLcode code, Transfer& t, const std::string& url) {
     case Abort::kNoSpace:
       r.outcome = FetchOutcome::kFail;
       r.error = engineError(kEngineErrorNoSpace,
-                            fmt::format("Not enough free space to download {} ({} bytes needed)",
-                                        url, t.contentLength.value_or(0)));
+                            fmt::format("Not enough free space to download {} ({} bytes needed){}",
+                                        url, t.contentLength.value_or(0), spaceAtFailure(t)));
       return r;
     case Abort::kNotMedia:
       r.outcome = FetchOutcome::kFail;
@@ -334,7 +355,8 @@ FetchResult judge(CURLcode code, Transfer& t, const std::string& url) {
       r.outcome = FetchOutcome::kFail;
       r.error = engineError(
           t.writeErrno == ENOSPC ? kEngineErrorNoSpace : kEngineErrorFile,
-          fmt::format("Could not write the download of {}: {}", url, std::strerror(t.writeErrno)));
+          fmt::format("Could not write the download of {}: {}{}", url, std::strerror(t.writeErrno),
+                      t.writeErrno == ENOSPC ? spaceAtFailure(t) : std::string()));
       return r;
     case Abort::kTooLarge:
       r.outcome = FetchOutcome::kFail;

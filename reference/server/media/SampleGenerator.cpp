@@ -1,8 +1,18 @@
 #include "reference/server/media/SampleGenerator.h"
 
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <system_error>
+#include <vector>
+
+extern char** environ;
 
 namespace zolvani::refserver {
 
@@ -33,7 +43,113 @@ Status MakeDirs(const std::filesystem::path& dir) {
   return Status::OK();
 }
 
+// Runs ffmpeg with `args`, its output discarded; true when it ran and succeeded.
+bool RunFfmpeg(const std::vector<std::string>& args) {
+  std::vector<char*> argv;
+  std::vector<std::string> all = {"ffmpeg"};
+  all.insert(all.end(), args.begin(), args.end());
+  for (auto& a : all) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  for (int fd : {0, 1, 2})
+    posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", fd == 0 ? O_RDONLY : O_WRONLY, 0);
+  pid_t pid = 0;
+  const int spawned = posix_spawnp(&pid, "ffmpeg", &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) return false;
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0)
+    if (errno != EINTR) return false;
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 }  // namespace
+
+namespace {
+
+// A two-second test picture with a tone, with the index (moov) first so that a
+// player starts before the end arrives; empty when ffmpeg is missing or fails.
+// Bit-exact flags and one thread keep the bytes the same from run to run.
+std::string MakeClip(const std::filesystem::path& scratch, int tone) {
+  const bool made =
+      RunFfmpeg({"-nostdin",
+                 "-v",
+                 "error",
+                 "-y",
+                 "-f",
+                 "lavfi",
+                 "-i",
+                 "testsrc2=size=320x180:rate=25:duration=2",
+                 "-f",
+                 "lavfi",
+                 "-i",
+                 "sine=frequency=" + std::to_string(tone) + ":sample_rate=44100:duration=2",
+                 "-c:v",
+                 "mpeg4",
+                 "-q:v",
+                 "10",
+                 "-c:a",
+                 "aac",
+                 "-b:a",
+                 "48k",
+                 "-movflags",
+                 "+faststart",
+                 "-fflags",
+                 "+bitexact",
+                 "-flags:v",
+                 "+bitexact",
+                 "-flags:a",
+                 "+bitexact",
+                 "-map_metadata",
+                 "-1",
+                 "-threads",
+                 "1",
+                 "-f",
+                 "mp4",
+                 scratch.string()});
+  std::string bytes;
+  if (made) {
+    std::ifstream in(scratch, std::ios::binary);
+    bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  std::error_code ec;
+  std::filesystem::remove(scratch, ec);
+  return bytes;
+}
+
+}  // namespace
+
+Status SampleGenerator::WritePaddedClip(const std::filesystem::path& file, const std::string& clip,
+                                        const std::string& name, uint64_t size) {
+  // The file keeps the size asked for: a "free" box after the media fills it
+  // up, which players skip. Without a clip, or for sizes too small for it, the
+  // file is the synthetic stand-in.
+  if (clip.empty() || clip.size() + 8 > size || size - clip.size() > 0xffffffffu)
+    return WriteMediaFile(file, name, size);
+  Status s = MakeDirs(file.parent_path());
+  if (!s.ok()) return s;
+  const auto pad = static_cast<uint32_t>(size - clip.size());
+  std::string bytes = clip;
+  bytes += {static_cast<char>(pad >> 24),
+            static_cast<char>(pad >> 16),
+            static_cast<char>(pad >> 8),
+            static_cast<char>(pad),
+            'f',
+            'r',
+            'e',
+            'e'};
+  bytes.resize(size, '\0');
+  return WriteText(file, bytes);
+}
+
+Status SampleGenerator::WritePlayableMp4(const std::filesystem::path& file, const std::string& name,
+                                         uint64_t size) {
+  Status s = MakeDirs(file.parent_path());
+  if (!s.ok()) return s;
+  const int tone = 220 + static_cast<int>(SeedFor(name) % 660);
+  return WritePaddedClip(file, MakeClip(file.string() + ".clip.mp4", tone), name, size);
+}
 
 Status SampleGenerator::WriteMediaFile(const std::filesystem::path& file, const std::string& name,
                                        uint64_t size) {
@@ -95,6 +211,89 @@ Status SampleGenerator::WriteHlsLadder(const std::filesystem::path& folder,
   return WriteText(folder / "master.m3u8", master);
 }
 
+Status SampleGenerator::WritePlayableHlsLadder(const std::filesystem::path& folder,
+                                               const std::vector<HlsVariant>& variants,
+                                               int segments) {
+  Status s = MakeDirs(folder);
+  if (!s.ok()) return s;
+  constexpr int kSegmentSeconds = 2;
+  const std::string seconds = std::to_string(kSegmentSeconds * segments);
+  std::string master = "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-INDEPENDENT-SEGMENTS\n";
+  for (const auto& v : variants) {
+    const std::string name = "v" + std::to_string(v.bandwidth / 1000) + "k";
+    const auto dir = folder / name;
+    s = MakeDirs(dir);
+    if (!s.ok()) return s;
+    // The layout WriteHlsLadder writes (init.mp4, seg<N>.m4s, index.m3u8), with
+    // H.264 and AAC as the master playlist's CODECS say; a key frame every
+    // segment, so that each segment starts one.
+    const bool made = RunFfmpeg({"-nostdin",
+                                 "-v",
+                                 "error",
+                                 "-y",
+                                 "-f",
+                                 "lavfi",
+                                 "-i",
+                                 "testsrc2=size=" + std::to_string(v.width) + "x" +
+                                     std::to_string(v.height) + ":rate=25:duration=" + seconds,
+                                 "-f",
+                                 "lavfi",
+                                 "-i",
+                                 "sine=frequency=440:sample_rate=44100:duration=" + seconds,
+                                 "-c:v",
+                                 "libx264",
+                                 "-preset",
+                                 "ultrafast",
+                                 "-profile:v",
+                                 "high",
+                                 "-level",
+                                 "3.1",
+                                 "-pix_fmt",
+                                 "yuv420p",
+                                 "-g",
+                                 "50",
+                                 "-keyint_min",
+                                 "50",
+                                 "-sc_threshold",
+                                 "0",
+                                 "-b:v",
+                                 std::to_string(v.bandwidth * 7 / 10),
+                                 "-threads",
+                                 "1",
+                                 "-c:a",
+                                 "aac",
+                                 "-b:a",
+                                 "48k",
+                                 "-fflags",
+                                 "+bitexact",
+                                 "-flags:v",
+                                 "+bitexact",
+                                 "-flags:a",
+                                 "+bitexact",
+                                 "-map_metadata",
+                                 "-1",
+                                 "-f",
+                                 "hls",
+                                 "-hls_time",
+                                 std::to_string(kSegmentSeconds),
+                                 "-hls_playlist_type",
+                                 "vod",
+                                 "-hls_segment_type",
+                                 "fmp4",
+                                 "-hls_fmp4_init_filename",
+                                 "init.mp4",
+                                 "-hls_segment_filename",
+                                 (dir / "seg%d.m4s").string(),
+                                 (dir / "index.m3u8").string()});
+    // Without ffmpeg (or with one that lacks an encoder) the ladder is synthetic.
+    if (!made) return WriteHlsLadder(folder, variants, segments);
+    master += "#EXT-X-STREAM-INF:BANDWIDTH=" + std::to_string(v.bandwidth) +
+              ",RESOLUTION=" + std::to_string(v.width) + "x" + std::to_string(v.height) +
+              ",CODECS=\"avc1.64001f,mp4a.40.2\"\n" + name + "/index.m3u8\n";
+  }
+  return WriteText(folder / "master.m3u8", master);
+}
+
 Status SampleGenerator::Generate(const std::filesystem::path& dataDir, int64_t nowMs,
                                  nlohmann::json* seed) {
   const auto media = dataDir / "media";
@@ -107,11 +306,15 @@ Status SampleGenerator::Generate(const std::filesystem::path& dataDir, int64_t n
                                     {"files/morning-news-3.mp4", 384 * 1024},
                                     {"files/archive-1.mp4", 200 * 1024},
                                     {"files/welcome.mp4", 192 * 1024}};
+  // One clip (ffmpeg takes a moment to start) serves every sample file.
+  Status made = MakeDirs(media / "files");
+  if (!made.ok()) return made;
+  const std::string clip = MakeClip(media / "files" / ".sample-clip.mp4", 440);
   for (const auto& f : kFiles) {
-    Status s = WriteMediaFile(media / f.path, f.path, f.size);
+    Status s = WritePaddedClip(media / f.path, clip, f.path, f.size);
     if (!s.ok()) return s;
   }
-  Status s = WriteHlsLadder(media / "hls" / "feature", DefaultLadder(), 4);
+  Status s = WritePlayableHlsLadder(media / "hls" / "feature", DefaultLadder(), 4);
   if (!s.ok()) return s;
 
   // Items are spread over the last hours, oldest first, in whole seconds.

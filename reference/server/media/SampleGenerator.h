@@ -3,7 +3,10 @@
 // a seed that publishes them in feeds for a demo account.
 //
 // The bytes are deterministic (the same name always gives the same content); only
-// the items' creation times follow the clock. Stateless and thread-compatible.
+// the items' creation times follow the clock. The sample files and the sample
+// HLS ladder play: ffmpeg makes them when it is installed (synthetic stand-ins
+// otherwise).
+// Stateless and thread-compatible.
 #pragma once
 
 #include <cstdint>
@@ -34,11 +37,29 @@ class SampleGenerator {
   static Status WriteMediaFile(const std::filesystem::path& file, const std::string& name,
                                uint64_t size);
 
+  // Writes a playable MP4 of exactly `size` bytes to `file`: a two-second clip
+  // (test picture and tone) made by ffmpeg with its index first, followed by a
+  // "free" box up to `size`. The same name gives the same bytes with one ffmpeg
+  // version. Without ffmpeg (or when `size` is too small for the clip) it
+  // writes what WriteMediaFile writes instead.
+  static Status WritePlayableMp4(const std::filesystem::path& file, const std::string& name,
+                                 uint64_t size);
+  // `clip` (an MP4 file's bytes) followed by a "free" box up to `size`; the
+  // synthetic stand-in when `clip` is empty or does not fit.
+  static Status WritePaddedClip(const std::filesystem::path& file, const std::string& clip,
+                                const std::string& name, uint64_t size);
+
   // Writes an HLS ladder into `folder`: master.m3u8 naming one media playlist per
   // variant, each with an initialisation section (#EXT-X-MAP), `segments` segments of
   // two seconds and #EXT-X-ENDLIST.
   static Status WriteHlsLadder(const std::filesystem::path& folder,
                                const std::vector<HlsVariant>& variants, int segments);
+
+  // The same ladder made by ffmpeg (H.264 and AAC in fragmented MP4, a test
+  // picture at each variant's size), so that it plays; WriteHlsLadder's
+  // synthetic one when ffmpeg is missing or fails.
+  static Status WritePlayableHlsLadder(const std::filesystem::path& folder,
+                                       const std::vector<HlsVariant>& variants, int segments);
 
   // Three variants of rising bandwidth.
   static std::vector<HlsVariant> DefaultLadder();
