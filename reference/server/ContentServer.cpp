@@ -1,10 +1,12 @@
 #include "reference/server/ContentServer.h"
 
-#include <httplib.h>
 #include <spdlog/spdlog.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <chrono>
-#include <fstream>
+
+#include <algorithm>
 
 #include "reference/server/admin/AdminApi.h"
 #include "reference/server/admin/ConsoleStore.h"
@@ -17,37 +19,15 @@ namespace zolvani::refserver {
 
 namespace {
 
-void SendJson(httplib::Response& res, int status, const nlohmann::json& body) {
+void SendJson(Response& res, int status, const nlohmann::json& body) {
   res.status = status;
-  res.set_content(body.dump(), "application/json");
+  res.SetContent(body.dump(), "application/json");
 }
 
 // A refusal in the protocol's reply form.
-void SendRefusal(httplib::Response& res, int status, const std::string& reason) {
+void SendRefusal(Response& res, int status, const std::string& reason) {
   SendJson(res, status,
            {{"response_header", {{"response_code", status}, {"response_string", reason}}}});
-}
-
-// Streams [first, first + length) of `path`.
-void ProvideFileRange(httplib::Response& res, const std::filesystem::path& path, uint64_t first,
-                      uint64_t length, const std::string& contentType) {
-  if (length == 0) {
-    res.set_content("", contentType);
-    return;
-  }
-  auto in = std::make_shared<std::ifstream>(path, std::ios::binary);
-  res.set_content_provider(static_cast<size_t>(length), contentType,
-                           [in, first](size_t offset, size_t want, httplib::DataSink& sink) {
-                             char buffer[64 * 1024];
-                             const size_t chunk = std::min(want, sizeof(buffer));
-                             in->clear();
-                             in->seekg(static_cast<std::streamoff>(first + offset));
-                             in->read(buffer, static_cast<std::streamsize>(chunk));
-                             const auto got = in->gcount();
-                             if (got <= 0)
-                               return false;  // the file shrank under us: end the connection
-                             return sink.write(buffer, static_cast<size_t>(got));
-                           });
 }
 
 }  // namespace
@@ -61,11 +41,19 @@ int64_t ContentServer::WallClockMs() {
 Status ContentServer::Create(ServerOptions options, std::unique_ptr<ContentServer>* server) {
   if (options.dataDir.empty()) return Status::InvalidArgument("a data folder is required");
   if (options.port < 0 || options.port > 65535) return Status::InvalidArgument("bad port");
-  if (options.threads < 1) options.threads = 1;
-  options.limits.warmThreads = options.threads;
+  // Connections cost no thread; these few threads serve every one of them.
+  options.threads = std::clamp(options.threads, 1, 48);
+  options.ioThreads = std::clamp(options.ioThreads, 1, 8);
   if (options.limits.maxConnections < 1) options.limits.maxConnections = 1;
   if (options.limits.maxConnectionsPerAddress < 1) options.limits.maxConnectionsPerAddress = 1;
   if (!options.clockMs) options.clockMs = &ContentServer::WallClockMs;
+  for (const auto& proxy : options.trustedProxies) {
+    unsigned char address[sizeof(in6_addr)];
+    if (::inet_pton(AF_INET, proxy.c_str(), address) != 1 &&
+        ::inet_pton(AF_INET6, proxy.c_str(), address) != 1) {
+      return Status::InvalidArgument("trusted proxy \"" + proxy + "\" is not an IP address");
+    }
+  }
   std::unique_ptr<SqliteStore> store;
   Status s = SqliteStore::Open(options.dataDir, &store);
   if (!s.ok()) return s;
@@ -86,15 +74,21 @@ ContentServer::ContentServer(ServerOptions options, std::unique_ptr<Store> store
       sessions_(options_.consoleSessions),
       media_(std::make_unique<MediaLibrary>(options_.dataDir / "media")),
       protocol_(std::make_unique<ProtocolHandler>(store_.get(), options_.freshnessWindowSeconds,
-                                                  options_.clockMs)),
-      http_(std::make_unique<GuardedServer>(options_.limits)) {
+                                                  options_.clockMs)) {
   if (consoleStore_) {
     admin_ = std::make_unique<AdminApi>(store_.get(), consoleStore_.get(), &sessions_, &figures_,
                                         media_->root(), options_.clockMs);
     consoleSite_ = std::make_unique<ConsoleSite>(admin_.get(), &figures_, options_.clockMs,
-                                                 options_.consoleFromAnywhere);
+                                                 options_.consoleFromAnywhere,
+                                                 options_.consolePort.has_value());
   }
-  InstallRoutes();
+  HttpServerOptions http;
+  http.limits = options_.limits;
+  http.ioThreads = options_.ioThreads;
+  http.handlerThreads = options_.threads;
+  http.trustedProxies = options_.trustedProxies;
+  http_ = std::make_unique<HttpServer>(std::move(http), MakeRoutes());
+  http_->SetRefusalWriter(&SendRefusal);
 }
 
 ContentServer::~ContentServer() { Stop(); }
@@ -107,50 +101,24 @@ std::string ContentServer::url() const {
          std::to_string(port_.load());
 }
 
-void ContentServer::InstallRoutes() {
-  http_->SetRefusalWriter(&SendRefusal);
-  http_->set_exception_handler(
-      [](const httplib::Request& req, httplib::Response& res, std::exception_ptr ep) {
-        std::string what = "unknown";
-        try {
-          if (ep) std::rethrow_exception(ep);
-        } catch (const std::exception& e) {
-          what = e.what();
-        } catch (...) {
-        }
-        spdlog::error("{} {} failed: {}", req.method, req.path, what);
-        SendRefusal(res, 500, "Internal server error");
-      });
-
+Router ContentServer::MakeRoutes() {
+  Router router;
   // The console's routes come first: the protocol's catch-all POST route below
   // would otherwise answer its changes.
-  if (consoleSite_) consoleSite_->Install(http_.get());
+  if (consoleSite_) consoleSite_->Install(&router);
 
-  // Endpoints may sit below a path prefix when the base URL has one. The body is
-  // read here, through the transport's limit, whatever its framing.
-  http_->Post(R"((.*)/Subscriptions/client/([^/?]+))", [this](
-                                                           const httplib::Request& req,
-                                                           httplib::Response& res,
-                                                           const httplib::ContentReader& reader) {
+  // Endpoints may sit below a path prefix when the base URL has one. The body has
+  // been read through the transport's limits, whatever its framing.
+  router.Post(R"((.*)/Subscriptions/client/([^/?]+))", [this](const Request& req, Response& res) {
     ProtocolRequest request;
-    request.endpoint = req.matches[2].str();
+    request.endpoint = req.matches[2];
     if (!ProtocolHandler::IsEndpoint(request.endpoint)) {
       figures_.Record("other", 404, 0, options_.clockMs());
       SendRefusal(res, 404, "Unknown endpoint");
       return;
     }
-    const int refusal = GuardedServer::ReadBody(reader, &request.body);
-    if (refusal == 413) {
-      SendRefusal(
-          res, 413,
-          "Request body larger than " + std::to_string(http_->limits().maxBodyBytes) + " bytes");
-      return;
-    }
-    if (refusal != 0) {
-      SendRefusal(res, refusal, refusal == 408 ? "Request timeout" : "Malformed request body");
-      return;
-    }
-    request.host = req.get_header_value("Host");
+    request.body = req.body;
+    request.host = req.header("Host");
     request.target = req.target;
     request.serverUrl = options_.publicUrl.empty() ? "http://" + request.host : options_.publicUrl;
     ProtocolReply reply = protocol_->Handle(request);
@@ -160,86 +128,101 @@ void ContentServer::InstallRoutes() {
       code = reply.body["response_header"].value("response_code", 0);
     }
     figures_.Record(request.endpoint, reply.httpStatus, code, options_.clockMs());
-    SendJson(res, reply.httpStatus, reply.body);
-  });
-  // Every other POST is answered without reading its body, so that the library
-  // never reads one past the limit.
-  http_->Post(".*", [](const httplib::Request&, httplib::Response& res,
-                       const httplib::ContentReader&) { SendRefusal(res, 404, "Not found"); });
-
-  http_->Get("/health", [](const httplib::Request&, httplib::Response& res) {
-    res.set_content("ok\n", "text/plain");
-  });
-
-  http_->Get(R"(/media/(.+))", [this](const httplib::Request& req, httplib::Response& res) {
-    MediaFile file;
-    if (!media_->Find(req.matches[1].str(), &file).ok()) {
-      figures_.Record("media", 404, 0, options_.clockMs());
-      res.status = 404;
-      res.set_content("not found\n", "text/plain");
+    if (reply.stream) {
+      res.status = reply.httpStatus;
+      res.ReplaceHeader("Content-Type", "application/json");
+      res.stream = [stream = std::move(reply.stream)](BodyWriter& writer) {
+        return stream([&writer](std::string_view bytes) { return writer.Write(bytes); });
+      };
+      res.failed = [](Response& error, const Status& s) {
+        spdlog::error("store failure: {}", s.ToString());
+        SendRefusal(error, 500, "Internal server error");
+      };
       return;
     }
-    res.set_header("Accept-Ranges", "bytes");
-    res.set_header("ETag", file.etag);
-    res.set_header("Last-Modified", file.lastModified);
-    // The transport hands Range over renamed, so that the library neither refuses
-    // what it cannot parse nor slices the reply itself.
-    const size_t ranges = req.get_header_value_count(GuardedServer::kRangeHeader);
+    SendJson(res, reply.httpStatus, reply.body);
+  });
+  // Every other POST is answered without reading its body, so that no body is
+  // read past the limit for nothing.
+  router.Post(
+      ".*", [](const Request&, Response& res) { SendRefusal(res, 404, "Not found"); }, false);
+
+  router.Get("/health",
+             [](const Request&, Response& res) { res.SetContent("ok\n", "text/plain"); });
+
+  router.Get(R"(/media/(.+))", [this](const Request& req, Response& res) {
+    MediaFile file;
+    if (!media_->Find(req.matches[1], &file).ok()) {
+      figures_.Record("media", 404, 0, options_.clockMs());
+      res.status = 404;
+      res.SetContent("not found\n", "text/plain");
+      return;
+    }
+    res.SetHeader("Accept-Ranges", "bytes");
+    res.SetHeader("ETag", file.etag);
+    res.SetHeader("Last-Modified", file.lastModified);
+    const size_t ranges = req.headerCount("Range");
     const bool hasRange = ranges > 0;
-    if (!hasRange && req.has_header("If-None-Match") &&
-        req.get_header_value("If-None-Match") == file.etag) {
+    if (!hasRange && req.hasHeader("If-None-Match") && req.header("If-None-Match") == file.etag) {
       res.status = 304;
       return;
     }
     RangeRequest range;
-    if (hasRange && (!req.has_header("If-Range") ||
-                     MediaLibrary::IfRangeMatches(req.get_header_value("If-Range"), file))) {
+    if (hasRange && (!req.hasHeader("If-Range") ||
+                     MediaLibrary::IfRangeMatches(req.header("If-Range"), file))) {
       // Several Range fields make an invalid header, which is ignored.
-      if (ranges == 1) {
-        range =
-            MediaLibrary::ParseRange(req.get_header_value(GuardedServer::kRangeHeader), file.size);
-      }
+      if (ranges == 1) range = MediaLibrary::ParseRange(req.header("Range"), file.size);
     }
     figures_.Record("media", range.kind == RangeRequest::Kind::kUnsatisfiable ? 416 : 200, 0,
                     options_.clockMs());
     switch (range.kind) {
       case RangeRequest::Kind::kUnsatisfiable:
         res.status = 416;
-        res.set_header("Content-Range", "bytes */" + std::to_string(file.size));
+        res.SetHeader("Content-Range", "bytes */" + std::to_string(file.size));
         return;
       case RangeRequest::Kind::kPartial: {
         res.status = 206;
         const uint64_t last = range.range.first + range.range.length - 1;
-        res.set_header("Content-Range", "bytes " + std::to_string(range.range.first) + "-" +
-                                            std::to_string(last) + "/" + std::to_string(file.size));
-        ProvideFileRange(res, file.path, range.range.first, range.range.length, file.contentType);
+        res.SetHeader("Content-Range", "bytes " + std::to_string(range.range.first) + "-" +
+                                           std::to_string(last) + "/" + std::to_string(file.size));
+        res.SetHeader("Content-Type", file.contentType);
+        res.file = Response::FileBody{file.path, range.range.first, range.range.length};
         return;
       }
       case RangeRequest::Kind::kWhole:
         res.status = 200;
-        ProvideFileRange(res, file.path, 0, file.size, file.contentType);
+        res.SetHeader("Content-Type", file.contentType);
+        res.file = Response::FileBody{file.path, 0, file.size};
         return;
     }
   });
+  return router;
 }
 
 Status ContentServer::Start() {
-  if (thread_.joinable()) return Status::InvalidArgument("already started");
+  if (started_) return Status::InvalidArgument("already started");
   int port = 0;
-  Status s = http_->Bind(options_.address, options_.port, &port);
+  Status s = http_->Listen(options_.address, options_.port, false, &port);
   if (!s.ok()) return s;
+  if (consoleSite_ && options_.consolePort) {
+    int consolePort = 0;
+    s = http_->Listen(options_.consoleAddress, *options_.consolePort, true, &consolePort);
+    if (!s.ok()) return s;
+    consolePort_ = consolePort;
+  }
+  s = http_->Start();
+  if (!s.ok()) return s;
+  started_ = true;
   port_ = port;
-  thread_ = std::thread([this] { http_->Serve(); });
-  // Stop() right after Start() must find the loop running, or it would miss it.
-  while (!http_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  spdlog::info("serving {} from {}", url(), options_.dataDir.string());
+  spdlog::info("serving {} from {} ({} threads)", url(), options_.dataDir.string(),
+               http_->threadCount());
   return Status::OK();
 }
 
 void ContentServer::Stop() {
-  if (!thread_.joinable()) return;
-  http_->Shutdown();
-  thread_.join();
+  if (!started_) return;
+  started_ = false;
+  http_->Stop();
 }
 
 }  // namespace zolvani::refserver

@@ -6,8 +6,8 @@
 // the console's figures.
 //
 // Start() and Stop() are meant for one controlling thread; requests are served on
-// the server's own pool of threads. The store is safe to use from other threads
-// while the server runs (for example to add items in a test).
+// the transport's few I/O threads and its pool of handler threads (http/HttpServer.h). The store is
+// safe to use from other threads while the server runs (for example to add items in a test).
 #pragma once
 
 #include <atomic>
@@ -15,13 +15,14 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
-#include <thread>
+#include <vector>
 
 #include "reference/server/Status.h"
 #include "reference/server/admin/ConsoleSessions.h"
 #include "reference/server/admin/TrafficFigures.h"
-#include "reference/server/http/GuardedServer.h"
+#include "reference/server/http/HttpServer.h"
 #include "reference/server/store/Store.h"
 
 namespace zolvani::refserver {
@@ -40,15 +41,24 @@ struct ServerOptions {
   // catalog. Empty: taken from the Host header of each request.
   std::string publicUrl;
   int64_t freshnessWindowSeconds = 300;
-  // Connection threads kept ready; more start on demand, one per open connection,
-  // up to limits.maxConnections.
-  int threads = 64;
-  ConnectionLimits limits;           // deadlines, connection caps, size limits
+  // Threads that run handlers, which may wait for the store; connections cost no
+  // thread of their own.
+  int threads = 8;
+  int ioThreads = 2;        // threads that run every connection's I/O
+  ConnectionLimits limits;  // deadlines, connection caps, size limits
+  // Balancers in front of this server: their connections are exempt from the
+  // per-address cap, their requests' client address is the last X-Forwarded-For
+  // entry, and the console refuses requests that came through them.
+  std::vector<std::string> trustedProxies;
   std::function<int64_t()> clockMs;  // milliseconds since 1970; wall clock when empty
   // The operator's console under /admin, answering loopback clients only unless
   // consoleFromAnywhere is set.
   bool console = true;
   bool consoleFromAnywhere = false;
+  // When consolePort is set (0: any free port, see consolePort()), the console is
+  // served on this listener of its own, and never on the public one.
+  std::string consoleAddress = "127.0.0.1";
+  std::optional<int> consolePort;
   SessionLimits consoleSessions;
 };
 
@@ -67,6 +77,8 @@ class ContentServer {
   void Stop();
 
   int port() const { return port_; }
+  // The console's own listener's port; 0 when it has none.
+  int consolePort() const { return consolePort_; }
   // "http://address:port" once started.
   std::string url() const;
   Store* store() { return store_.get(); }
@@ -80,7 +92,7 @@ class ContentServer {
  private:
   ContentServer(ServerOptions options, std::unique_ptr<Store> store,
                 std::unique_ptr<ConsoleStore> consoleStore);
-  void InstallRoutes();
+  Router MakeRoutes();
 
   ServerOptions options_;
   std::unique_ptr<Store> store_;
@@ -91,9 +103,10 @@ class ContentServer {
   std::unique_ptr<ConsoleSite> consoleSite_;
   std::unique_ptr<MediaLibrary> media_;
   std::unique_ptr<ProtocolHandler> protocol_;
-  std::unique_ptr<GuardedServer> http_;
-  std::thread thread_;
+  std::unique_ptr<HttpServer> http_;
+  bool started_ = false;
   std::atomic<int> port_{0};
+  std::atomic<int> consolePort_{0};
 };
 
 }  // namespace zolvani::refserver

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <iostream>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include <unistd.h>
 
@@ -69,7 +71,11 @@ struct ServeFlags {
   std::string seedFile;
   bool generate = false;
   std::string publicUrl;
-  int threads = 64;
+  int threads = 8;
+  int ioThreads = 2;
+  std::vector<std::string> trustedProxies;
+  std::string consoleAddress = "127.0.0.1";
+  int consolePort = -1;  // -1: the console shares the public listener
   ConnectionLimits limits;
   double headerTimeout = 5;
   double bodyTimeout = 10;
@@ -97,6 +103,10 @@ int Serve(const std::string& dataDir, const ServeFlags& flags) {
   options.port = flags.port;
   options.publicUrl = flags.publicUrl;
   options.threads = flags.threads;
+  options.ioThreads = flags.ioThreads;
+  options.trustedProxies = flags.trustedProxies;
+  options.consoleAddress = flags.consoleAddress;
+  if (flags.consolePort >= 0) options.consolePort = flags.consolePort;
   options.limits = flags.limits;
   options.limits.headerTimeout = Milliseconds(flags.headerTimeout);
   options.limits.bodyTimeout = Milliseconds(flags.bodyTimeout);
@@ -124,7 +134,10 @@ int Serve(const std::string& dataDir, const ServeFlags& flags) {
   if (options.console) {
     std::string hash;
     const bool ready = server->consoleStore()->PasswordHash(&hash).ok();
-    spdlog::info("console: {}/admin/{}", server->url(),
+    const std::string consoleUrl = options.consolePort ? "http://" + options.consoleAddress + ":" +
+                                                             std::to_string(server->consolePort())
+                                                       : server->url();
+    spdlog::info("console: {}/admin/{}", consoleUrl,
                  ready ? "" : " (no password yet: run zsm-server set-console-password)");
   }
   int received = 0;
@@ -204,9 +217,21 @@ int main(int argc, char** argv) {
                     "base URL devices use for media (default: each request's Host)");
   serve
       ->add_option("--threads", flags.threads,
-                   "connection threads kept ready (more start on demand)")
+                   "threads that run requests (at most 48; connections cost none)")
       ->capture_default_str()
       ->check(CLI::Range(1, 1024));
+  serve->add_option("--io-threads", flags.ioThreads, "threads that run every connection's I/O")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 8));
+  serve->add_option("--trusted-proxy", flags.trustedProxies,
+                    "address of a balancer in front (repeatable): exempt from the per-address "
+                    "cap, client address taken from X-Forwarded-For, console refused through it");
+  serve
+      ->add_option("--console-port", flags.consolePort,
+                   "serve the console on this port only (0: a free one), not on --port")
+      ->check(CLI::Range(0, 65535));
+  serve->add_option("--console-address", flags.consoleAddress, "address of the console's listener")
+      ->capture_default_str();
   serve
       ->add_option("--max-connections", flags.limits.maxConnections,
                    "open connections in all; more are refused with 503")

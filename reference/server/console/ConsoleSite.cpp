@@ -6,21 +6,21 @@ namespace zolvani::refserver {
 
 namespace {
 
-void SendError(httplib::Response& res, int status, const std::string& message) {
+void SendError(Response& res, int status, const std::string& message) {
   res.status = status;
-  res.set_header("Cache-Control", "no-store");
-  res.set_content(nlohmann::json{{"error", message}}.dump(), "application/json");
+  res.SetHeader("Cache-Control", "no-store");
+  res.SetContent(nlohmann::json{{"error", message}}.dump(), "application/json");
 }
 
 // Pages take scripts, styles and data from this server only, and may not be
 // framed by another site (which could trick a click).
-void SetPageHeaders(httplib::Response& res) {
-  res.set_header("Content-Security-Policy",
-                 "default-src 'self'; img-src 'self' data:; frame-ancestors 'none'; "
-                 "base-uri 'none'; form-action 'self'");
-  res.set_header("X-Content-Type-Options", "nosniff");
-  res.set_header("X-Frame-Options", "DENY");
-  res.set_header("Referrer-Policy", "same-origin");
+void SetPageHeaders(Response& res) {
+  res.SetHeader("Content-Security-Policy",
+                "default-src 'self'; img-src 'self' data:; frame-ancestors 'none'; "
+                "base-uri 'none'; form-action 'self'");
+  res.SetHeader("X-Content-Type-Options", "nosniff");
+  res.SetHeader("X-Frame-Options", "DENY");
+  res.SetHeader("Referrer-Policy", "same-origin");
 }
 
 }  // namespace
@@ -29,76 +29,76 @@ bool ConsoleSite::IsLoopback(const std::string& address) {
   return address.rfind("127.", 0) == 0 || address == "::1" || address.rfind("::ffff:127.", 0) == 0;
 }
 
-bool ConsoleSite::Admitted(const httplib::Request& req, httplib::Response& res) {
-  if (fromAnywhere_ || IsLoopback(req.remote_addr)) return true;
+bool ConsoleSite::Admitted(const Request& req, Response& res) {
+  if (ownListener_ && !req.onConsoleListener) {
+    // The public listener does not know the console at all.
+    res.status = 404;
+    res.SetContent("not found\n", "text/plain");
+    return false;
+  }
+  if (req.viaTrustedProxy) {
+    SendError(res, 403, "the console does not answer through a proxy");
+    figures_->Record("console", 403, 0, clockMs_());
+    return false;
+  }
+  if (fromAnywhere_ || IsLoopback(req.remoteAddr)) return true;
   SendError(res, 403, "the console answers on the loopback interface only");
   figures_->Record("console", 403, 0, clockMs_());
   return false;
 }
 
-void ConsoleSite::ServeAsset(const std::string& path, httplib::Response& res) {
+void ConsoleSite::ServeAsset(const std::string& path, Response& res) {
   const ConsoleAsset* asset = FindConsoleAsset(path.empty() ? "index.html" : path);
   SetPageHeaders(res);
   if (asset == nullptr) {
     res.status = 404;
-    res.set_content("not found\n", "text/plain");
+    res.SetContent("not found\n", "text/plain");
     return;
   }
-  res.set_header("Cache-Control", "no-cache");
-  res.set_content(asset->body.data(), asset->body.size(), std::string(asset->contentType));
+  res.SetHeader("Cache-Control", "no-cache");
+  res.SetContent(std::string(asset->body.data(), asset->body.size()),
+                 std::string(asset->contentType));
 }
 
-void ConsoleSite::ServeApi(const httplib::Request& req, httplib::Response& res,
-                           const std::string& body) {
+void ConsoleSite::ServeApi(const Request& req, Response& res) {
   AdminRequest request;
   request.method = req.method;
-  request.route = req.matches[1].str();
+  request.route = req.matches[1];
   for (const auto& [name, value] : req.params) request.query.emplace(name, value);
-  request.cookie = req.get_header_value("Cookie");
-  request.csrf = req.get_header_value(AdminApi::kCsrfHeader);
-  request.origin = req.get_header_value("Origin");
-  request.host = req.get_header_value("Host");
-  request.peer = req.remote_addr;
-  request.body = body;
+  request.cookie = req.header("Cookie");
+  request.csrf = req.header(AdminApi::kCsrfHeader);
+  request.origin = req.header("Origin");
+  request.host = req.header("Host");
+  request.peer = req.remoteAddr;
+  request.body = req.body;
   AdminReply reply = api_->Handle(request);
-  for (const auto& cookie : reply.setCookies) res.set_header("Set-Cookie", cookie);
+  for (const auto& cookie : reply.setCookies) res.SetHeader("Set-Cookie", cookie);
   res.status = reply.status;
-  res.set_header("Cache-Control", "no-store");
+  res.SetHeader("Cache-Control", "no-store");
   SetPageHeaders(res);
-  res.set_content(reply.body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace),
-                  "application/json");
+  res.SetContent(reply.body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace),
+                 "application/json");
   figures_->Record("console", reply.status, 0, clockMs_());
 }
 
-void ConsoleSite::Install(GuardedServer* http) {
-  http->Get("/admin", [this](const httplib::Request& req, httplib::Response& res) {
+void ConsoleSite::Install(Router* router) {
+  router->Get("/admin", [this](const Request& req, Response& res) {
     if (!Admitted(req, res)) return;
-    res.set_redirect("/admin/");
+    res.SetRedirect("/admin/");
   });
-  http->Get(R"(/admin/api/([a-z/]+))", [this](const httplib::Request& req, httplib::Response& res) {
+  router->Get(R"(/admin/api/([a-z/]+))", [this](const Request& req, Response& res) {
     if (!Admitted(req, res)) return;
-    ServeApi(req, res, "");
+    ServeApi(req, res);
   });
-  http->Post(R"(/admin/api/([a-z/]+))", [this, http](const httplib::Request& req,
-                                                     httplib::Response& res,
-                                                     const httplib::ContentReader& reader) {
+  // The transport has read the body within its limits, or refused the request.
+  router->Post(R"(/admin/api/([a-z/]+))", [this](const Request& req, Response& res) {
     if (!Admitted(req, res)) return;
-    std::string body;
-    const int refusal = GuardedServer::ReadBody(reader, &body);
-    if (refusal != 0) {
-      SendError(res, refusal,
-                refusal == 413
-                    ? "body larger than " + std::to_string(http->limits().maxBodyBytes) + " bytes"
-                    : "malformed or late body");
-      return;
-    }
-    ServeApi(req, res, body);
+    ServeApi(req, res);
   });
-  http->Get(R"(/admin/([A-Za-z0-9_./-]*))",
-            [this](const httplib::Request& req, httplib::Response& res) {
-              if (!Admitted(req, res)) return;
-              ServeAsset(req.matches[1].str(), res);
-            });
+  router->Get(R"(/admin/([A-Za-z0-9_./-]*))", [this](const Request& req, Response& res) {
+    if (!Admitted(req, res)) return;
+    ServeAsset(req.matches[1], res);
+  });
 }
 
 }  // namespace zolvani::refserver

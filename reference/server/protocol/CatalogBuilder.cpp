@@ -72,6 +72,73 @@ nlohmann::json CatalogBuilder::Build(const CatalogSnapshot& snapshot, int64_t no
           {"last_updated", LastUpdatedMs(snapshot.newestItemMs, nowMs)}};
 }
 
+Status CatalogWriter::Put(std::string_view text) {
+  return write_(text) ? Status::OK() : Status::IOError("the catalog's reader is gone");
+}
+
+Status CatalogWriter::Begin(const std::vector<std::string>& subscriptions,
+                            const std::map<std::string, FeedRules>& rules, int64_t newestItemMs) {
+  subscriptions_ = subscriptions;
+  rules_ = rules;
+  newestItemMs_ = newestItemMs;
+  // Members come in the order the whole-object form sorts them into.
+  return Put("{\"collections\":[");
+}
+
+Status CatalogWriter::CloseFeed() {
+  if (feedTail_.empty()) return Status::OK();
+  Status s = Put(feedTail_);
+  feedTail_.clear();
+  return s;
+}
+
+Status CatalogWriter::BeginFeed(const Feed& feed) {
+  Status s = CloseFeed();
+  if (!s.ok()) return s;
+  feedTail_ = "],\"remoteUUID\":" + nlohmann::json(feed.id).dump() +
+              ",\"subscribable\":" + (feed.subscribable ? "true" : "false") +
+              ",\"title\":" + nlohmann::json(feed.title).dump() + "}";
+  s = Put(anyFeed_ ? ",{\"contentItems\":[" : "{\"contentItems\":[");
+  anyFeed_ = true;
+  firstItem_ = true;
+  return s;
+}
+
+Status CatalogWriter::FeedItem(const Item& item) {
+  std::string text = firstItem_ ? "" : ",";
+  firstItem_ = false;
+  text += builder_.ItemObject(item).dump();
+  return Put(text);
+}
+
+Status CatalogWriter::DirectItem(const Item& item) {
+  if (!inDirect_) {
+    Status s = CloseFeed();
+    if (s.ok()) s = Put("],\"contentItems\":[");
+    if (!s.ok()) return s;
+    inDirect_ = true;
+    firstItem_ = true;
+  }
+  return FeedItem(item);
+}
+
+Status CatalogWriter::Finish() {
+  if (!inDirect_) {
+    Status s = CloseFeed();
+    if (s.ok()) s = Put("],\"contentItems\":[");
+    if (!s.ok()) return s;
+    inDirect_ = true;
+  }
+  nlohmann::json rules = nlohmann::json::object();
+  for (const auto& [feed, r] : rules_) rules[feed] = RulesObject(r);
+  const std::string tail =
+      "],\"last_updated\":" + std::to_string(CatalogBuilder::LastUpdatedMs(newestItemMs_, nowMs_)) +
+      ",\"response_header\":{\"response_code\":0,\"response_string\":\"OK\"}" +
+      ",\"subscription_rules\":" + rules.dump() +
+      ",\"subscriptions\":" + nlohmann::json(subscriptions_).dump() + "}";
+  return Put(tail);
+}
+
 int64_t CatalogBuilder::LastUpdatedMs(int64_t newestItemMs, int64_t nowMs) {
   const int64_t basis = newestItemMs > 0 ? std::min(newestItemMs, nowMs) : nowMs;
   const int64_t wholeSecond = basis - (basis % 1000 + 1000) % 1000;

@@ -327,10 +327,19 @@ ProtocolReply ProtocolHandler::Catalog(const json& body, const RequestHeader& he
       subscribedOnly = s->get<bool>();
     }
   }
-  CatalogSnapshot snapshot;
-  Status s = store_->ReadCatalog(header.userId, header.deviceId, since, subscribedOnly, &snapshot);
-  if (!s.ok()) return InternalError(s);
-  return Ok(CatalogBuilder(serverUrl).Build(snapshot, nowMs));
+  // The catalog is written while the store reads it: a first sync of a large store
+  // never sits in memory whole.
+  ProtocolReply reply = Ok();
+  reply.stream = [store = store_, user = header.userId, device = header.deviceId, since,
+                  subscribedOnly, serverUrl,
+                  nowMs](const std::function<bool(std::string_view)>& write) {
+    const CatalogBuilder builder(serverUrl);
+    CatalogWriter writer(builder, nowMs, write);
+    Status s = store->StreamCatalog(user, device, since, subscribedOnly, &writer);
+    if (s.ok()) s = writer.Finish();
+    return s;
+  };
+  return reply;
 }
 
 }  // namespace zolvani::refserver

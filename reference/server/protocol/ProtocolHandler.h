@@ -10,6 +10,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include <nlohmann/json.hpp>
@@ -39,8 +40,15 @@ struct ProtocolRequest {
 };
 
 struct ProtocolReply {
+  ProtocolReply(int status = 200, nlohmann::json json = nlohmann::json())
+      : httpStatus(status), body(std::move(json)) {}
+
   int httpStatus = 200;
   nlohmann::json body;
+  // Set for a reply too large to hold whole (a catalog): writes the body's JSON
+  // text through `write` while the store reads it; `body` then holds only the
+  // "response_header". `write` returns false when the client is gone.
+  std::function<Status(const std::function<bool(std::string_view)>& write)> stream;
 };
 
 class ProtocolHandler {

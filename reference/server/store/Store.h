@@ -104,6 +104,23 @@ struct CatalogSnapshot {
   int64_t newestItemMs = 0;  // newest creation time in the store; 0 if none
 };
 
+// Receives one device's catalog as a store reads it, inside one read transaction,
+// so that a reply can be written while it is read instead of held whole. Calls
+// come in this order: Begin once; for each selected feed BeginFeed, then its new
+// items oldest first through FeedItem; then the direct items oldest first. A call
+// that returns an error ends the read, and the store returns that error.
+class CatalogSink {
+ public:
+  virtual ~CatalogSink() = default;
+  // `subscriptions` sorted; `rules` for each subscribed feed; `newestItemMs` the
+  // newest creation time in the store (0 if none).
+  virtual Status Begin(const std::vector<std::string>& subscriptions,
+                       const std::map<std::string, FeedRules>& rules, int64_t newestItemMs) = 0;
+  virtual Status BeginFeed(const Feed& feed) = 0;
+  virtual Status FeedItem(const Item& item) = 0;
+  virtual Status DirectItem(const Item& item) = 0;
+};
+
 class Store {
  public:
   virtual ~Store() = default;
@@ -166,6 +183,28 @@ class Store {
   virtual Status ReadCatalog(const std::string& user, const std::string& device,
                              std::optional<int64_t> sinceMs, bool subscribedOnly,
                              CatalogSnapshot* snapshot) = 0;
+
+  // The same catalog as ReadCatalog, handed to `sink` piece by piece as it is read.
+  // This default reads the whole snapshot first; stores override it to hold no more
+  // than one item at a time.
+  virtual Status StreamCatalog(const std::string& user, const std::string& device,
+                               std::optional<int64_t> sinceMs, bool subscribedOnly,
+                               CatalogSink* sink) {
+    CatalogSnapshot snapshot;
+    Status s = ReadCatalog(user, device, sinceMs, subscribedOnly, &snapshot);
+    if (!s.ok()) return s;
+    s = sink->Begin(snapshot.subscriptions, snapshot.rules, snapshot.newestItemMs);
+    for (const auto& [feed, items] : snapshot.feeds) {
+      if (s.ok()) s = sink->BeginFeed(feed);
+      for (const auto& item : items) {
+        if (s.ok()) s = sink->FeedItem(item);
+      }
+    }
+    for (const auto& item : snapshot.directItems) {
+      if (s.ok()) s = sink->DirectItem(item);
+    }
+    return s;
+  }
 
   // Administration listings, each read in one transaction. Items are newest first,
   // at most `limit`; `feed` or `user` filters them when not empty.

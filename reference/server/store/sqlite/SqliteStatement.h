@@ -55,6 +55,7 @@ class Statement {
   }
   int64_t Int(int column) const { return sqlite3_column_int64(stmt_, column); }
   sqlite3* db() const { return db_; }
+  sqlite3_stmt* handle() const { return stmt_; }
   Status Error(const char* what) const {
     return Status::IOError(std::string(what) + ": " + sqlite3_errmsg(db_));
   }

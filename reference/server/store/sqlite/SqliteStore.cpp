@@ -29,8 +29,15 @@ CREATE TABLE IF NOT EXISTS feeds (
 CREATE TABLE IF NOT EXISTS items (
   uuid TEXT PRIMARY KEY, feed TEXT, user TEXT, created_ms INTEGER NOT NULL,
   media_path TEXT NOT NULL, metadata TEXT NOT NULL);
-CREATE INDEX IF NOT EXISTS items_by_feed ON items (feed, created_ms);
+-- Catalogs read a feed's items, and an account's direct items, after a time in
+-- (created_ms, uuid) order; with uuid in the index no sort is needed. The newest
+-- creation time, which every catalog reports, comes from items_by_created.
+DROP INDEX IF EXISTS items_by_feed;
+CREATE INDEX IF NOT EXISTS items_by_feed_time ON items (feed, created_ms, uuid);
 CREATE INDEX IF NOT EXISTS items_by_user ON items (user, created_ms);
+CREATE INDEX IF NOT EXISTS items_direct_by_user ON items (user, created_ms, uuid)
+  WHERE feed IS NULL;
+CREATE INDEX IF NOT EXISTS items_by_created ON items (created_ms);
 CREATE TABLE IF NOT EXISTS subscriptions (
   user TEXT NOT NULL, device TEXT NOT NULL, feed TEXT NOT NULL,
   PRIMARY KEY (user, device, feed));
@@ -42,6 +49,8 @@ CREATE TABLE IF NOT EXISTS pushes (
   id INTEGER PRIMARY KEY AUTOINCREMENT, user TEXT NOT NULL, device TEXT NOT NULL,
   service TEXT NOT NULL, token TEXT NOT NULL, item_uuid TEXT NOT NULL, feed TEXT NOT NULL,
   created_ms INTEGER NOT NULL, delivered INTEGER NOT NULL DEFAULT 0);
+CREATE INDEX IF NOT EXISTS pushes_by_device ON pushes (user, device, delivered);
+CREATE INDEX IF NOT EXISTS pushes_by_item ON pushes (item_uuid);
 -- Accounts that may publish into a feed through the protocol; feed '' (never a
 -- feed's identifier) grants every feed.
 CREATE TABLE IF NOT EXISTS publishers (
@@ -49,18 +58,18 @@ CREATE TABLE IF NOT EXISTS publishers (
 PRAGMA user_version = 2;
 )sql";
 
-Item ReadItem(const Statement& row) {
-  // Columns: uuid, feed, user, created_ms, media_path, metadata.
+Item ReadItem(const Statement& row, int first = 0) {
+  // Columns from `first` on: uuid, feed, user, created_ms, media_path, metadata.
   Item item;
-  item.uuid = row.Text(0);
-  item.feed = row.Text(1);
-  item.user = row.Text(2);
-  item.createdMs = row.Int(3);
-  item.mediaPath = row.Text(4);
+  item.uuid = row.Text(first);
+  item.feed = row.Text(first + 1);
+  item.user = row.Text(first + 2);
+  item.createdMs = row.Int(first + 3);
+  item.mediaPath = row.Text(first + 4);
   // The store writes only serialised objects within JsonLimits here; a row written
   // before the limits existed is trimmed, so that no catalog carries it.
   bool trimmed = false;
-  item.metadata = JsonLimits::ParseStoredMetadata(row.Text(5), &trimmed);
+  item.metadata = JsonLimits::ParseStoredMetadata(row.Text(first + 5), &trimmed);
   if (trimmed) {
     static std::mutex reportedMutex;
     static std::set<std::string> reported;
@@ -72,6 +81,40 @@ Item ReadItem(const Statement& row) {
   }
   return item;
 }
+
+// The reads of a catalog, all in one read transaction.
+constexpr const char* kCatalogSubscriptions =
+    "SELECT s.feed, COALESCE(r.max_assets, f.max_assets), "
+    "COALESCE(r.auto_delete, f.auto_delete), COALESCE(r.max_bitrate, f.max_bitrate) "
+    "FROM subscriptions s JOIN feeds f ON f.id = s.feed LEFT JOIN rules r ON "
+    "r.user = s.user AND r.device = s.device AND r.feed = s.feed "
+    "WHERE s.user = ?1 AND s.device = ?2 ORDER BY s.feed";
+constexpr const char* kNewestItem = "SELECT COALESCE(MAX(created_ms), 0) FROM items";
+// The subscribed feeds and their items after a time, in one query: a feed with no
+// new items comes as one row of NULL item columns.
+constexpr const char* kCatalogSubscribedItems =
+    "SELECT f.id, f.title, f.subscribable, i.uuid, i.feed, i.user, i.created_ms, i.media_path, "
+    "i.metadata FROM subscriptions s JOIN feeds f ON f.id = s.feed "
+    "LEFT JOIN items i ON i.feed = s.feed AND i.created_ms > ?3 "
+    "WHERE s.user = ?1 AND s.device = ?2 ORDER BY s.feed, i.created_ms, i.uuid";
+// Every feed, then each one's items after a time. (As one join, SQLite sorts each
+// feed's items in memory; feed by feed, the index gives them in order.)
+constexpr const char* kCatalogAllFeeds = "SELECT id, title, subscribable FROM feeds ORDER BY id";
+constexpr const char* kCatalogFeedItems =
+    "SELECT uuid, feed, user, created_ms, media_path, metadata FROM items "
+    "WHERE feed = ?1 AND created_ms > ?2 ORDER BY created_ms, uuid";
+constexpr const char* kCatalogDirectItems =
+    "SELECT uuid, feed, user, created_ms, media_path, metadata FROM items "
+    "WHERE feed IS NULL AND user = ?1 AND created_ms > ?2 ORDER BY created_ms, uuid";
+constexpr const char* kFindAccount =
+    "SELECT user, public_key, secret FROM accounts WHERE user = ?1";
+constexpr const char* kListSubscriptions =
+    "SELECT feed FROM subscriptions WHERE user = ?1 AND device = ?2 ORDER BY feed";
+
+// Reading connections opened with the store; more are opened while every one is
+// busy (a catalog holds its connection while the reply is sent), up to the most.
+constexpr int kReaders = 2;
+constexpr size_t kMostReaders = 64;
 
 constexpr const char* kInsertPush =
     "INSERT INTO pushes (user, device, service, token, item_uuid, feed, created_ms) "
@@ -100,11 +143,60 @@ Status SqliteStore::Open(const std::filesystem::path& dataDir,
   std::unique_ptr<SqliteStore> opened(new SqliteStore(db));
   Status s = opened->InitSchema();
   if (!s.ok()) return s;
+  opened->dataDir_ = dataDir;
+  s = opened->OpenReaders(kReaders);
+  if (!s.ok()) return s;
   *store = std::move(opened);
   return Status::OK();
 }
 
-SqliteStore::~SqliteStore() { sqlite3_close(db_); }
+SqliteStore::~SqliteStore() {
+  for (sqlite3* reader : readers_) sqlite3_close(reader);
+  sqlite3_close(db_);
+}
+
+// With readersMutex_ held, or before the store is shared.
+Status SqliteStore::OpenReaders(int count) {
+  for (int i = 0; i < count; ++i) {
+    sqlite3* reader = nullptr;
+    Status s = OpenDatabase(dataDir_, "server.sqlite", &reader);
+    if (!s.ok()) return s;
+    // A reading connection never changes the database, whatever it is asked.
+    s = Exec(reader, "PRAGMA query_only = 1");
+    if (!s.ok()) {
+      sqlite3_close(reader);
+      return s;
+    }
+    readers_.push_back(reader);
+    idleReaders_.push_back(reader);
+  }
+  return Status::OK();
+}
+
+SqliteStore::ReaderLease::ReaderLease(SqliteStore* store) : store_(store) {
+  std::unique_lock lock(store_->readersMutex_);
+  if (store_->idleReaders_.empty() && store_->readers_.size() < kMostReaders) {
+    Status s = store_->OpenReaders(1);
+    if (!s.ok()) spdlog::warn("cannot open another reading connection: {}", s.ToString());
+  }
+  store_->readerFree_.wait(lock, [this] { return !store_->idleReaders_.empty(); });
+  db_ = store_->idleReaders_.back();
+  store_->idleReaders_.pop_back();
+}
+
+SqliteStore::ReaderLease::~ReaderLease() {
+  {
+    std::lock_guard lock(store_->readersMutex_);
+    store_->idleReaders_.push_back(db_);
+  }
+  store_->readerFree_.notify_one();
+}
+
+std::vector<const char*> SqliteStore::RequestPathStatements() {
+  return {kFindAccount,      kListSubscriptions,      kCatalogSubscriptions,
+          kNewestItem,       kCatalogSubscribedItems, kCatalogAllFeeds,
+          kCatalogFeedItems, kCatalogDirectItems};
+}
 
 Status SqliteStore::InitSchema() {
   Status s = Exec(db_, "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;");
@@ -123,8 +215,8 @@ Status SqliteStore::AddAccount(const Account& account) {
 }
 
 Status SqliteStore::FindAccount(const std::string& user, Account* account) {
-  std::lock_guard lock(mutex_);
-  Statement st(db_, "SELECT user, public_key, secret FROM accounts WHERE user = ?1");
+  ReaderLease reader(this);
+  Statement st(reader.db(), kFindAccount);
   if (!st.prepared()) return st.Error("find account");
   st.Bind(1, user);
   const int rc = st.Step();
@@ -197,8 +289,8 @@ Status FindFeedLocked(sqlite3* db, const std::string& id, Feed* feed) {
 }  // namespace
 
 Status SqliteStore::FindFeed(const std::string& id, Feed* feed) {
-  std::lock_guard lock(mutex_);
-  return FindFeedLocked(db_, id, feed);
+  ReaderLease reader(this);
+  return FindFeedLocked(reader.db(), id, feed);
 }
 
 Status SqliteStore::AddItem(const Item& item, int64_t nowMs, std::vector<PushNotice>* notices,
@@ -421,8 +513,8 @@ Status SqliteStore::Unsubscribe(const std::string& user, const std::string& devi
 
 Status SqliteStore::Subscriptions(const std::string& user, const std::string& device,
                                   std::vector<std::string>* feeds) {
-  std::lock_guard lock(mutex_);
-  Statement st(db_, "SELECT feed FROM subscriptions WHERE user = ?1 AND device = ?2 ORDER BY feed");
+  ReaderLease reader(this);
+  Statement st(reader.db(), kListSubscriptions);
   if (!st.prepared()) return st.Error("list subscriptions");
   st.Bind(1, user).Bind(2, device);
   feeds->clear();
@@ -451,84 +543,140 @@ Status SqliteStore::SetRules(const std::string& user, const std::string& device,
   return Run(st, "set rules");
 }
 
+namespace {
+
+// Gathers what StreamCatalog hands out into a snapshot.
+class SnapshotSink final : public CatalogSink {
+ public:
+  explicit SnapshotSink(CatalogSnapshot* snapshot) : snapshot_(snapshot) {}
+  Status Begin(const std::vector<std::string>& subscriptions,
+               const std::map<std::string, FeedRules>& rules, int64_t newestItemMs) override {
+    snapshot_->subscriptions = subscriptions;
+    snapshot_->rules = rules;
+    snapshot_->newestItemMs = newestItemMs;
+    return Status::OK();
+  }
+  Status BeginFeed(const Feed& feed) override {
+    snapshot_->feeds.emplace_back(feed, std::vector<Item>());
+    return Status::OK();
+  }
+  Status FeedItem(const Item& item) override {
+    snapshot_->feeds.back().second.push_back(item);
+    return Status::OK();
+  }
+  Status DirectItem(const Item& item) override {
+    snapshot_->directItems.push_back(item);
+    return Status::OK();
+  }
+
+ private:
+  CatalogSnapshot* snapshot_;
+};
+
+}  // namespace
+
 Status SqliteStore::ReadCatalog(const std::string& user, const std::string& device,
                                 std::optional<int64_t> sinceMs, bool subscribedOnly,
                                 CatalogSnapshot* snapshot) {
-  std::lock_guard lock(mutex_);
-  Transaction tx(db_, false);
-  if (!tx.status().ok()) return tx.status();
   *snapshot = CatalogSnapshot();
+  SnapshotSink sink(snapshot);
+  return StreamCatalog(user, device, sinceMs, subscribedOnly, &sink);
+}
+
+Status SqliteStore::StreamCatalog(const std::string& user, const std::string& device,
+                                  std::optional<int64_t> sinceMs, bool subscribedOnly,
+                                  CatalogSink* sink) {
+  ReaderLease reader(this);
+  sqlite3* db = reader.db();
+  Transaction tx(db, false);
+  if (!tx.status().ok()) return tx.status();
   const int64_t since = sinceMs.value_or(INT64_MIN);
 
+  std::vector<std::string> subscriptions;
+  std::map<std::string, FeedRules> rules;
   {
-    Statement st(db_,
-                 "SELECT s.feed, COALESCE(r.max_assets, f.max_assets), "
-                 "COALESCE(r.auto_delete, f.auto_delete), COALESCE(r.max_bitrate, f.max_bitrate) "
-                 "FROM subscriptions s JOIN feeds f ON f.id = s.feed LEFT JOIN rules r ON "
-                 "r.user = s.user AND r.device = s.device AND r.feed = s.feed "
-                 "WHERE s.user = ?1 AND s.device = ?2 ORDER BY s.feed");
+    Statement st(db, kCatalogSubscriptions);
     if (!st.prepared()) return st.Error("read subscriptions");
     st.Bind(1, user).Bind(2, device);
     int rc;
     while ((rc = st.Step()) == SQLITE_ROW) {
       std::string feed = st.Text(0);
-      snapshot->subscriptions.push_back(feed);
-      snapshot->rules[feed] = FeedRules{static_cast<int32_t>(st.Int(1)), st.Int(2) != 0,
-                                        static_cast<int32_t>(st.Int(3))};
+      rules[feed] = FeedRules{static_cast<int32_t>(st.Int(1)), st.Int(2) != 0,
+                              static_cast<int32_t>(st.Int(3))};
+      subscriptions.push_back(std::move(feed));
     }
     if (rc != SQLITE_DONE) return st.Error("read subscriptions");
   }
-
+  int64_t newestItemMs = 0;
   {
-    Statement st(db_,
-                 "SELECT id, title, subscribable, max_assets, auto_delete, max_bitrate "
-                 "FROM feeds ORDER BY id");
+    Statement st(db, kNewestItem);
+    if (!st.prepared() || st.Step() != SQLITE_ROW) return st.Error("read newest item");
+    newestItemMs = st.Int(0);
+  }
+  Status s = sink->Begin(subscriptions, rules, newestItemMs);
+  if (!s.ok()) return s;
+
+  if (subscribedOnly) {
+    Statement st(db, kCatalogSubscribedItems);
+    if (!st.prepared()) return st.Error("read items");
+    st.Bind(1, user).Bind(2, device).Bind(3, since);
+    std::string feedId;
+    bool anyFeed = false;
+    int rc;
+    while ((rc = st.Step()) == SQLITE_ROW) {
+      if (!anyFeed || st.Text(0) != feedId) {
+        Feed feed;
+        feed.id = st.Text(0);
+        feed.title = st.Text(1);
+        feed.subscribable = st.Int(2) != 0;
+        feedId = feed.id;
+        anyFeed = true;
+        s = sink->BeginFeed(feed);
+        if (!s.ok()) return s;
+      }
+      if (sqlite3_column_type(st.handle(), 3) == SQLITE_NULL) continue;  // a feed with no new items
+      s = sink->FeedItem(ReadItem(st, 3));
+      if (!s.ok()) return s;
+    }
+    if (rc != SQLITE_DONE) return st.Error("read items");
+  } else {
+    std::vector<Feed> feeds;
+    Statement st(db, kCatalogAllFeeds);
     if (!st.prepared()) return st.Error("read feeds");
-    const std::set<std::string> subscribed(snapshot->subscriptions.begin(),
-                                           snapshot->subscriptions.end());
     int rc;
     while ((rc = st.Step()) == SQLITE_ROW) {
       Feed feed;
       feed.id = st.Text(0);
-      if (subscribedOnly && subscribed.count(feed.id) == 0) continue;
       feed.title = st.Text(1);
       feed.subscribable = st.Int(2) != 0;
-      feed.defaults = FeedRules{static_cast<int32_t>(st.Int(3)), st.Int(4) != 0,
-                                static_cast<int32_t>(st.Int(5))};
-      snapshot->feeds.emplace_back(std::move(feed), std::vector<Item>());
+      feeds.push_back(std::move(feed));
     }
     if (rc != SQLITE_DONE) return st.Error("read feeds");
-  }
-
-  {
-    Statement st(db_,
-                 "SELECT uuid, feed, user, created_ms, media_path, metadata FROM items "
-                 "WHERE feed = ?1 AND created_ms > ?2 ORDER BY created_ms, uuid");
-    if (!st.prepared()) return st.Error("read items");
-    for (auto& [feed, items] : snapshot->feeds) {
-      st.Reset();
-      st.Bind(1, feed.id).Bind(2, since);
-      int rc;
-      while ((rc = st.Step()) == SQLITE_ROW) items.push_back(ReadItem(st));
-      if (rc != SQLITE_DONE) return st.Error("read items");
+    Statement items(db, kCatalogFeedItems);
+    if (!items.prepared()) return items.Error("read items");
+    for (const auto& feed : feeds) {
+      s = sink->BeginFeed(feed);
+      if (!s.ok()) return s;
+      items.Reset();
+      items.Bind(1, feed.id).Bind(2, since);
+      while ((rc = items.Step()) == SQLITE_ROW) {
+        s = sink->FeedItem(ReadItem(items));
+        if (!s.ok()) return s;
+      }
+      if (rc != SQLITE_DONE) return items.Error("read items");
     }
   }
 
   {
-    Statement st(db_,
-                 "SELECT uuid, feed, user, created_ms, media_path, metadata FROM items "
-                 "WHERE feed IS NULL AND user = ?1 AND created_ms > ?2 ORDER BY created_ms, uuid");
+    Statement st(db, kCatalogDirectItems);
     if (!st.prepared()) return st.Error("read direct items");
     st.Bind(1, user).Bind(2, since);
     int rc;
-    while ((rc = st.Step()) == SQLITE_ROW) snapshot->directItems.push_back(ReadItem(st));
+    while ((rc = st.Step()) == SQLITE_ROW) {
+      s = sink->DirectItem(ReadItem(st));
+      if (!s.ok()) return s;
+    }
     if (rc != SQLITE_DONE) return st.Error("read direct items");
-  }
-
-  {
-    Statement st(db_, "SELECT COALESCE(MAX(created_ms), 0) FROM items");
-    if (!st.prepared() || st.Step() != SQLITE_ROW) return st.Error("read newest item");
-    snapshot->newestItemMs = st.Int(0);
   }
   return tx.Commit();
 }

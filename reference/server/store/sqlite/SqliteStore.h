@@ -1,11 +1,16 @@
 // SqliteStore: the content server's durable state in one SQLite database in its
 // data folder, the store of a server that runs on one machine.
 //
-// Thread-safe: one connection guarded by a mutex; each call is one transaction.
-// Several processes may open the same folder (the server and an admin command);
-// SQLite's locking with a busy time-out serialises them.
+// Thread-safe; each call is one transaction. Changes go through one connection
+// guarded by a mutex; the reads of a device's requests (accounts, feeds,
+// subscriptions, catalogs) go through a small pool of reading connections, each
+// in a read transaction of its own, so that in WAL mode they run beside each
+// other and beside a change. Several processes may open the same folder (the
+// server and an admin command); SQLite's locking with a busy time-out serialises
+// their changes.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -89,6 +94,12 @@ class SqliteStore final : public Store {
   Status ReadCatalog(const std::string& user, const std::string& device,
                      std::optional<int64_t> sinceMs, bool subscribedOnly,
                      CatalogSnapshot* snapshot) override;
+  Status StreamCatalog(const std::string& user, const std::string& device,
+                       std::optional<int64_t> sinceMs, bool subscribedOnly,
+                       CatalogSink* sink) override;
+
+  // The statements a device's requests run, for checking their query plans.
+  static std::vector<const char*> RequestPathStatements();
 
   // Administration listings, each read in one transaction. Items are newest first,
   // at most `limit`; `feed` or `user` filters them when not empty.
@@ -120,12 +131,33 @@ class SqliteStore final : public Store {
  private:
   explicit SqliteStore(sqlite3* db) : db_(db) {}
   Status InitSchema();
+  Status OpenReaders(int count);
+
+  // A reading connection, handed back when the lease ends.
+  class ReaderLease {
+   public:
+    explicit ReaderLease(SqliteStore* store);
+    ~ReaderLease();
+    ReaderLease(const ReaderLease&) = delete;
+    ReaderLease& operator=(const ReaderLease&) = delete;
+    sqlite3* db() const { return db_; }
+
+   private:
+    SqliteStore* store_;
+    sqlite3* db_;
+  };
   // With mutex_ held and a write transaction open.
   Status InsertItemLocked(const Item& item, int64_t nowMs, std::vector<PushNotice>* notices,
                           bool replaceExisting);
 
   std::mutex mutex_;
   sqlite3* db_;
+
+  std::filesystem::path dataDir_;
+  std::mutex readersMutex_;
+  std::condition_variable readerFree_;
+  std::vector<sqlite3*> readers_;      // every reading connection
+  std::vector<sqlite3*> idleReaders_;  // those not leased
 };
 
 }  // namespace zolvani::refserver
