@@ -42,6 +42,7 @@ AdminReply FromStatus(const Status& s) {
     case Status::Kind::kFailedPrecondition:
       return Error(409, s.message());
     case Status::Kind::kPermissionDenied:
+    case Status::Kind::kReplayed:
       return Error(403, s.message());
     case Status::Kind::kIOError:
     case Status::Kind::kCorruption:
