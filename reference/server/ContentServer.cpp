@@ -170,6 +170,19 @@ void ContentServer::InstallRoutes() {
   http_->Get("/health", [](const httplib::Request&, httplib::Response& res) {
     res.set_content("ok\n", "text/plain");
   });
+  // The balancer's health check: ready only while this server reaches its store,
+  // whereas /health says no more than that the process answers.
+  http_->Get("/ready", [this](const httplib::Request&, httplib::Response& res) {
+    const Status s = store_->Ping();
+    if (s.ok()) {
+      res.set_content("ready\n", "text/plain");
+      return;
+    }
+    spdlog::warn("not ready: {}", s.ToString());
+    res.status = 503;
+    res.set_header("Retry-After", "1");
+    res.set_content("not ready: the store cannot be reached\n", "text/plain");
+  });
 
   http_->Get(R"(/media/(.+))", [this](const httplib::Request& req, httplib::Response& res) {
     MediaFile file;
