@@ -54,11 +54,14 @@ Status Generate(const std::string& dataDir, Store* store) {
   const int64_t now = ContentServer::WallClockMs();
   Status s = SampleGenerator::Generate(dataDir, now, &seed);
   if (!s.ok()) return s;
+  // Generating again (a restart with --generate-sample, or the command run twice)
+  // keeps what the first generation made, creation times included.
   SeedSummary summary;
-  s = SeedLoader::Apply(seed, store, now, &summary);
+  s = SeedLoader::Apply(seed, store, now, &summary, SeedMode::kAddMissing);
   if (s.ok()) {
-    spdlog::info("sample content: {} account(s), {} feed(s), {} item(s)", summary.accounts,
-                 summary.feeds, summary.items);
+    spdlog::info(
+        "sample content: {} account(s), {} feed(s), {} item(s) added, {} kept as they were",
+        summary.accounts, summary.feeds, summary.items, summary.kept);
   }
   return s;
 }
@@ -199,7 +202,9 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(0, 65535));
   serve->add_option("--seed", flags.seedFile, "seed file (JSON) applied before serving")
       ->check(CLI::ExistingFile);
-  serve->add_flag("--generate-sample", flags.generate, "generate the sample content first");
+  serve->add_flag("--generate-sample", flags.generate,
+                  "generate the sample content first, as generate-sample does (for a demo; "
+                  "replicas are started without it)");
   serve->add_option("--public-url", flags.publicUrl,
                     "base URL devices use for media (default: each request's Host)");
   serve
@@ -313,7 +318,9 @@ int main(int argc, char** argv) {
   std::string listFeed;
   listPublishers->add_option("--feed", listFeed, "only grants that cover this feed");
 
-  auto* generateCmd = app.add_subcommand("generate-sample", "write and publish sample content");
+  auto* generateCmd = app.add_subcommand(
+      "generate-sample",
+      "write and publish sample content once; what is already there, files and items, is kept");
   addData(generateCmd);
 
   auto* listPushes = app.add_subcommand("list-pushes", "print push notices, one JSON per line");
