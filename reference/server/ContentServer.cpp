@@ -3,6 +3,8 @@
 #include <httplib.h>
 #include <spdlog/spdlog.h>
 
+#include <unistd.h>
+
 #include <chrono>
 #include <fstream>
 
@@ -66,6 +68,12 @@ Status ContentServer::Create(ServerOptions options, std::unique_ptr<ContentServe
   if (options.limits.maxConnections < 1) options.limits.maxConnections = 1;
   if (options.limits.maxConnectionsPerAddress < 1) options.limits.maxConnectionsPerAddress = 1;
   if (!options.clockMs) options.clockMs = &ContentServer::WallClockMs;
+  if (options.nodeName.empty()) {
+    char host[256] = {};
+    options.nodeName = ::gethostname(host, sizeof(host) - 1) == 0 && host[0] != '\0'
+                           ? std::string(host)
+                           : std::string("node");
+  }
   std::unique_ptr<SqliteStore> store;
   Status s = SqliteStore::Open(options.dataDir, &store);
   if (!s.ok()) return s;
@@ -83,6 +91,7 @@ ContentServer::ContentServer(ServerOptions options, std::unique_ptr<Store> store
     : options_(std::move(options)),
       store_(std::move(store)),
       consoleStore_(std::move(consoleStore)),
+      figures_(options_.nodeName),
       sessions_(options_.consoleSessions),
       media_(std::make_unique<MediaLibrary>(options_.dataDir / "media")),
       protocol_(std::make_unique<ProtocolHandler>(store_.get(), options_.freshnessWindowSeconds,
@@ -243,6 +252,7 @@ Status ContentServer::Start() {
   if (!s.ok()) return s;
   port_ = port;
   thread_ = std::thread([this] { http_->Serve(); });
+  figures_.StartFlushing(store_.get(), options_.figuresEvery, options_.clockMs);
   // Stop() right after Start() must find the loop running, or it would miss it.
   while (!http_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   spdlog::info("serving {} from {}", url(), options_.dataDir.string());
@@ -253,6 +263,7 @@ void ContentServer::Stop() {
   if (!thread_.joinable()) return;
   http_->Shutdown();
   thread_.join();
+  figures_.StopFlushing();
 }
 
 }  // namespace zolvani::refserver

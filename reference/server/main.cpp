@@ -79,6 +79,7 @@ struct ServeFlags {
   double keepAliveTimeout = 2;
   bool noConsole = false;
   bool consoleFromAnywhere = false;
+  std::string nodeName;
 };
 
 std::chrono::milliseconds Milliseconds(double seconds) {
@@ -106,6 +107,7 @@ int Serve(const std::string& dataDir, const ServeFlags& flags) {
   options.limits.keepAliveIdle = Milliseconds(flags.keepAliveTimeout);
   options.console = !flags.noConsole;
   options.consoleFromAnywhere = flags.consoleFromAnywhere;
+  options.nodeName = flags.nodeName;
   std::unique_ptr<ContentServer> server;
   Status s = ContentServer::Create(options, &server);
   if (!s.ok()) return Fail(s);
@@ -238,6 +240,19 @@ int main(int argc, char** argv) {
       ->capture_default_str()
       ->check(CLI::Range(0.05, 3600.0));
 
+  serve
+      ->add_option("--node-name", flags.nodeName,
+                   "names this server among those sharing a database, in the console's figures "
+                   "and in log lines (default: the host name)")
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            const bool ok = !text.empty() && text.size() <= 64 &&
+                            text.find_first_not_of(
+                                "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTU"
+                                "VWXYZ0123456789._-") == std::string::npos;
+            return ok ? std::string() : "takes 1 to 64 letters, digits, '.', '_' or '-'";
+          },
+          "NAME"));
   serve->add_flag("--no-console", flags.noConsole, "do not serve the operator's console at /admin");
   serve->add_flag("--console-from-anywhere", flags.consoleFromAnywhere,
                   "let clients beyond the loopback interface reach the console");
@@ -334,6 +349,10 @@ int main(int argc, char** argv) {
 
   CLI11_PARSE(app, argc, argv);
   spdlog::set_level(*LogLevel(logLevel));
+  if (serve->parsed() && !flags.nodeName.empty()) {
+    // Log lines of several servers end up side by side; each names its server.
+    spdlog::set_pattern("[%Y-%m-%d %H:%M:%S.%e] [" + flags.nodeName + "] [%^%l%$] %v");
+  }
 
   if (serve->parsed()) return Serve(dataDir, flags);
   if (setPassword->parsed()) return SetConsolePassword(dataDir);
