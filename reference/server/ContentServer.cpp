@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <unistd.h>
 #include <chrono>
 
 #include <algorithm>
@@ -54,6 +55,12 @@ Status ContentServer::Create(ServerOptions options, std::unique_ptr<ContentServe
       return Status::InvalidArgument("trusted proxy \"" + proxy + "\" is not an IP address");
     }
   }
+  if (options.nodeName.empty()) {
+    char host[256] = {};
+    options.nodeName = ::gethostname(host, sizeof(host) - 1) == 0 && host[0] != '\0'
+                           ? std::string(host)
+                           : std::string("node");
+  }
   std::unique_ptr<SqliteStore> store;
   Status s = SqliteStore::Open(options.dataDir, &store);
   if (!s.ok()) return s;
@@ -71,6 +78,7 @@ ContentServer::ContentServer(ServerOptions options, std::unique_ptr<Store> store
     : options_(std::move(options)),
       store_(std::move(store)),
       consoleStore_(std::move(consoleStore)),
+      figures_(options_.nodeName),
       sessions_(options_.consoleSessions),
       media_(std::make_unique<MediaLibrary>(options_.dataDir / "media")),
       protocol_(std::make_unique<ProtocolHandler>(store_.get(), options_.freshnessWindowSeconds,
@@ -150,6 +158,20 @@ Router ContentServer::MakeRoutes() {
   router.Get("/health",
              [](const Request&, Response& res) { res.SetContent("ok\n", "text/plain"); });
 
+  // The balancer's health check: ready only while this server reaches its store,
+  // whereas /health says no more than that the process answers.
+  router.Get("/ready", [this](const Request&, Response& res) {
+    const Status s = store_->Ping();
+    if (s.ok()) {
+      res.SetContent("ready\n", "text/plain");
+      return;
+    }
+    spdlog::warn("not ready: {}", s.ToString());
+    res.status = 503;
+    res.SetHeader("Retry-After", "1");
+    res.SetContent("not ready: the store cannot be reached\n", "text/plain");
+  });
+
   router.Get(R"(/media/(.+))", [this](const Request& req, Response& res) {
     MediaFile file;
     if (!media_->Find(req.matches[1], &file).ok()) {
@@ -214,6 +236,7 @@ Status ContentServer::Start() {
   if (!s.ok()) return s;
   started_ = true;
   port_ = port;
+  figures_.StartFlushing(store_.get(), options_.figuresEvery, options_.clockMs);
   spdlog::info("serving {} from {} ({} threads)", url(), options_.dataDir.string(),
                http_->threadCount());
   return Status::OK();
@@ -223,6 +246,7 @@ void ContentServer::Stop() {
   if (!started_) return;
   started_ = false;
   http_->Stop();
+  figures_.StopFlushing();
 }
 
 }  // namespace zolvani::refserver

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -60,6 +61,11 @@ struct ServerOptions {
   std::string consoleAddress = "127.0.0.1";
   std::optional<int> consolePort;
   SessionLimits consoleSessions;
+  // Names this server among those sharing its store, in the console's figures and
+  // in logs; the host name when empty.
+  std::string nodeName;
+  // How often this server adds its traffic figures to the store.
+  std::chrono::milliseconds figuresEvery{10000};
 };
 
 class ContentServer {
@@ -85,6 +91,7 @@ class ContentServer {
   // Null when the console is off.
   ConsoleStore* consoleStore() { return consoleStore_.get(); }
   TrafficFigures* figures() { return &figures_; }
+  const std::string& nodeName() const { return options_.nodeName; }
   const std::filesystem::path& mediaRoot() const;
 
   static int64_t WallClockMs();

@@ -17,9 +17,10 @@ class Status {
     kNotFound,
     kIOError,
     kCorruption,
-    kAlreadyExists,      // the thing to add is there already
-    kPermissionDenied,   // the caller may not do this
-    kFailedPrecondition  // the target is not in a state that allows it
+    kAlreadyExists,       // the thing to add is there already
+    kPermissionDenied,    // the caller may not do this
+    kFailedPrecondition,  // the target is not in a state that allows it
+    kReplayed             // a signed change whose signature was accepted before
   };
 
   Status() = default;
@@ -45,12 +46,17 @@ class Status {
     return Status(Kind::kFailedPrecondition, std::move(message));
   }
 
+  static Status Replayed(std::string message) {
+    return Status(Kind::kReplayed, std::move(message));
+  }
+
   bool ok() const { return kind_ == Kind::kOk; }
   bool IsNotFound() const { return kind_ == Kind::kNotFound; }
   bool IsInvalidArgument() const { return kind_ == Kind::kInvalidArgument; }
   bool IsAlreadyExists() const { return kind_ == Kind::kAlreadyExists; }
   bool IsPermissionDenied() const { return kind_ == Kind::kPermissionDenied; }
   bool IsFailedPrecondition() const { return kind_ == Kind::kFailedPrecondition; }
+  bool IsReplayed() const { return kind_ == Kind::kReplayed; }
   Kind kind() const { return kind_; }
   const std::string& message() const { return message_; }
 
@@ -73,6 +79,8 @@ class Status {
         return "Permission denied: " + message_;
       case Kind::kFailedPrecondition:
         return "Failed precondition: " + message_;
+      case Kind::kReplayed:
+        return "Replayed: " + message_;
     }
     return message_;
   }

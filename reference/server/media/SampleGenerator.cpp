@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -28,11 +30,41 @@ uint64_t SeedFor(const std::string& name) {
   return h == 0 ? 1 : h;
 }
 
-Status WriteText(const std::filesystem::path& file, const std::string& text) {
-  std::ofstream out(file, std::ios::binary | std::ios::trunc);
-  out << text;
-  out.close();
-  if (!out) return Status::IOError("cannot write " + file.string());
+// Writes `text` to `file` unless it holds exactly that already, then gives it the
+// fixed modification time of every sample file. Generating again, on this server or
+// on another one, so leaves each file's validators as they were: a download begun
+// before a restart, or on another server, resumes. A file is written beside its
+// final name and renamed over it, so that a reader never sees half of it.
+Status WriteSampleFile(const std::filesystem::path& file, const std::string& text) {
+  bool same = false;
+  {
+    std::ifstream in(file, std::ios::binary);
+    if (in) {
+      std::ostringstream held;
+      held << in.rdbuf();
+      same = held.str() == text;
+    }
+  }
+  if (!same) {
+    std::filesystem::path partial = file;
+    partial += ".partial";
+    std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+    out << text;
+    out.close();
+    if (!out) {
+      std::error_code ec;
+      std::filesystem::remove(partial, ec);
+      return Status::IOError("cannot write " + partial.string());
+    }
+    std::error_code ec;
+    std::filesystem::rename(partial, file, ec);
+    if (ec) return Status::IOError("cannot rename " + partial.string() + ": " + ec.message());
+  }
+  const struct timespec times[2] = {{SampleGenerator::kFileTimeSeconds, 0},
+                                    {SampleGenerator::kFileTimeSeconds, 0}};
+  if (::utimensat(AT_FDCWD, file.c_str(), times, 0) != 0) {
+    return Status::IOError("cannot set the time of " + file.string());
+  }
   return Status::OK();
 }
 
@@ -62,6 +94,21 @@ bool RunFfmpeg(const std::vector<std::string>& args) {
   while (waitpid(pid, &status, 0) < 0)
     if (errno != EINTR) return false;
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// Lands every file ffmpeg made in `from` under the same name in `to`.
+Status LandFolder(const std::filesystem::path& from, const std::filesystem::path& to) {
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(from, ec)) {
+    if (!entry.is_regular_file()) continue;
+    std::ifstream in(entry.path(), std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (!in && !in.eof()) return Status::IOError("cannot read " + entry.path().string());
+    Status s = WriteSampleFile(to / entry.path().filename(), bytes);
+    if (!s.ok()) return s;
+  }
+  if (ec) return Status::IOError("cannot list " + from.string() + ": " + ec.message());
+  return Status::OK();
 }
 
 }  // namespace
@@ -140,7 +187,7 @@ Status SampleGenerator::WritePaddedClip(const std::filesystem::path& file, const
             'e',
             'e'};
   bytes.resize(size, '\0');
-  return WriteText(file, bytes);
+  return WriteSampleFile(file, bytes);
 }
 
 Status SampleGenerator::WritePlayableMp4(const std::filesystem::path& file, const std::string& name,
@@ -171,7 +218,7 @@ Status SampleGenerator::WriteMediaFile(const std::filesystem::path& file, const 
     state ^= state << 17;
     bytes[i] = static_cast<char>(state & 0xff);
   }
-  return WriteText(file, bytes);
+  return WriteSampleFile(file, bytes);
 }
 
 std::vector<HlsVariant> SampleGenerator::DefaultLadder() {
@@ -205,10 +252,10 @@ Status SampleGenerator::WriteHlsLadder(const std::filesystem::path& folder,
       playlist += "#EXTINF:" + std::to_string(kSegmentSeconds) + ".000,\n" + segment + "\n";
     }
     playlist += "#EXT-X-ENDLIST\n";
-    s = WriteText(dir / "index.m3u8", playlist);
+    s = WriteSampleFile(dir / "index.m3u8", playlist);
     if (!s.ok()) return s;
   }
-  return WriteText(folder / "master.m3u8", master);
+  return WriteSampleFile(folder / "master.m3u8", master);
 }
 
 Status SampleGenerator::WritePlayableHlsLadder(const std::filesystem::path& folder,
@@ -222,6 +269,14 @@ Status SampleGenerator::WritePlayableHlsLadder(const std::filesystem::path& fold
   for (const auto& v : variants) {
     const std::string name = "v" + std::to_string(v.bandwidth / 1000) + "k";
     const auto dir = folder / name;
+    // ffmpeg writes into a scratch folder; each file then lands as every sample
+    // file does (unchanged bytes left alone, the fixed time), so that generating
+    // again keeps the validators a resumed download relies on.
+    const auto scratch = folder / ("." + name + ".partial");
+    std::error_code cleared;
+    std::filesystem::remove_all(scratch, cleared);
+    s = MakeDirs(scratch);
+    if (!s.ok()) return s;
     s = MakeDirs(dir);
     if (!s.ok()) return s;
     // The layout WriteHlsLadder writes (init.mp4, seg<N>.m4s, index.m3u8), with
@@ -283,15 +338,18 @@ Status SampleGenerator::WritePlayableHlsLadder(const std::filesystem::path& fold
                                  "-hls_fmp4_init_filename",
                                  "init.mp4",
                                  "-hls_segment_filename",
-                                 (dir / "seg%d.m4s").string(),
-                                 (dir / "index.m3u8").string()});
+                                 (scratch / "seg%d.m4s").string(),
+                                 (scratch / "index.m3u8").string()});
     // Without ffmpeg (or with one that lacks an encoder) the ladder is synthetic.
+    if (made) s = LandFolder(scratch, dir);
+    std::filesystem::remove_all(scratch, cleared);
     if (!made) return WriteHlsLadder(folder, variants, segments);
+    if (!s.ok()) return s;
     master += "#EXT-X-STREAM-INF:BANDWIDTH=" + std::to_string(v.bandwidth) +
               ",RESOLUTION=" + std::to_string(v.width) + "x" + std::to_string(v.height) +
               ",CODECS=\"avc1.64001f,mp4a.40.2\"\n" + name + "/index.m3u8\n";
   }
-  return WriteText(folder / "master.m3u8", master);
+  return WriteSampleFile(folder / "master.m3u8", master);
 }
 
 Status SampleGenerator::Generate(const std::filesystem::path& dataDir, int64_t nowMs,
@@ -362,7 +420,11 @@ Status SampleGenerator::Generate(const std::filesystem::path& dataDir, int64_t n
          direct["user"] = kDemoUser;
          return direct;
        }()}}};
-  return WriteText(dataDir / "sample-seed.json", seed->dump(2) + "\n");
+  std::ofstream out(dataDir / "sample-seed.json", std::ios::binary | std::ios::trunc);
+  out << seed->dump(2) << "\n";
+  out.close();
+  if (!out) return Status::IOError("cannot write " + (dataDir / "sample-seed.json").string());
+  return Status::OK();
 }
 
 }  // namespace zolvani::refserver
