@@ -17,9 +17,10 @@ class Status {
     kNotFound,
     kIOError,
     kCorruption,
-    kAlreadyExists,      // the thing to add is there already
-    kPermissionDenied,   // the caller may not do this
-    kFailedPrecondition  // the target is not in a state that allows it
+    kAlreadyExists,       // the thing to add is there already
+    kPermissionDenied,    // the caller may not do this
+    kFailedPrecondition,  // the target is not in a state that allows it
+    kUnavailable          // a shared resource (the database) cannot serve now; try again
   };
 
   Status() = default;
@@ -45,12 +46,17 @@ class Status {
     return Status(Kind::kFailedPrecondition, std::move(message));
   }
 
+  static Status Unavailable(std::string message) {
+    return Status(Kind::kUnavailable, std::move(message));
+  }
+
   bool ok() const { return kind_ == Kind::kOk; }
   bool IsNotFound() const { return kind_ == Kind::kNotFound; }
   bool IsInvalidArgument() const { return kind_ == Kind::kInvalidArgument; }
   bool IsAlreadyExists() const { return kind_ == Kind::kAlreadyExists; }
   bool IsPermissionDenied() const { return kind_ == Kind::kPermissionDenied; }
   bool IsFailedPrecondition() const { return kind_ == Kind::kFailedPrecondition; }
+  bool IsUnavailable() const { return kind_ == Kind::kUnavailable; }
   Kind kind() const { return kind_; }
   const std::string& message() const { return message_; }
 
@@ -73,6 +79,8 @@ class Status {
         return "Permission denied: " + message_;
       case Kind::kFailedPrecondition:
         return "Failed precondition: " + message_;
+      case Kind::kUnavailable:
+        return "Unavailable: " + message_;
     }
     return message_;
   }

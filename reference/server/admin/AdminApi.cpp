@@ -43,6 +43,8 @@ AdminReply FromStatus(const Status& s) {
       return Error(409, s.message());
     case Status::Kind::kPermissionDenied:
       return Error(403, s.message());
+    case Status::Kind::kUnavailable:
+      return Error(503, s.message());
     case Status::Kind::kIOError:
     case Status::Kind::kCorruption:
       break;
