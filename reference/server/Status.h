@@ -49,53 +49,54 @@ class Status {
 
   static Status Replayed(std::string message) {
     return Status(Kind::kReplayed, std::move(message));
-    static Status Unavailable(std::string message) {
-      return Status(Kind::kUnavailable, std::move(message));
+  }
+  static Status Unavailable(std::string message) {
+    return Status(Kind::kUnavailable, std::move(message));
+  }
+
+  bool ok() const { return kind_ == Kind::kOk; }
+  bool IsNotFound() const { return kind_ == Kind::kNotFound; }
+  bool IsInvalidArgument() const { return kind_ == Kind::kInvalidArgument; }
+  bool IsAlreadyExists() const { return kind_ == Kind::kAlreadyExists; }
+  bool IsPermissionDenied() const { return kind_ == Kind::kPermissionDenied; }
+  bool IsFailedPrecondition() const { return kind_ == Kind::kFailedPrecondition; }
+  bool IsReplayed() const { return kind_ == Kind::kReplayed; }
+  bool IsUnavailable() const { return kind_ == Kind::kUnavailable; }
+  Kind kind() const { return kind_; }
+  const std::string& message() const { return message_; }
+
+  // "OK", or the kind followed by the message, for log lines and command output.
+  std::string ToString() const {
+    switch (kind_) {
+      case Kind::kOk:
+        return "OK";
+      case Kind::kInvalidArgument:
+        return "Invalid argument: " + message_;
+      case Kind::kNotFound:
+        return "Not found: " + message_;
+      case Kind::kIOError:
+        return "IO error: " + message_;
+      case Kind::kCorruption:
+        return "Corruption: " + message_;
+      case Kind::kAlreadyExists:
+        return "Already exists: " + message_;
+      case Kind::kPermissionDenied:
+        return "Permission denied: " + message_;
+      case Kind::kFailedPrecondition:
+        return "Failed precondition: " + message_;
+      case Kind::kReplayed:
+        return "Replayed: " + message_;
+      case Kind::kUnavailable:
+        return "Unavailable: " + message_;
     }
+    return message_;
+  }
 
-    bool ok() const { return kind_ == Kind::kOk; }
-    bool IsNotFound() const { return kind_ == Kind::kNotFound; }
-    bool IsInvalidArgument() const { return kind_ == Kind::kInvalidArgument; }
-    bool IsAlreadyExists() const { return kind_ == Kind::kAlreadyExists; }
-    bool IsPermissionDenied() const { return kind_ == Kind::kPermissionDenied; }
-    bool IsFailedPrecondition() const { return kind_ == Kind::kFailedPrecondition; }
-    bool IsReplayed() const { return kind_ == Kind::kReplayed; }
-    bool IsUnavailable() const { return kind_ == Kind::kUnavailable; }
-    Kind kind() const { return kind_; }
-    const std::string& message() const { return message_; }
+ private:
+  Status(Kind kind, std::string message) : kind_(kind), message_(std::move(message)) {}
 
-    // "OK", or the kind followed by the message, for log lines and command output.
-    std::string ToString() const {
-      switch (kind_) {
-        case Kind::kOk:
-          return "OK";
-        case Kind::kInvalidArgument:
-          return "Invalid argument: " + message_;
-        case Kind::kNotFound:
-          return "Not found: " + message_;
-        case Kind::kIOError:
-          return "IO error: " + message_;
-        case Kind::kCorruption:
-          return "Corruption: " + message_;
-        case Kind::kAlreadyExists:
-          return "Already exists: " + message_;
-        case Kind::kPermissionDenied:
-          return "Permission denied: " + message_;
-        case Kind::kFailedPrecondition:
-          return "Failed precondition: " + message_;
-        case Kind::kReplayed:
-          return "Replayed: " + message_;
-        case Kind::kUnavailable:
-          return "Unavailable: " + message_;
-      }
-      return message_;
-    }
-
-   private:
-    Status(Kind kind, std::string message) : kind_(kind), message_(std::move(message)) {}
-
-    Kind kind_ = Kind::kOk;
-    std::string message_;
-  };
+  Kind kind_ = Kind::kOk;
+  std::string message_;
+};
 
 }  // namespace zolvani::refserver
