@@ -4,6 +4,7 @@
 // that outlast the process.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -180,6 +181,48 @@ TEST(DataFolderTest, TheWaitAfterTransientFailuresOutlastsARestart) {
                      "SELECT retry_failures FROM assets WHERE uuid='" + uuid + "';") == "2\n";
       },
       3000));
+}
+
+TEST(DataFolderTest, AShortWriteOfAMediaFileFailsTheDownloadAndLeavesNothingHalfWritten) {
+  TempFolder folder;
+  MediaServer server;
+  server.add("/big.mp4", patternBytes(6 << 20, 9));
+  // The host runs in a child whose files may not grow past 2 MiB: the media
+  // file's write that crosses it is cut short (EFBIG), as on a disk that
+  // fills up mid-download, while the store's small writes still fit.
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{2 << 20, 2 << 20};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    auto options = testOptions(folder.path());
+    reference::ReferenceEngine engine(options);
+    if (engine.start()) _exit(10);
+    auto asset = makeFileAsset(engine, server.url("/big.mp4"), "big");
+    engine.roles().downloadEngine->addToQueue(asset, kQueueIndexAppend, nullptr);
+    const auto info = waitForAsset(engine, asset->uuid(), 20000);
+    const bool partialLeft =
+        std::filesystem::exists(folder.path() / "media" / asset->uuid() / "content.partial");
+    const bool contentLeft =
+        std::filesystem::exists(folder.path() / "media" / asset->uuid() / "content");
+    engine.flush();  // _exit() runs no destructor
+    _exit(info.state == AssetState::kFailed && info.lastError &&
+                  info.lastError->code == reference::kEngineErrorFile && !partialLeft &&
+                  !contentLeft
+              ? 0
+              : 20 + static_cast<int>(info.state));
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0)
+      << "10: no start; 20 + state: not failed with a file error, or a file left behind";
+  // The store it left reads back whole, with the failure recorded.
+  EXPECT_EQ(query(folder.path(), "PRAGMA integrity_check;"), "ok\n");
+  EXPECT_EQ(query(folder.path(), "SELECT state, error_code FROM assets;"),
+            std::to_string(static_cast<int>(AssetState::kFailed)) + "|" +
+                std::to_string(reference::kEngineErrorFile) + "\n");
 }
 
 }  // namespace
