@@ -6,6 +6,7 @@
 
 #include "CapiHost.h"
 #include "HostViews.h"
+#include "LibraryView.h"
 #include "zolvani/subscription/Constants.h"
 
 namespace {
@@ -165,3 +166,15 @@ int zsm_host_pending_downloads(zsm_host* host, int64_t* count, zsm_error** error
 }
 
 }  // extern "C"
+
+int zsm_host_update_library(zsm_host* host, char** json, zsm_error** error) {
+  return guarded(error, [&]() -> int {
+    auto* rt = startedRuntime(host, error);
+    if (!rt) return -1;
+    if (!json) return failArgument(error, "json is NULL");
+    const auto root = rt->options().paths.library();
+    std::vector<zsm::LibraryEntry> entries;
+    if (auto failure = zsm::updateLibrary(*rt, root, &entries)) return fail(error, *failure);
+    return giveJson(json, zsm::libraryJson(root, entries));
+  });
+}

@@ -166,4 +166,14 @@ std::optional<Error> updateLibrary(HostRuntime& host, const fs::path& root,
   return std::nullopt;
 }
 
+nlohmann::json libraryJson(const fs::path& root, const std::vector<LibraryEntry>& entries) {
+  nlohmann::json list = nlohmann::json::array();
+  for (const auto& e : entries)
+    list.push_back({{"link", e.link.string()},
+                    {"target", e.target.string()},
+                    {"feed", e.feed.empty() ? nlohmann::json(nullptr) : nlohmann::json(e.feed)},
+                    {"uuid", e.uuid}});
+  return {{"library", root.string()}, {"entries", list}};
+}
+
 }  // namespace zsm

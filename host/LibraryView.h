@@ -30,6 +30,8 @@
 #include <string_view>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "HostRuntime.h"
 #include "zolvani/subscription/Error.h"
 
@@ -58,5 +60,11 @@ std::string mediaExtension(const std::string& url, const std::filesystem::path& 
 // line with the finished downloads, and returns its entries, sorted by link.
 std::optional<zolvani::Error> updateLibrary(HostRuntime& host, const std::filesystem::path& root,
                                             std::vector<LibraryEntry>* entries);
+
+// {"library": root, "entries": [{"link", "target", "feed" (null for a direct
+// item), "uuid"}]}: the view as the command-line host and the C interface
+// describe it.
+nlohmann::json libraryJson(const std::filesystem::path& root,
+                           const std::vector<LibraryEntry>& entries);
 
 }  // namespace zsm

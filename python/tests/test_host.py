@@ -70,6 +70,13 @@ def test_subscribe_with_rules_sync_and_download(news_device) -> None:
     assert feeds[0]["max_items"] == 2 and feeds[0]["rules_from"] == "server"
     assert host.deferred() == []
     assert host.subscriptions() == ["morning-news"]
+    # The library view links each download by feed and title.
+    view = host.library()
+    links = {Path(e["link"]).relative_to(view["library"]).parts[0] for e in view["entries"]}
+    assert links == {"morning-news", "_direct"}
+    for entry in view["entries"]:
+        link = Path(entry["link"])
+        assert link.is_symlink() and link.resolve() == Path(entry["target"]).resolve()
 
 
 def test_retention_deletes_the_oldest_and_announces_it(news_device, server: Server) -> None:

@@ -80,6 +80,7 @@ def _declare(lib: ctypes.CDLL) -> None:
     fn("zsm_host_set_verbose", c_int, c_void_p, c_int, err)
     fn("zsm_host_last_sync", c_int, c_void_p, ctypes.POINTER(ctypes.c_double), err)
     fn("zsm_host_pending_downloads", c_int, c_void_p, ctypes.POINTER(ctypes.c_int64), err)
+    fn("zsm_host_update_library", c_int, c_void_p, out, err)
 
 
 def library() -> ctypes.CDLL:

@@ -366,6 +366,14 @@ class Host:
                                                     ctypes.byref(error)), error)
         return count.value
 
+    def library(self) -> Dict[str, JsonValue]:
+        """Brings the library view up to date and returns it: links to the finished
+        downloads named by feed and title, ``<data_folder>/library/<feed>/<title>.mp4``
+        (direct items in ``_direct/``, a stream as a folder). {"library": folder,
+        "entries": [{"link", "target", "feed", "uuid"}]}. The engine's files stay
+        where they are."""
+        return self._json(self._lib.zsm_host_update_library)
+
     def wait_for_downloads(self, timeout: float = 120.0,
                            settle: float = 0.6) -> List[Dict[str, JsonValue]]:
         """Drives the host until no download is queued or running (and stays so

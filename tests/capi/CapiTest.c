@@ -430,6 +430,13 @@ static void test_device(const char* work, const char* url) {
   CHECK(events.with_place ==
         events.counts[ZSM_EVENT_DOWNLOAD_FINISHED] + events.counts[ZSM_EVENT_DOWNLOAD_PROGRESS]);
   CHECK(events.in_news_feed >= 1);
+  /* The library view names the downloads by feed. */
+  CHECK(zsm_host_update_library(host, &json, &err) == 0);
+  CHECK(json && strstr(json, "/library/morning-news/") != NULL);
+  zsm_free(json);
+  json = NULL;
+  CHECK(zsm_host_update_library(host, NULL, &err) == -1);
+  CHECK_ERROR(err, ZSM_ERROR_DOMAIN, ZSM_ERROR_ARGUMENT);
   char file[2048];
   CHECK(json_string(events.last_finished, "file", file, sizeof file));
   struct stat st;

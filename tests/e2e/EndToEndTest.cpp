@@ -77,7 +77,7 @@ class EndToEndTest : public ::testing::Test {
     std::unique_ptr<ChildProcess> child;
     auto error = ChildProcess::start(args, work_ / "server.log", &child);
     ASSERT_FALSE(error) << error->describe();
-    auto line = child->waitForLine("listening on ", 15s);
+    auto line = child->waitForLine("listening on ", 60s);
     ASSERT_TRUE(line) << "the server did not start";
     url_ = line->substr(std::string("listening on ").size());
     server_ = std::move(child);

@@ -214,13 +214,7 @@ int runLibrary(const CommandContext& context) {
   if (auto error = openHost(context, &host, /*runTransfers=*/false)) return out.fail(*error);
   std::vector<LibraryEntry> entries;
   if (auto error = updateLibrary(*host, context.paths.library(), &entries)) return out.fail(*error);
-  nlohmann::json list = nlohmann::json::array();
-  for (const auto& e : entries)
-    list.push_back({{"link", e.link.string()},
-                    {"target", e.target.string()},
-                    {"feed", e.feed.empty() ? nlohmann::json(nullptr) : nlohmann::json(e.feed)},
-                    {"uuid", e.uuid}});
-  out.document({{"library", context.paths.library().string()}, {"entries", list}});
+  out.document(libraryJson(context.paths.library(), entries));
   out.line("library: " + context.paths.library().string());
   if (entries.empty()) out.line("  (no finished downloads yet)");
   for (const auto& e : entries)

@@ -128,7 +128,7 @@ int runDemo(const CommandContext& context, const DemoOptions& options, const cha
                                "127.0.0.1", "--port", "0", "--generate-sample"},
                               serverLog, &server))
     return out.fail(*error);
-  const auto listening = server->waitForLine("listening on ", std::chrono::seconds(20));
+  const auto listening = server->waitForLine("listening on ", std::chrono::seconds(60));
   if (!listening) {
     return out.fail(cliError(kCliErrorServerProgram,
                              "the content server did not start; see " + serverLog.string()));

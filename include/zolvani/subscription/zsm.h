@@ -300,6 +300,16 @@ ZSM_C_API int zsm_host_deferred(zsm_host* host, char** json, zsm_error** error);
 /* How many downloads are queued or running. */
 ZSM_C_API int zsm_host_pending_downloads(zsm_host* host, int64_t* count, zsm_error** error);
 
+/* Brings the library view up to date and describes it: symbolic links to the
+ * finished downloads named by feed and title, <data_folder>/library/<feed>/
+ * <title>.<ext> (direct items in library/_direct/, a stream as a folder with
+ * its index.m3u8). Links whose downloads are gone are removed; the engine's
+ * files stay where they are, and other files in the folder are left alone.
+ * {"library": folder, "entries": [{"link", "target", "feed" (null for a
+ * direct item), "uuid"}]}. Call it after downloads finish (the command-line
+ * host does after each sync). */
+ZSM_C_API int zsm_host_update_library(zsm_host* host, char** json, zsm_error** error);
+
 #ifdef __cplusplus
 }
 #endif

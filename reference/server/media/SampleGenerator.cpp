@@ -6,12 +6,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 extern char** environ;
@@ -75,21 +77,38 @@ Status MakeDirs(const std::filesystem::path& dir) {
   return Status::OK();
 }
 
-// Runs ffmpeg with `args`, its output discarded; true when it ran and succeeded.
-bool RunFfmpeg(const std::vector<std::string>& args) {
+// The words of `text`, split at spaces (for arguments that hold none).
+std::vector<std::string> Words(const std::string& text) {
+  std::vector<std::string> words;
+  std::size_t at = 0;
+  while (at < text.size()) {
+    const std::size_t end = std::min(text.find(' ', at), text.size());
+    if (end > at) words.push_back(text.substr(at, end - at));
+    at = end + 1;
+  }
+  return words;
+}
+
+// Starts ffmpeg with `args`, its output discarded; -1 when it cannot start.
+// Several run at once: ffmpeg spends much of a short job starting up.
+pid_t StartFfmpeg(std::vector<std::string> args) {
+  args.insert(args.begin(), "ffmpeg");
   std::vector<char*> argv;
-  std::vector<std::string> all = {"ffmpeg"};
-  all.insert(all.end(), args.begin(), args.end());
-  for (auto& a : all) argv.push_back(a.data());
+  for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   for (int fd : {0, 1, 2})
     posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", fd == 0 ? O_RDONLY : O_WRONLY, 0);
-  pid_t pid = 0;
+  pid_t pid = -1;
   const int spawned = posix_spawnp(&pid, "ffmpeg", &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) return false;
+  return spawned == 0 ? pid : -1;
+}
+
+// Waits for a started ffmpeg; true when it ran and succeeded.
+bool Succeeded(pid_t pid) {
+  if (pid < 0) return false;
   int status = 0;
   while (waitpid(pid, &status, 0) < 0)
     if (errno != EINTR) return false;
@@ -111,52 +130,24 @@ Status LandFolder(const std::filesystem::path& from, const std::filesystem::path
   return Status::OK();
 }
 
-}  // namespace
-
-namespace {
-
 // A two-second test picture with a tone, with the index (moov) first so that a
-// player starts before the end arrives; empty when ffmpeg is missing or fails.
-// Bit-exact flags and one thread keep the bytes the same from run to run.
-std::string MakeClip(const std::filesystem::path& scratch, int tone) {
-  const bool made =
-      RunFfmpeg({"-nostdin",
-                 "-v",
-                 "error",
-                 "-y",
-                 "-f",
-                 "lavfi",
-                 "-i",
-                 "testsrc2=size=320x180:rate=25:duration=2",
-                 "-f",
-                 "lavfi",
-                 "-i",
-                 "sine=frequency=" + std::to_string(tone) + ":sample_rate=44100:duration=2",
-                 "-c:v",
-                 "mpeg4",
-                 "-q:v",
-                 "10",
-                 "-c:a",
-                 "aac",
-                 "-b:a",
-                 "48k",
-                 "-movflags",
-                 "+faststart",
-                 "-fflags",
-                 "+bitexact",
-                 "-flags:v",
-                 "+bitexact",
-                 "-flags:a",
-                 "+bitexact",
-                 "-map_metadata",
-                 "-1",
-                 "-threads",
-                 "1",
-                 "-f",
-                 "mp4",
-                 scratch.string()});
+// player starts before the end arrives. Bit-exact flags and one thread keep
+// the bytes the same from run to run.
+pid_t StartClip(const std::filesystem::path& scratch, int tone) {
+  auto args = Words(
+      "-nostdin -v error -y -f lavfi -i testsrc2=size=320x180:rate=25:duration=2 -f lavfi -i "
+      "sine=frequency=" +
+      std::to_string(tone) +
+      ":sample_rate=44100:duration=2 -c:v mpeg4 -q:v 10 -c:a aac -b:a 48k -movflags +faststart "
+      "-fflags +bitexact -flags:v +bitexact -flags:a +bitexact -map_metadata -1 -threads 1 -f mp4");
+  args.push_back(scratch.string());
+  return StartFfmpeg(std::move(args));
+}
+
+// The clip's bytes once its job ended; empty when ffmpeg is missing or failed.
+std::string FinishClip(pid_t job, const std::filesystem::path& scratch) {
   std::string bytes;
-  if (made) {
+  if (Succeeded(job)) {
     std::ifstream in(scratch, std::ios::binary);
     bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
@@ -195,7 +186,8 @@ Status SampleGenerator::WritePlayableMp4(const std::filesystem::path& file, cons
   Status s = MakeDirs(file.parent_path());
   if (!s.ok()) return s;
   const int tone = 220 + static_cast<int>(SeedFor(name) % 660);
-  return WritePaddedClip(file, MakeClip(file.string() + ".clip.mp4", tone), name, size);
+  const std::filesystem::path scratch = file.string() + ".clip.mp4";
+  return WritePaddedClip(file, FinishClip(StartClip(scratch, tone), scratch), name, size);
 }
 
 Status SampleGenerator::WriteMediaFile(const std::filesystem::path& file, const std::string& name,
@@ -266,6 +258,8 @@ Status SampleGenerator::WritePlayableHlsLadder(const std::filesystem::path& fold
   constexpr int kSegmentSeconds = 2;
   const std::string seconds = std::to_string(kSegmentSeconds * segments);
   std::string master = "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-INDEPENDENT-SEGMENTS\n";
+  std::vector<pid_t> jobs;
+  std::vector<std::pair<std::filesystem::path, std::filesystem::path>> landings;
   for (const auto& v : variants) {
     const std::string name = "v" + std::to_string(v.bandwidth / 1000) + "k";
     const auto dir = folder / name;
@@ -276,79 +270,45 @@ Status SampleGenerator::WritePlayableHlsLadder(const std::filesystem::path& fold
     std::error_code cleared;
     std::filesystem::remove_all(scratch, cleared);
     s = MakeDirs(scratch);
-    if (!s.ok()) return s;
-    s = MakeDirs(dir);
-    if (!s.ok()) return s;
+    if (s.ok()) s = MakeDirs(dir);
+    if (!s.ok()) {
+      for (pid_t job : jobs) Succeeded(job);
+      return s;
+    }
     // The layout WriteHlsLadder writes (init.mp4, seg<N>.m4s, index.m3u8), with
-    // H.264 and AAC as the master playlist's CODECS say; a key frame every
-    // segment, so that each segment starts one.
-    const bool made = RunFfmpeg({"-nostdin",
-                                 "-v",
-                                 "error",
-                                 "-y",
-                                 "-f",
-                                 "lavfi",
-                                 "-i",
-                                 "testsrc2=size=" + std::to_string(v.width) + "x" +
-                                     std::to_string(v.height) + ":rate=25:duration=" + seconds,
-                                 "-f",
-                                 "lavfi",
-                                 "-i",
-                                 "sine=frequency=440:sample_rate=44100:duration=" + seconds,
-                                 "-c:v",
-                                 "libx264",
-                                 "-preset",
-                                 "ultrafast",
-                                 "-profile:v",
-                                 "high",
-                                 "-level",
-                                 "3.1",
-                                 "-pix_fmt",
-                                 "yuv420p",
-                                 "-g",
-                                 "50",
-                                 "-keyint_min",
-                                 "50",
-                                 "-sc_threshold",
-                                 "0",
-                                 "-b:v",
-                                 std::to_string(v.bandwidth * 7 / 10),
-                                 "-threads",
-                                 "1",
-                                 "-c:a",
-                                 "aac",
-                                 "-b:a",
-                                 "48k",
-                                 "-fflags",
-                                 "+bitexact",
-                                 "-flags:v",
-                                 "+bitexact",
-                                 "-flags:a",
-                                 "+bitexact",
-                                 "-map_metadata",
-                                 "-1",
-                                 "-f",
-                                 "hls",
-                                 "-hls_time",
-                                 std::to_string(kSegmentSeconds),
-                                 "-hls_playlist_type",
-                                 "vod",
-                                 "-hls_segment_type",
-                                 "fmp4",
-                                 "-hls_fmp4_init_filename",
-                                 "init.mp4",
-                                 "-hls_segment_filename",
-                                 (scratch / "seg%d.m4s").string(),
-                                 (scratch / "index.m3u8").string()});
-    // Without ffmpeg (or with one that lacks an encoder) the ladder is synthetic.
-    if (made) s = LandFolder(scratch, dir);
-    std::filesystem::remove_all(scratch, cleared);
-    if (!made) return WriteHlsLadder(folder, variants, segments);
-    if (!s.ok()) return s;
-    master += "#EXT-X-STREAM-INF:BANDWIDTH=" + std::to_string(v.bandwidth) +
-              ",RESOLUTION=" + std::to_string(v.width) + "x" + std::to_string(v.height) +
+    // H.264 and AAC as the CODECS say and a key frame starting each segment.
+    // The picture is a quarter of the variant's size at 10 frames a second,
+    // so that a server starts quickly; RESOLUTION states what it is.
+    const std::string size =
+        std::to_string(v.width / 8 * 2) + "x" + std::to_string(v.height / 8 * 2);
+    auto args = Words("-nostdin -v error -y -f lavfi -i testsrc2=size=" + size +
+                      ":rate=10:duration=" + seconds +
+                      " -f lavfi -i sine=frequency=440:sample_rate=44100:duration=" + seconds +
+                      " -c:v libx264 -preset ultrafast -profile:v high -level 3.1 -pix_fmt yuv420p "
+                      "-g 20 -keyint_min 20 -sc_threshold 0 -b:v " +
+                      std::to_string(v.bandwidth * 7 / 10) +
+                      " -threads 1 -c:a aac -b:a 48k -fflags +bitexact -flags:v +bitexact "
+                      "-flags:a +bitexact -map_metadata -1 -f hls -hls_time " +
+                      std::to_string(kSegmentSeconds) +
+                      " -hls_playlist_type vod -hls_segment_type fmp4 -hls_fmp4_init_filename "
+                      "init.mp4 -hls_segment_filename");
+    args.push_back((scratch / "seg%d.m4s").string());
+    args.push_back((scratch / "index.m3u8").string());
+    jobs.push_back(StartFfmpeg(std::move(args)));
+    landings.emplace_back(scratch, dir);
+    master += "#EXT-X-STREAM-INF:BANDWIDTH=" + std::to_string(v.bandwidth) + ",RESOLUTION=" + size +
               ",CODECS=\"avc1.64001f,mp4a.40.2\"\n" + name + "/index.m3u8\n";
   }
+  bool made = true;
+  for (pid_t job : jobs) made = Succeeded(job) && made;
+  for (const auto& [scratch, dir] : landings) {
+    if (made) s = LandFolder(scratch, dir);
+    std::error_code cleared;
+    std::filesystem::remove_all(scratch, cleared);
+    if (!s.ok()) return s;
+  }
+  // Without ffmpeg (or with one that lacks an encoder) the ladder is synthetic.
+  if (!made) return WriteHlsLadder(folder, variants, segments);
   return WriteSampleFile(folder / "master.m3u8", master);
 }
 
@@ -364,16 +324,18 @@ Status SampleGenerator::Generate(const std::filesystem::path& dataDir, int64_t n
                                     {"files/morning-news-3.mp4", 384 * 1024},
                                     {"files/archive-1.mp4", 200 * 1024},
                                     {"files/welcome.mp4", 192 * 1024}};
-  // One clip (ffmpeg takes a moment to start) serves every sample file.
+  // One clip serves every sample file; it is made while the ladder is.
   Status made = MakeDirs(media / "files");
   if (!made.ok()) return made;
-  const std::string clip = MakeClip(media / "files" / ".sample-clip.mp4", 440);
+  const auto scratch = media / "files" / ".sample-clip.mp4";
+  const pid_t clipJob = StartClip(scratch, 440);
+  made = WritePlayableHlsLadder(media / "hls" / "feature", DefaultLadder(), 4);
+  const std::string clip = FinishClip(clipJob, scratch);
+  if (!made.ok()) return made;
   for (const auto& f : kFiles) {
     Status s = WritePaddedClip(media / f.path, clip, f.path, f.size);
     if (!s.ok()) return s;
   }
-  Status s = WritePlayableHlsLadder(media / "hls" / "feature", DefaultLadder(), 4);
-  if (!s.ok()) return s;
 
   // Items are spread over the last hours, oldest first, in whole seconds.
   const int64_t now = nowMs / 1000 * 1000;
