@@ -16,6 +16,7 @@
 //   refserver_http_load --port P [--mode zsm|static] [--devices 50] [--seconds 10]
 //       [--threads 2] [--per-address 50] [--user bench --key K --secret S]
 //       [--feeds f1,f2] [--since MS] [--path /catalog.json] [--dump FILE]
+//       [--verify 1]  (every reply body must parse as JSON)
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -62,6 +63,7 @@ struct Options {
   int64_t since = -1;
   std::string path = "/catalog.json";
   std::string dump;
+  bool verify = false;  // parse every reply body as JSON
 };
 
 std::string SignedPost(const Options& o, const std::string& endpoint, const std::string& device,
@@ -246,8 +248,9 @@ void Run(const Options& o, std::vector<Device>& devices, Clock::time_point measu
         continue;
       }
       const auto done = Clock::now();
-      const bool good = status == 200 &&
-                        (o.mode != "zsm" || body.find("\"response_code\":0") != std::string::npos);
+      bool good = status == 200 &&
+                  (o.mode != "zsm" || body.find("\"response_code\":0") != std::string::npos);
+      if (good && o.verify && !nlohmann::json::accept(body)) good = false;
       if (inSetup) {
         if (!good) {
           ++setupErrors;
@@ -326,6 +329,8 @@ int main(int argc, char** argv) {
       o.path = value;
     else if (name == "--dump")
       o.dump = value;
+    else if (name == "--verify")
+      o.verify = value == "1";
     else if (name == "--feeds") {
       o.feeds.clear();
       for (size_t at = 0; at <= value.size();) {

@@ -12,6 +12,12 @@ raised by flag, which the server documents.
 
   bench/refserver/http_vs_nginx.py --build build-bench [--devices 50,1000,10000]
                                    [--seconds 8] [--threads-client 2]
+                                   [--first-sync] [--unrelated 50000]
+
+--first-sync adds a run of 20 devices each fetching its whole catalog (20 feeds x
+500 items) again and again, every reply parsed as JSON: resident memory before and
+at its peak. --unrelated N adds two runs of 50 devices, without and with N items in
+a feed nobody subscribes to: CPU per incremental catalog of each.
 
 Needs a Release build with -DZSM_BUILD_BENCH=ON and nginx on the PATH. Loopback
 only; every file lives in a temporary folder that is removed at the end.
@@ -85,12 +91,87 @@ def run_load(client, args, pids_of):
     return result
 
 
+def write_seed(path, feeds, items, with_bench_account=True):
+    """A seed of `feeds` feeds f0.. of `items` items each (about 290 bytes each in a catalog)."""
+    seed = {"accounts": [{"user": "bench", "key": "bench-key", "secret": "bench-secret"}]
+            if with_bench_account else [], "feeds": []}
+    for f in range(feeds):
+        seed["feeds"].append({
+            "id": f"f{f}", "title": f"Feed {f}", "subscribable": True,
+            "items": [{"remoteUUID": f"f{f}-{i:06d}", "created": 1700000000000 + i,
+                       "metadata": {"title": f"Item {i} of feed {f}",
+                                    "desc": "A description of the item, as long as a typical one.",
+                                    "downloadURL": f"http://cdn.example/f{f}/{i}.mp4",
+                                    "mediaType": 0, "mime": "video/mp4"}}
+                      for i in range(items)]})
+    with open(path, "w") as out:
+        json.dump(seed, out)
+
+
+def serve(server, data, extra=()):
+    port = free_port()
+    srv = subprocess.Popen([server, "serve", "--data", data, "--port", str(port), "--no-console",
+                            "--log-level", "warn", *extra],
+                           stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    srv.stdout.readline()  # "listening on ..."
+    return srv, port
+
+
+def first_sync(server, client, work, seconds):
+    data = os.path.join(work, "first-sync")
+    seed = os.path.join(work, "first-sync.json")
+    write_seed(seed, 20, 500)
+    srv, port = serve(server, data, ["--seed", seed])
+    time.sleep(0.5)
+    base = proc_figures([srv.pid])[2]
+    feeds = ",".join(f"f{f}" for f in range(20))
+    r = run_load(client, ["--port", str(port), "--devices", "20", "--seconds", str(seconds),
+                          "--feeds", feeds, "--verify", "1", "--threads", "2"], lambda: [srv.pid])
+    srv.terminate()
+    srv.wait()
+    print(f"first sync, 20 devices x (20 feeds x 500 items): {r['ok']} catalogs, {r['errors']} errors, "
+          f"p50 {r['p50_ms']:.0f} ms, RSS {base:.0f} MB before, {r['rss_mb']:.0f} MB at peak "
+          f"(+{r['rss_mb'] - base:.0f} MB), {r['cpu_ms_per_req']:.1f} ms CPU each, "
+          f"{r['threads']} threads")
+
+
+def unrelated(server, client, work, seconds, count):
+    figures = []
+    for n in (0, count):
+        data = os.path.join(work, f"unrelated-{n}")
+        seed = os.path.join(work, f"unrelated-{n}.json")
+        write_seed(seed, 2, 20)
+        if n:
+            with open(seed) as f:
+                s = json.load(f)
+            s["feeds"].append({"id": "unread", "title": "Unread", "subscribable": True,
+                               "items": [{"remoteUUID": f"u-{i}", "created": 1700000000000 + i,
+                                          "metadata": {"downloadURL": f"http://x/{i}"}}
+                                         for i in range(n)]})
+            with open(seed, "w") as f:
+                json.dump(s, f)
+        srv, port = serve(server, data, ["--seed", seed])
+        r = run_load(client, ["--port", str(port), "--devices", "50", "--seconds", str(seconds),
+                              "--feeds", "f0,f1", "--since", str(int(time.time() * 1000))],
+                     lambda: [srv.pid])
+        srv.terminate()
+        srv.wait()
+        figures.append(r)
+    a, b = figures
+    print(f"incremental catalog, 50 devices: {a['cpu_ms_per_req']:.4f} ms CPU/request without, "
+          f"{b['cpu_ms_per_req']:.4f} with {count:,} unrelated items "
+          f"({b['cpu_ms_per_req'] / max(1e-9, a['cpu_ms_per_req']):.2f}x); "
+          f"{a['rps']:,.0f} / {b['rps']:,.0f} req/s")
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--build", default="build-bench")
     ap.add_argument("--devices", default="50,1000,10000")
     ap.add_argument("--seconds", type=float, default=8)
     ap.add_argument("--threads-client", type=int, default=2)
+    ap.add_argument("--first-sync", action="store_true")
+    ap.add_argument("--unrelated", type=int, default=0)
     a = ap.parse_args()
     server = os.path.join(a.build, "reference/server/zsm-server")
     client = [os.path.join(a.build, "bench/refserver/refserver_http_load")]
@@ -108,7 +189,11 @@ def main():
                 admin("add-item", "--uuid", f"{feed}-{i}", "--feed", feed, "--title", f"{feed} {i}",
                       "--url", f"http://cdn.example/{feed}/{i}.mp4", "--created", str(1700000000 + i))
         since = str(int(time.time() * 1000))
-        for devices in [int(d) for d in a.devices.split(",")]:
+        if a.first_sync:
+            first_sync(server, client, work, a.seconds)
+        if a.unrelated:
+            unrelated(server, client, work, a.seconds, a.unrelated)
+        for devices in [int(d) for d in a.devices.split(",") if d]:
             port = free_port()
             flags = ["--max-connections", str(devices + 2048)] if devices > 2000 else []
             srv = subprocess.Popen([server, "serve", "--data", data, "--port", str(port),
@@ -159,6 +244,8 @@ http {{
     finally:
         shutil.rmtree(work, ignore_errors=True)
 
+    if not rows:
+        return
     print("| devices | server | req/s | p50 ms | p99 ms | errors | threads | RSS MB | CPU ms/req | CPU ratio |")
     print("|---|---|---|---|---|---|---|---|---|---|")
     for devices, zsm, static, size in rows:
@@ -167,7 +254,8 @@ http {{
             print(f"| {devices:,} | {name} | {r['rps']:,.0f} | {r['p50_ms']:.2f} | {r['p99_ms']:.2f} | "
                   f"{r['errors'] + r.get('setup_errors', 0)} | {r['threads']} | {r['rss_mb']:.0f} | "
                   f"{r['cpu_ms_per_req']:.4f} | {f'{ratio:.1f}x' if name == 'zsm-server' else '1'} |")
-    print(f"\ncatalog reply: {rows[0][3] if rows else 0} bytes")
+    if rows:
+        print(f"\ncatalog reply: {rows[0][3]} bytes")
 
 
 if __name__ == "__main__":

@@ -225,6 +225,55 @@ std::string Exchange(int port, const std::string& from, const std::string& reque
   return got;
 }
 
+class StreamedCatalogTest : public RefServerFixture {};
+
+TEST_F(StreamedCatalogTest, ACatalogLongerThanABufferArrivesChunkedCompleteAndValid) {
+  for (int i = 0; i < 400; ++i) {
+    Item item;
+    item.uuid = "n" + std::to_string(i);
+    item.feed = "news";
+    item.createdMs = kNowMs - 100000 + i;
+    item.metadata = {{"title", "Item " + std::to_string(i)}, {"desc", std::string(300, 'd')}};
+    ASSERT_TRUE(server_->store()->AddItem(item, kNowMs).ok());
+  }
+  SignedRequest subscribe;
+  subscribe.endpoint = "subscribe";
+  subscribe.body = {{"feed", "news"}};
+  ASSERT_EQ(Send(subscribe).code(), 0);
+  SignedRequest catalog;
+  catalog.endpoint = "catalog";
+  catalog.body = {{"filter", {{"subscribed", true}}}};
+  for (int round = 0; round < 2; ++round) {
+    const RawReply whole = Send(catalog);
+    ASSERT_EQ(whole.status, 200);
+    ASSERT_EQ(whole.code(), 0) << whole.body.substr(0, 200);
+    EXPECT_GT(whole.body.size(), 100000u);
+    ASSERT_EQ(whole.json["collections"].size(), 1u);
+    EXPECT_EQ(whole.json["collections"][0]["contentItems"].size(), 400u);
+    EXPECT_EQ(whole.json["collections"][0]["contentItems"][399]["remoteUUID"], "n399");
+  }
+  // On the wire: the long one chunked, a short one (past every item) with a length.
+  auto raw = [&](const SignedRequest& r) {
+    const std::string body = BodyText(r);
+    return Exchange(server_->port(), "127.0.0.1",
+                    "POST /Subscriptions/client/catalog?sig=" + Signature(r, body) +
+                        " HTTP/1.1\r\nHost: " + HostHeader() + "\r\nContent-Length: " +
+                        std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
+  };
+  const std::string chunked = raw(catalog);
+  const std::string chunkedHead = chunked.substr(0, chunked.find("\r\n\r\n"));
+  EXPECT_NE(chunkedHead.find("Transfer-Encoding: chunked"), std::string::npos) << chunkedHead;
+  EXPECT_EQ(chunked.substr(chunked.size() - 5), "0\r\n\r\n");
+  catalog.body = {{"filter", {{"subscribed", true}, {"since", kNowMs}}}};
+  const RawReply small = Send(catalog);
+  ASSERT_EQ(small.code(), 0);
+  EXPECT_EQ(small.json["collections"][0]["contentItems"].size(), 0u);
+  const std::string whole = raw(catalog);
+  const std::string wholeHead = whole.substr(0, whole.find("\r\n\r\n"));
+  EXPECT_NE(wholeHead.find("Content-Length: "), std::string::npos) << wholeHead;
+  EXPECT_EQ(wholeHead.find("chunked"), std::string::npos) << wholeHead;
+}
+
 int StatusOf(const std::string& reply) {
   return reply.rfind("HTTP/1.1 ", 0) == 0 ? std::atoi(reply.c_str() + 9) : 0;
 }

@@ -225,6 +225,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
         console_(console) {}
   ~Connection() { server_.Release(peer_, this); }
 
+  tcp::socket::executor_type executor() { return socket_.get_executor(); }
+
   void Start() {
     {
       std::lock_guard lock(server_.mutex_);
@@ -977,8 +979,10 @@ void HttpServer::Impl::OnAccepted(tcp::socket socket, Listener* listener) {
     ++active_;
     if (!peer.trusted) ++perAddress_[peer.key];
   }
-  std::make_shared<Connection>(*this, std::move(socket), std::move(peer), listener->console)
-      ->Start();
+  auto connection =
+      std::make_shared<Connection>(*this, std::move(socket), std::move(peer), listener->console);
+  // Everything a connection does runs on its own strand, its start too.
+  asio::dispatch(connection->executor(), [connection] { connection->Start(); });
 }
 
 // Called with mutex_ held: a canned reply, sent without waiting, then close.
