@@ -3,6 +3,8 @@
 #include <httplib.h>
 #include <spdlog/spdlog.h>
 
+#include <unistd.h>
+
 #include <chrono>
 #include <fstream>
 
@@ -69,6 +71,12 @@ Status ContentServer::Create(ServerOptions options, std::unique_ptr<ContentServe
   if (options.limits.maxConnections < 1) options.limits.maxConnections = 1;
   if (options.limits.maxConnectionsPerAddress < 1) options.limits.maxConnectionsPerAddress = 1;
   if (!options.clockMs) options.clockMs = &ContentServer::WallClockMs;
+  if (options.nodeName.empty()) {
+    char host[256] = {};
+    options.nodeName = ::gethostname(host, sizeof(host) - 1) == 0 && host[0] != '\0'
+                           ? std::string(host)
+                           : std::string("node");
+  }
   std::unique_ptr<Store> store;
   Status s;
   if (options.databaseUrl.empty()) {
@@ -97,6 +105,7 @@ ContentServer::ContentServer(ServerOptions options, std::unique_ptr<Store> store
     : options_(std::move(options)),
       store_(std::move(store)),
       consoleStore_(std::move(consoleStore)),
+      figures_(options_.nodeName),
       sessions_(options_.consoleSessions),
       media_(std::make_unique<MediaLibrary>(options_.dataDir / "media")),
       protocol_(std::make_unique<ProtocolHandler>(store_.get(), options_.freshnessWindowSeconds,
@@ -184,6 +193,19 @@ void ContentServer::InstallRoutes() {
   http_->Get("/health", [](const httplib::Request&, httplib::Response& res) {
     res.set_content("ok\n", "text/plain");
   });
+  // The balancer's health check: ready only while this server reaches its store,
+  // whereas /health says no more than that the process answers.
+  http_->Get("/ready", [this](const httplib::Request&, httplib::Response& res) {
+    const Status s = store_->Ping();
+    if (s.ok()) {
+      res.set_content("ready\n", "text/plain");
+      return;
+    }
+    spdlog::warn("not ready: {}", s.ToString());
+    res.status = 503;
+    res.set_header("Retry-After", "1");
+    res.set_content("not ready: the store cannot be reached\n", "text/plain");
+  });
 
   http_->Get(R"(/media/(.+))", [this](const httplib::Request& req, httplib::Response& res) {
     MediaFile file;
@@ -244,6 +266,7 @@ Status ContentServer::Start() {
   if (!s.ok()) return s;
   port_ = port;
   thread_ = std::thread([this] { http_->Serve(); });
+  figures_.StartFlushing(store_.get(), options_.figuresEvery, options_.clockMs);
   // Stop() right after Start() must find the loop running, or it would miss it.
   while (!http_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   spdlog::info("serving {} from {}", url(), options_.dataDir.string());
@@ -254,6 +277,7 @@ void ContentServer::Stop() {
   if (!thread_.joinable()) return;
   http_->Shutdown();
   thread_.join();
+  figures_.StopFlushing();
 }
 
 }  // namespace zolvani::refserver

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -55,6 +56,11 @@ struct ServerOptions {
   bool console = true;
   bool consoleFromAnywhere = false;
   SessionLimits consoleSessions;
+  // Names this server among those sharing its store, in the console's figures and
+  // in logs; the host name when empty.
+  std::string nodeName;
+  // How often this server adds its traffic figures to the store.
+  std::chrono::milliseconds figuresEvery{10000};
 };
 
 class ContentServer {
@@ -78,6 +84,7 @@ class ContentServer {
   // Null when the console is off.
   ConsoleStore* consoleStore() { return consoleStore_.get(); }
   TrafficFigures* figures() { return &figures_; }
+  const std::string& nodeName() const { return options_.nodeName; }
   const std::filesystem::path& mediaRoot() const;
 
   static int64_t WallClockMs();

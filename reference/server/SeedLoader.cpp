@@ -107,9 +107,26 @@ Status SeedLoader::ParseItem(const json& entry, int64_t nowMs, Item* item) {
   return Status::OK();
 }
 
-Status SeedLoader::Apply(const json& seed, Store* store, int64_t nowMs, SeedSummary* summary) {
+Status SeedLoader::Apply(const json& seed, Store* store, int64_t nowMs, SeedSummary* summary,
+                         SeedMode mode) {
   if (!seed.is_object()) return Status::InvalidArgument("a seed must be a JSON object");
   SeedSummary counted;
+  const bool keep = mode == SeedMode::kAddMissing;
+  // Adds an item, or with kAddMissing leaves one of the same uuid as it is.
+  auto addItem = [&](const Item& item) {
+    if (!keep) {
+      Status s = store->AddItem(item, nowMs);
+      if (s.ok()) ++counted.items;
+      return s;
+    }
+    Status s = store->AddItem(item, nowMs, nullptr, /*replaceExisting=*/false);
+    if (s.IsAlreadyExists()) {
+      ++counted.kept;
+      return Status::OK();
+    }
+    if (s.ok()) ++counted.items;
+    return s;
+  };
 
   if (auto it = seed.find("accounts"); it != seed.end()) {
     if (!it->is_array()) return Status::InvalidArgument("\"accounts\" must be an array");
@@ -119,7 +136,13 @@ Status SeedLoader::Apply(const json& seed, Store* store, int64_t nowMs, SeedSumm
       Status s = Optional(entry, "user", "account", &account.user);
       if (s.ok()) s = Optional(entry, "key", "account " + account.user, &account.publicKey);
       if (s.ok()) s = Optional(entry, "secret", "account " + account.user, &account.secret);
-      if (s.ok()) s = store->AddAccount(account);
+      if (!s.ok()) return s;
+      Account held;
+      if (keep && store->FindAccount(account.user, &held).ok()) {
+        ++counted.kept;
+        continue;
+      }
+      s = store->AddAccount(account);
       if (!s.ok()) return s;
       ++counted.accounts;
     }
@@ -135,9 +158,16 @@ Status SeedLoader::Apply(const json& seed, Store* store, int64_t nowMs, SeedSumm
       if (s.ok()) s = Optional(entry, "title", where, &feed.title);
       if (s.ok()) s = Optional(entry, "subscribable", where, &feed.subscribable);
       if (s.ok() && entry.contains("rules")) s = ParseRules(entry["rules"], where, &feed.defaults);
-      if (s.ok()) s = store->AddFeed(feed);
       if (!s.ok()) return s;
-      ++counted.feeds;
+      Feed held;
+      const bool feedKept = keep && store->FindFeed(feed.id, &held).ok();
+      if (feedKept) {
+        ++counted.kept;
+      } else {
+        s = store->AddFeed(feed);
+        if (!s.ok()) return s;
+        ++counted.feeds;
+      }
       if (auto publishers = entry.find("publishers"); publishers != entry.end()) {
         if (!publishers->is_array()) {
           return Status::InvalidArgument(where + ": \"publishers\" must be an array of users");
@@ -146,6 +176,8 @@ Status SeedLoader::Apply(const json& seed, Store* store, int64_t nowMs, SeedSumm
           if (!user.is_string()) {
             return Status::InvalidArgument(where + ": \"publishers\" must be an array of users");
           }
+          // A kept feed keeps its grants as they are, revocations included.
+          if (feedKept) continue;
           s = store->GrantPublisher(feed.id, user.get<std::string>());
           if (!s.ok()) return Status::InvalidArgument(where + ": " + s.ToString());
           ++counted.publishers;
@@ -158,9 +190,8 @@ Status SeedLoader::Apply(const json& seed, Store* store, int64_t nowMs, SeedSumm
           Item item;
           s = ParseItem(itemEntry, nowMs, &item);
           item.feed = feed.id;
-          if (s.ok()) s = store->AddItem(item, nowMs);
+          if (s.ok()) s = addItem(item);
           if (!s.ok()) return s;
-          ++counted.items;
         }
       }
     }
@@ -175,9 +206,8 @@ Status SeedLoader::Apply(const json& seed, Store* store, int64_t nowMs, SeedSumm
       if (s.ok() && item.user.empty()) {
         s = Status::InvalidArgument("direct item " + item.uuid + " needs a \"user\"");
       }
-      if (s.ok()) s = store->AddItem(item, nowMs);
+      if (s.ok()) s = addItem(item);
       if (!s.ok()) return s;
-      ++counted.items;
     }
   }
   if (summary != nullptr) *summary = counted;

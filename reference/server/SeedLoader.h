@@ -17,18 +17,26 @@
 namespace zolvani::refserver {
 
 struct SeedSummary {
-  int accounts = 0;
+  int accounts = 0;  // added or replaced
   int feeds = 0;
   int items = 0;
   int publishers = 0;
+  int kept = 0;  // entries already in the store and left as they were (SeedMode::kAddMissing)
+};
+
+enum class SeedMode {
+  kReplace,     // entries already in the store are replaced
+  kAddMissing,  // entries already in the store (accounts, feeds with their publishers,
+                // items) are left as they are: applying the same seed again changes
+                // nothing, and items keep their creation times
 };
 
 class SeedLoader {
  public:
   // Applies every entry of `seed`, stopping at the first bad one with a message that
-  // names it. Entries already in the store are replaced.
-  static Status Apply(const nlohmann::json& seed, Store* store, int64_t nowMs,
-                      SeedSummary* summary);
+  // names it. Entries already in the store are replaced, or kept with kAddMissing.
+  static Status Apply(const nlohmann::json& seed, Store* store, int64_t nowMs, SeedSummary* summary,
+                      SeedMode mode = SeedMode::kReplace);
 
   // Reads and applies the seed file at `file`; a file nested deeper than
   // JsonLimits::kMaxSeedNesting is refused before it is parsed.

@@ -20,7 +20,8 @@ class Status {
     kAlreadyExists,       // the thing to add is there already
     kPermissionDenied,    // the caller may not do this
     kFailedPrecondition,  // the target is not in a state that allows it
-    kUnavailable          // a shared resource (the database) cannot serve now; try again
+    kUnavailable,         // a shared resource (the database) cannot serve now; try again
+    kReplayed             // a signed change whose signature was accepted before
   };
 
   Status() = default;
@@ -49,6 +50,9 @@ class Status {
   static Status Unavailable(std::string message) {
     return Status(Kind::kUnavailable, std::move(message));
   }
+  static Status Replayed(std::string message) {
+    return Status(Kind::kReplayed, std::move(message));
+  }
 
   bool ok() const { return kind_ == Kind::kOk; }
   bool IsNotFound() const { return kind_ == Kind::kNotFound; }
@@ -57,6 +61,7 @@ class Status {
   bool IsPermissionDenied() const { return kind_ == Kind::kPermissionDenied; }
   bool IsFailedPrecondition() const { return kind_ == Kind::kFailedPrecondition; }
   bool IsUnavailable() const { return kind_ == Kind::kUnavailable; }
+  bool IsReplayed() const { return kind_ == Kind::kReplayed; }
   Kind kind() const { return kind_; }
   const std::string& message() const { return message_; }
 
@@ -81,6 +86,8 @@ class Status {
         return "Failed precondition: " + message_;
       case Kind::kUnavailable:
         return "Unavailable: " + message_;
+      case Kind::kReplayed:
+        return "Replayed: " + message_;
     }
     return message_;
   }

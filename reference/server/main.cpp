@@ -72,11 +72,14 @@ Status Generate(const std::string& dataDir, Store* store) {
   const int64_t now = ContentServer::WallClockMs();
   Status s = SampleGenerator::Generate(dataDir, now, &seed);
   if (!s.ok()) return s;
+  // Generating again (a restart with --generate-sample, or the command run twice)
+  // keeps what the first generation made, creation times included.
   SeedSummary summary;
-  s = SeedLoader::Apply(seed, store, now, &summary);
+  s = SeedLoader::Apply(seed, store, now, &summary, SeedMode::kAddMissing);
   if (s.ok()) {
-    spdlog::info("sample content: {} account(s), {} feed(s), {} item(s)", summary.accounts,
-                 summary.feeds, summary.items);
+    spdlog::info(
+        "sample content: {} account(s), {} feed(s), {} item(s) added, {} kept as they were",
+        summary.accounts, summary.feeds, summary.items, summary.kept);
   }
   return s;
 }
@@ -84,7 +87,6 @@ Status Generate(const std::string& dataDir, Store* store) {
 struct ServeFlags {
   std::string databaseUrl;
   int databasePool = 8;
-  std::string nodeName;
   std::string address = "127.0.0.1";
   int port = 0;
   std::string seedFile;
@@ -97,6 +99,7 @@ struct ServeFlags {
   double keepAliveTimeout = 2;
   bool noConsole = false;
   bool consoleFromAnywhere = false;
+  std::string nodeName;
 };
 
 std::chrono::milliseconds Milliseconds(double seconds) {
@@ -116,7 +119,6 @@ int Serve(const std::string& dataDir, const ServeFlags& flags) {
   options.dataDir = dataDir;
   options.databaseUrl = flags.databaseUrl;
   options.databasePool = flags.databasePool;
-  if (!flags.nodeName.empty()) spdlog::info("node {}", flags.nodeName);
   options.address = flags.address;
   options.port = flags.port;
   options.publicUrl = flags.publicUrl;
@@ -127,6 +129,7 @@ int Serve(const std::string& dataDir, const ServeFlags& flags) {
   options.limits.keepAliveIdle = Milliseconds(flags.keepAliveTimeout);
   options.console = !flags.noConsole;
   options.consoleFromAnywhere = flags.consoleFromAnywhere;
+  options.nodeName = flags.nodeName;
   std::unique_ptr<ContentServer> server;
   Status s = ContentServer::Create(options, &server);
   if (!s.ok()) return Fail(s);
@@ -227,14 +230,15 @@ int main(int argc, char** argv) {
   serve->add_option("--db-pool", flags.databasePool, "connections to the database (--database)")
       ->capture_default_str()
       ->check(CLI::Range(1, 1000));
-  serve->add_option("--node-name", flags.nodeName, "this replica's name in figures and logs");
   serve->add_option("--address", flags.address, "address to listen on")->capture_default_str();
   serve->add_option("--port", flags.port, "port; 0 picks a free one")
       ->capture_default_str()
       ->check(CLI::Range(0, 65535));
   serve->add_option("--seed", flags.seedFile, "seed file (JSON) applied before serving")
       ->check(CLI::ExistingFile);
-  serve->add_flag("--generate-sample", flags.generate, "generate the sample content first");
+  serve->add_flag("--generate-sample", flags.generate,
+                  "generate the sample content first, as generate-sample does (for a demo; "
+                  "replicas are started without it)");
   serve->add_option("--public-url", flags.publicUrl,
                     "base URL devices use for media (default: each request's Host)");
   serve
@@ -268,6 +272,19 @@ int main(int argc, char** argv) {
       ->capture_default_str()
       ->check(CLI::Range(0.05, 3600.0));
 
+  serve
+      ->add_option("--node-name", flags.nodeName,
+                   "names this server among those sharing a database, in the console's figures "
+                   "and in log lines (default: the host name)")
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            const bool ok = !text.empty() && text.size() <= 64 &&
+                            text.find_first_not_of(
+                                "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTU"
+                                "VWXYZ0123456789._-") == std::string::npos;
+            return ok ? std::string() : "takes 1 to 64 letters, digits, '.', '_' or '-'";
+          },
+          "NAME"));
   serve->add_flag("--no-console", flags.noConsole, "do not serve the operator's console at /admin");
   serve->add_flag("--console-from-anywhere", flags.consoleFromAnywhere,
                   "let clients beyond the loopback interface reach the console");
@@ -348,7 +365,9 @@ int main(int argc, char** argv) {
   std::string listFeed;
   listPublishers->add_option("--feed", listFeed, "only grants that cover this feed");
 
-  auto* generateCmd = app.add_subcommand("generate-sample", "write and publish sample content");
+  auto* generateCmd = app.add_subcommand(
+      "generate-sample",
+      "write and publish sample content once; what is already there, files and items, is kept");
   addData(generateCmd);
 
   auto* listPushes = app.add_subcommand("list-pushes", "print push notices, one JSON per line");
@@ -379,6 +398,10 @@ int main(int argc, char** argv) {
 
   CLI11_PARSE(app, argc, argv);
   spdlog::set_level(*LogLevel(logLevel));
+  if (serve->parsed() && !flags.nodeName.empty()) {
+    // Log lines of several servers end up side by side; each names its server.
+    spdlog::set_pattern("[%Y-%m-%d %H:%M:%S.%e] [" + flags.nodeName + "] [%^%l%$] %v");
+  }
 
   if (migrate->parsed()) {
     int from = 0, to = 0;

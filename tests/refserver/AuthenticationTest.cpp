@@ -1,5 +1,8 @@
 // Who gets in: the signature, key, account and freshness checks, replays, and
 // request bodies that are not what the protocol describes.
+#include <sqlite3.h>
+
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -110,6 +113,129 @@ TEST_F(AuthenticationTest, ReplayedRequestIsRefusedUntilItsTimestampIsStale) {
   EXPECT_EQ(Post(target, body).status, 403) << "outside the window: stale";
   // A fresh request from the same device is fine.
   EXPECT_EQ(Send(r).status, 200);
+}
+
+// Runs `sql` on the server's database through a connection of its own, as another
+// process would.
+void ExecOnDatabase(const std::filesystem::path& dir, const std::string& sql) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dir / "server.sqlite").c_str(), &db), SQLITE_OK);
+  sqlite3_busy_timeout(db, 5000);
+  char* error = nullptr;
+  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK)
+      << (error != nullptr ? error : "");
+  sqlite3_free(error);
+  sqlite3_close(db);
+}
+
+TEST_F(AuthenticationTest, AChangeThatFailsLeavesItsSignatureForTheSameRequestAgain) {
+  // The signature is taken in the change's own transaction: when the change is
+  // refused or fails, the device may send the very same bytes again once the cause
+  // is gone, and only a change that took effect spends its signature.
+  struct Case {
+    const char* name;
+    std::string endpoint;
+    nlohmann::json body;
+    std::function<void()> fault;  // before the first attempt
+    int status;                   // of the first attempt
+    int code;                     // its response_code when status is 200
+    std::function<void()> fix;
+  };
+  Store* store = server_->store();
+  const std::vector<Case> cases = {
+      {"subscribe to a feed not yet made",
+       "subscribe",
+       {{"feed", "later"}},
+       [] {},
+       200,
+       2,
+       [&] {
+         ASSERT_TRUE(store->AddFeed({"later", "Later", true, {}}).ok());
+       }},
+      {"publish before the grant",
+       "addItemAndNotifyDevice",
+       {{"body", {{"uuid", "u-grant"}, {"feed", "news"}, {"downloadURL", "http://x/a.mp4"}}}},
+       [] {},
+       200,
+       6,
+       [&] { ASSERT_TRUE(store->GrantPublisher("news", "alice").ok()); }},
+      {"subscribe while writes fail",
+       "subscribe",
+       {{"feed", "sports"}},
+       [&] {
+         ExecOnDatabase(dir_,
+                        "CREATE TRIGGER fault BEFORE INSERT ON subscriptions "
+                        "BEGIN SELECT RAISE(ABORT, 'injected fault'); END");
+       },
+       500,
+       500,
+       [&] { ExecOnDatabase(dir_, "DROP TRIGGER fault"); }},
+      {"unsubscribe while writes fail",
+       "unsubscribe",
+       {{"feed", "sports"}},
+       [&] {
+         ExecOnDatabase(dir_,
+                        "CREATE TRIGGER fault BEFORE DELETE ON subscriptions "
+                        "BEGIN SELECT RAISE(ABORT, 'injected fault'); END");
+       },
+       500,
+       500,
+       [&] { ExecOnDatabase(dir_, "DROP TRIGGER fault"); }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    nowMs_ += 1000;  // a new second: no case shares another's signature
+    SignedRequest r;
+    r.endpoint = c.endpoint;
+    r.body = c.body;
+    const std::string body = BodyText(r);
+    const std::string target = "/Subscriptions/client/" + c.endpoint + "?sig=" + Signature(r, body);
+    c.fault();
+    const RawReply first = Post(target, body);
+    EXPECT_EQ(first.status, c.status) << first.body;
+    EXPECT_EQ(first.code(), c.code) << first.body;
+    c.fix();
+    const RawReply again = Post(target, body);
+    EXPECT_EQ(again.status, 200) << again.body;
+    EXPECT_EQ(again.code(), 0) << again.body;
+    EXPECT_EQ(Post(target, body).status, 403) << "now it took effect: a replay";
+  }
+  std::vector<std::string> feeds;
+  ASSERT_TRUE(store->Subscriptions("alice", "device-1", &feeds).ok());
+  EXPECT_EQ(feeds, std::vector<std::string>{"later"});
+}
+
+TEST_F(AuthenticationTest, AReplaySentToAnotherServerOnTheSameStoreIsRefused) {
+  // Servers behind one balancer share the store, and so the signatures it took.
+  ServerOptions options;
+  options.dataDir = dir_;
+  options.threads = 2;
+  options.console = false;
+  options.clockMs = [this] { return nowMs_.load(); };
+  std::unique_ptr<ContentServer> second;
+  ASSERT_TRUE(ContentServer::Create(options, &second).ok());
+  ASSERT_TRUE(second->Start().ok());
+  SignedRequest r;
+  r.endpoint = "subscribe";
+  r.body = {{"feed", "news"}};
+  const std::string body = BodyText(r);
+  const std::string target = "/Subscriptions/client/subscribe?sig=" + Signature(r, body);
+  // The balancer keeps the Host the device signed.
+  const httplib::Headers headers = {{"Host", HostHeader()}};
+  ASSERT_EQ(Post(target, body).code(), 0);
+  httplib::Client client("127.0.0.1", second->port());
+  auto replay = client.Post(target.c_str(), headers, body, "application/json");
+  ASSERT_TRUE(replay);
+  EXPECT_EQ(replay->status, 403) << replay->body;
+  // A read-only request is answered by either, however often it is repeated.
+  r.endpoint = "subscriptions";
+  const std::string read = BodyText(r);
+  const std::string readTarget = "/Subscriptions/client/subscriptions?sig=" + Signature(r, read);
+  EXPECT_EQ(Post(readTarget, read).code(), 0);
+  auto again = client.Post(readTarget.c_str(), headers, read, "application/json");
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->status, 200);
+  second->Stop();
 }
 
 TEST_F(AuthenticationTest, RepeatedReadOnlyRequestsAreAnsweredEachTime) {

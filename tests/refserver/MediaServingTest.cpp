@@ -111,6 +111,46 @@ TEST_F(MediaServingTest, RangesHonourIfRange) {
   EXPECT_NE(changed->get_header_value("ETag"), etag);
 }
 
+TEST_F(MediaServingTest, ADownloadBegunOnOneServerResumesOnAnotherHoldingACopy) {
+  // Behind a balancer the next request may reach another server, with its own copy
+  // of the media folder made with times kept (rsync -a, cp -p).
+  namespace fs = std::filesystem;
+  const fs::path other = dir_ / "other-node";
+  fs::create_directories(other / "media/files");
+  const fs::path original = dir_ / "media/files/clip.mp4";
+  const fs::path copy = other / "media/files/clip.mp4";
+  fs::copy_file(original, copy);
+  fs::last_write_time(copy, fs::last_write_time(original));
+  ServerOptions options;
+  options.dataDir = other;
+  options.threads = 2;
+  options.console = false;
+  std::unique_ptr<ContentServer> second;
+  ASSERT_TRUE(ContentServer::Create(options, &second).ok());
+  ASSERT_TRUE(second->Start().ok());
+
+  httplib::Client first("127.0.0.1", server_->port());
+  httplib::Client next("127.0.0.1", second->port());
+  auto begun = first.Get("/media/files/clip.mp4", {{"Range", "bytes=0-99"}});
+  ASSERT_TRUE(begun);
+  ASSERT_EQ(begun->status, 206);
+  const std::string etag = begun->get_header_value("ETag");
+  auto resumed = next.Get("/media/files/clip.mp4", {{"Range", "bytes=100-"}, {"If-Range", etag}});
+  ASSERT_TRUE(resumed);
+  EXPECT_EQ(resumed->status, 206);
+  EXPECT_EQ(resumed->get_header_value("ETag"), etag);
+  EXPECT_EQ(begun->body + resumed->body, FileBytes("files/clip.mp4"));
+
+  // A copy whose time was not kept is another version as far as validators go: the
+  // download starts again rather than mixing two files.
+  fs::last_write_time(copy, fs::last_write_time(original) + std::chrono::seconds(5));
+  auto restarted = next.Get("/media/files/clip.mp4", {{"Range", "bytes=100-"}, {"If-Range", etag}});
+  ASSERT_TRUE(restarted);
+  EXPECT_EQ(restarted->status, 200);
+  EXPECT_EQ(restarted->body.size(), 300000u);
+  second->Stop();
+}
+
 TEST_F(MediaServingTest, PathsOutsideTheMediaFolderAreNotServed) {
   std::ofstream(dir_ / "secret.txt") << "not media";
   std::filesystem::create_symlink(dir_ / "secret.txt", dir_ / "media/files/link.mp4");

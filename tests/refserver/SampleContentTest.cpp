@@ -1,10 +1,13 @@
 // The generated sample and seed files: what a demo device sees must be downloadable
 // from the server itself, and a broken seed is refused with a message, not loaded
 // halfway into something odd.
+#include <map>
 #include <set>
+#include <thread>
 
 #include "RefServerFixture.h"
 #include "reference/server/SeedLoader.h"
+#include "reference/server/media/MediaLibrary.h"
 #include "reference/server/media/SampleGenerator.h"
 
 namespace zolvani::refserver::testing {
@@ -49,6 +52,70 @@ TEST_F(SampleContentTest, EveryCatalogUrlOfTheSampleIsServedByTheServer) {
     EXPECT_LT(item["created"].get<int64_t>(), nowMs_.load());
   }
   EXPECT_EQ(hls, 1);
+}
+
+TEST_F(SampleContentTest, GeneratingAgainOrElsewhereKeepsValidatorsAndCreationTimes) {
+  // Generating is a one-shot step, but a demo restarted with --generate-sample, or
+  // each server generating for itself, must not make devices start downloads
+  // again nor see the sample items as new.
+  namespace fs = std::filesystem;
+  auto generate = [&](const fs::path& dataDir) {
+    json seed;
+    ASSERT_TRUE(SampleGenerator::Generate(dataDir, nowMs_, &seed).ok());
+    SeedSummary summary;
+    ASSERT_TRUE(
+        SeedLoader::Apply(seed, server_->store(), nowMs_, &summary, SeedMode::kAddMissing).ok());
+  };
+  // ETag of every file under `dataDir`/media, as a server of that folder sends it.
+  auto validators = [&](const fs::path& dataDir) {
+    MediaLibrary library(dataDir / "media");
+    std::map<std::string, std::string> etags;
+    for (const auto& entry : fs::recursive_directory_iterator(dataDir / "media")) {
+      if (!entry.is_regular_file()) continue;
+      const std::string relative = fs::relative(entry.path(), dataDir / "media").string();
+      MediaFile file;
+      EXPECT_TRUE(library.Find(relative, &file).ok()) << relative;
+      etags[relative] = file.etag;
+    }
+    return etags;
+  };
+  auto items = [&] {
+    std::vector<Item> held;
+    EXPECT_TRUE(server_->store()->ListItems("", "", 100, &held).ok());
+    std::map<std::string, int64_t> created;
+    for (const auto& i : held) created[i.uuid] = i.createdMs;
+    return created;
+  };
+  generate(dir_);
+  ASSERT_TRUE(server_->store()->Subscribe("demo", "phone", "morning-news").ok());
+  const auto firstEtags = validators(dir_);
+  const auto firstItems = items();
+  ASSERT_GT(firstEtags.size(), 10u);
+  ASSERT_EQ(firstItems.size(), 6u);
+  std::vector<PushNotice> pushes;
+  ASSERT_TRUE(server_->store()->ListPushes("", "", false, false, &pushes).ok());
+
+  nowMs_ += 3600 * 1000;
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  generate(dir_);
+  EXPECT_EQ(validators(dir_), firstEtags);
+  EXPECT_EQ(items(), firstItems);
+  std::vector<PushNotice> after;
+  ASSERT_TRUE(server_->store()->ListPushes("", "", false, false, &after).ok());
+  EXPECT_EQ(after.size(), pushes.size()) << "no item was announced again";
+
+  // Another server's data folder generated an hour later holds the same files
+  // with the same times, so the same validators.
+  const fs::path elsewhere = dir_ / "elsewhere";
+  json seed;
+  ASSERT_TRUE(SampleGenerator::Generate(elsewhere, nowMs_, &seed).ok());
+  const auto there = validators(elsewhere);
+  EXPECT_GE(there.size(), 20u);
+  for (const auto& [relative, etag] : there) {
+    SCOPED_TRACE(relative);
+    ASSERT_EQ(firstEtags.count(relative), 1u);
+    EXPECT_EQ(firstEtags.at(relative), etag);
+  }
 }
 
 TEST_F(SampleContentTest, BadSeedsAreRefusedWithTheEntryNamed) {

@@ -42,6 +42,7 @@ AdminReply FromStatus(const Status& s) {
     case Status::Kind::kFailedPrecondition:
       return Error(409, s.message());
     case Status::Kind::kPermissionDenied:
+    case Status::Kind::kReplayed:
       return Error(403, s.message());
     case Status::Kind::kUnavailable:
       return Error(503, s.message());
@@ -335,7 +336,15 @@ AdminReply AdminApi::Session(const AdminRequest& request, const json&) {
 
 AdminReply AdminApi::Figures(const AdminRequest&, const json&) {
   const int64_t now = clockMs_();
-  json figures = figures_->Snapshot(now);
+  // Every server on the store adds its counts every few seconds; this one's own
+  // go in first, so that the page shows what it answered up to now.
+  json figures;
+  if (Status flushed = figures_->Flush(content_, now); !flushed.ok()) {
+    spdlog::warn("figures kept for later: {}", flushed.ToString());
+  }
+  if (Status s = TrafficFigures::SharedSnapshot(content_, now, &figures); !s.ok()) {
+    return FromStatus(s);
+  }
   std::vector<FeedSummary> feeds;
   std::vector<DeviceSummary> devices;
   std::vector<AccountSummary> accounts;

@@ -76,12 +76,15 @@ Status MediaLibrary::Find(std::string_view relative, MediaFile* file) const {
   }
   file->path = candidate;
   file->size = static_cast<uint64_t>(st.st_size);
+  // The validator names this version of the file the same way on every server
+  // holding a copy with its times kept (rsync -a, cp -p, one shared folder), so
+  // that a download begun on one server resumes on another: size and modification
+  // time only, never the inode or the device.
   const auto mtimeNs = static_cast<uint64_t>(st.st_mtim.tv_sec) * 1000000000ull +
                        static_cast<uint64_t>(st.st_mtim.tv_nsec);
-  char etag[64];
-  std::snprintf(
-      etag, sizeof(etag), "\"%llx-%llx-%llx\"", static_cast<unsigned long long>(st.st_ino),
-      static_cast<unsigned long long>(file->size), static_cast<unsigned long long>(mtimeNs));
+  char etag[48];
+  std::snprintf(etag, sizeof(etag), "\"%llx-%llx\"", static_cast<unsigned long long>(file->size),
+                static_cast<unsigned long long>(mtimeNs));
   file->etag = etag;
   file->lastModified = HttpDate(static_cast<int64_t>(st.st_mtim.tv_sec));
   file->contentType = ContentTypeFor(candidate);

@@ -36,7 +36,7 @@ struct RangeRequest {
 struct MediaFile {
   std::filesystem::path path;
   uint64_t size = 0;
-  std::string etag;          // strong, quoted
+  std::string etag;          // strong, quoted; from size and modification time only
   std::string lastModified;  // HTTP date
   std::string contentType;
 };

@@ -1,6 +1,10 @@
 #include "reference/server/media/SampleGenerator.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <system_error>
 
@@ -18,11 +22,41 @@ uint64_t SeedFor(const std::string& name) {
   return h == 0 ? 1 : h;
 }
 
-Status WriteText(const std::filesystem::path& file, const std::string& text) {
-  std::ofstream out(file, std::ios::binary | std::ios::trunc);
-  out << text;
-  out.close();
-  if (!out) return Status::IOError("cannot write " + file.string());
+// Writes `text` to `file` unless it holds exactly that already, then gives it the
+// fixed modification time of every sample file. Generating again, on this server or
+// on another one, so leaves each file's validators as they were: a download begun
+// before a restart, or on another server, resumes. A file is written beside its
+// final name and renamed over it, so that a reader never sees half of it.
+Status WriteSampleFile(const std::filesystem::path& file, const std::string& text) {
+  bool same = false;
+  {
+    std::ifstream in(file, std::ios::binary);
+    if (in) {
+      std::ostringstream held;
+      held << in.rdbuf();
+      same = held.str() == text;
+    }
+  }
+  if (!same) {
+    std::filesystem::path partial = file;
+    partial += ".partial";
+    std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+    out << text;
+    out.close();
+    if (!out) {
+      std::error_code ec;
+      std::filesystem::remove(partial, ec);
+      return Status::IOError("cannot write " + partial.string());
+    }
+    std::error_code ec;
+    std::filesystem::rename(partial, file, ec);
+    if (ec) return Status::IOError("cannot rename " + partial.string() + ": " + ec.message());
+  }
+  const struct timespec times[2] = {{SampleGenerator::kFileTimeSeconds, 0},
+                                    {SampleGenerator::kFileTimeSeconds, 0}};
+  if (::utimensat(AT_FDCWD, file.c_str(), times, 0) != 0) {
+    return Status::IOError("cannot set the time of " + file.string());
+  }
   return Status::OK();
 }
 
@@ -55,7 +89,7 @@ Status SampleGenerator::WriteMediaFile(const std::filesystem::path& file, const 
     state ^= state << 17;
     bytes[i] = static_cast<char>(state & 0xff);
   }
-  return WriteText(file, bytes);
+  return WriteSampleFile(file, bytes);
 }
 
 std::vector<HlsVariant> SampleGenerator::DefaultLadder() {
@@ -89,10 +123,10 @@ Status SampleGenerator::WriteHlsLadder(const std::filesystem::path& folder,
       playlist += "#EXTINF:" + std::to_string(kSegmentSeconds) + ".000,\n" + segment + "\n";
     }
     playlist += "#EXT-X-ENDLIST\n";
-    s = WriteText(dir / "index.m3u8", playlist);
+    s = WriteSampleFile(dir / "index.m3u8", playlist);
     if (!s.ok()) return s;
   }
-  return WriteText(folder / "master.m3u8", master);
+  return WriteSampleFile(folder / "master.m3u8", master);
 }
 
 Status SampleGenerator::Generate(const std::filesystem::path& dataDir, int64_t nowMs,
@@ -159,7 +193,11 @@ Status SampleGenerator::Generate(const std::filesystem::path& dataDir, int64_t n
          direct["user"] = kDemoUser;
          return direct;
        }()}}};
-  return WriteText(dataDir / "sample-seed.json", seed->dump(2) + "\n");
+  std::ofstream out(dataDir / "sample-seed.json", std::ios::binary | std::ios::trunc);
+  out << seed->dump(2) << "\n";
+  out.close();
+  if (!out) return Status::IOError("cannot write " + (dataDir / "sample-seed.json").string());
+  return Status::OK();
 }
 
 }  // namespace zolvani::refserver

@@ -2,8 +2,11 @@
 // fetching anything: small synthetic media files, an HLS video-on-demand ladder, and
 // a seed that publishes them in feeds for a demo account.
 //
-// The bytes are deterministic (the same name always gives the same content); only
-// the items' creation times follow the clock. Stateless and thread-compatible.
+// The bytes are deterministic (the same name always gives the same content) and
+// every sample file carries the same fixed modification time, so that servers that
+// generate the sample each for itself serve it with the same validators, and
+// generating again changes no file. Only the items' creation times follow the
+// clock. Stateless and thread-compatible.
 #pragma once
 
 #include <cstdint>
@@ -29,6 +32,10 @@ class SampleGenerator {
   static constexpr const char* kDemoKey = "demo-public-key";
   static constexpr const char* kDemoSecret = "demo-secret";
 
+  // Modification time of every sample file, seconds since 1970. Change it whenever
+  // the bytes the generator writes change, so that no validator names two contents.
+  static constexpr int64_t kFileTimeSeconds = 1700000000;
+
   // Writes `size` deterministic bytes derived from `name` to `file`, starting with a
   // small MP4 file-type box so that the file looks like the video it stands for.
   static Status WriteMediaFile(const std::filesystem::path& file, const std::string& name,
@@ -44,7 +51,10 @@ class SampleGenerator {
   static std::vector<HlsVariant> DefaultLadder();
 
   // Writes the sample media under `dataDir`/media and returns the seed that
-  // publishes it; the seed is also written to `dataDir`/sample-seed.json.
+  // publishes it, its items dated from `nowMs`; the seed is also written to
+  // `dataDir`/sample-seed.json. Files already as they should be are left alone.
+  // Apply the seed with SeedLoader's SeedMode::kAddMissing so that a second
+  // generation neither re-dates nor replaces the items of the first.
   static Status Generate(const std::filesystem::path& dataDir, int64_t nowMs, nlohmann::json* seed);
 };
 

@@ -3,6 +3,7 @@
 #include <spdlog/spdlog.h>
 
 #include <array>
+#include <optional>
 
 #include "reference/server/protocol/CatalogBuilder.h"
 #include "reference/server/protocol/JsonLimits.h"
@@ -78,26 +79,30 @@ bool OptionalString(const json& object, const char* key, std::string* value, Pro
   return true;
 }
 
-// Records "push_registration" when present; fills `reply` when it is malformed.
-bool RecordPushRegistration(Store* store, const json& body, const RequestHeader& header,
-                            int64_t nowMs, ProtocolReply* reply) {
+// Reads "push_registration" into `registration` when present; fills `reply` when it
+// is malformed.
+bool ParsePushRegistration(const json& body, int64_t nowMs,
+                           std::optional<PushRegistration>* registration, ProtocolReply* reply) {
   auto it = body.find("push_registration");
   if (it == body.end() || it->is_null()) return true;
-  std::string service;
-  std::string token;
-  if (!it->is_object() || !RequireString(*it, "service", &service, reply) ||
-      !RequireString(*it, "token", &token, reply)) {
+  PushRegistration given;
+  given.updatedMs = nowMs;
+  if (!it->is_object() || !RequireString(*it, "service", &given.service, reply) ||
+      !RequireString(*it, "token", &given.token, reply)) {
     *reply =
         Refuse(kResponseInvalidMember,
                "\"push_registration\" must be an object with string \"service\" and \"token\"");
     return false;
   }
-  Status s = store->SetPushRegistration(header.userId, header.deviceId, service, token, nowMs);
-  if (!s.ok()) {
-    *reply = InternalError(s);
-    return false;
-  }
+  *registration = std::move(given);
   return true;
+}
+
+// The answer to a change the store refused because its signature was used before.
+ProtocolReply Replayed(const std::string& endpoint, const RequestHeader& header) {
+  const char* why = RequestAuthenticator::Describe(RequestAuthenticator::Verdict::kReplayed);
+  spdlog::info("refused {} from {}/{}: {}", endpoint, header.userId, header.deviceId, why);
+  return Forbidden(why);
 }
 
 bool EndsWith(const std::string& text, const std::string& suffix) {
@@ -149,10 +154,7 @@ ProtocolReply ProtocolHandler::Handle(const ProtocolRequest& request) {
     return Refuse(kResponseMalformedRequest, "Malformed request: " + problem);
   }
   const int64_t nowMs = clockMs_();
-  const auto verdict =
-      auth_.Check(input, nowMs / 1000,
-                  IsReadOnly(request.endpoint) ? RequestAuthenticator::Replays::kAllow
-                                               : RequestAuthenticator::Replays::kRefuse);
+  const auto verdict = auth_.Check(input, nowMs / 1000);
   if (verdict == RequestAuthenticator::Verdict::kStoreFailure) {
     return InternalError(Status::IOError("account lookup"));
   }
@@ -166,7 +168,8 @@ ProtocolReply ProtocolHandler::Handle(const ProtocolRequest& request) {
   }
   Status s = TouchDevice(input.header, nowMs);
   if (!s.ok()) return InternalError(s);
-  ProtocolReply reply = Dispatch(request, body, input.header, nowMs);
+  ProtocolReply reply =
+      Dispatch(request, body, input.header, nowMs, auth_.ClaimFor(input, nowMs / 1000));
   spdlog::debug("{} from {}/{}: HTTP {} code {}", request.endpoint, input.header.userId,
                 input.header.deviceId, reply.httpStatus,
                 reply.body["response_header"].value("response_code", 0));
@@ -188,13 +191,14 @@ Status ProtocolHandler::TouchDevice(const RequestHeader& header, int64_t nowMs) 
 }
 
 ProtocolReply ProtocolHandler::Dispatch(const ProtocolRequest& request, const json& body,
-                                        const RequestHeader& header, int64_t nowMs) {
+                                        const RequestHeader& header, int64_t nowMs,
+                                        const SignatureClaim& claim) {
   const std::string& e = request.endpoint;
   if (e == "validate") return Validate(body, header, nowMs);
-  if (e == "subscribe") return Subscribe(body, header, nowMs);
-  if (e == "unsubscribe") return Unsubscribe(body, header);
+  if (e == "subscribe") return Subscribe(body, header, nowMs, claim);
+  if (e == "unsubscribe") return Unsubscribe(body, header, claim);
   if (e == "subscriptions") return ListSubscriptions(header);
-  if (e == "addItemAndNotifyDevice") return AddItem(body, header, nowMs);
+  if (e == "addItemAndNotifyDevice") return AddItem(body, header, nowMs, claim);
   if (e == "catalog") return Catalog(body, header, request.serverUrl, nowMs);
   return {404, {{"response_header", Header(404, "Unknown endpoint")}}};
 }
@@ -202,26 +206,39 @@ ProtocolReply ProtocolHandler::Dispatch(const ProtocolRequest& request, const js
 ProtocolReply ProtocolHandler::Validate(const json& body, const RequestHeader& header,
                                         int64_t nowMs) {
   ProtocolReply reply;
-  if (!RecordPushRegistration(store_, body, header, nowMs, &reply)) return reply;
+  std::optional<PushRegistration> registration;
+  if (!ParsePushRegistration(body, nowMs, &registration, &reply)) return reply;
+  if (registration) {
+    Status s = store_->SetPushRegistration(header.userId, header.deviceId, registration->service,
+                                           registration->token, nowMs);
+    if (!s.ok()) return InternalError(s);
+  }
   return Ok();
 }
 
 ProtocolReply ProtocolHandler::Subscribe(const json& body, const RequestHeader& header,
-                                         int64_t nowMs) {
+                                         int64_t nowMs, const SignatureClaim& claim) {
   ProtocolReply reply;
   std::string feed;
   if (!RequireString(body, "feed", &feed, &reply)) return reply;
-  if (!RecordPushRegistration(store_, body, header, nowMs, &reply)) return reply;
-  Status s = store_->Subscribe(header.userId, header.deviceId, feed);
+  std::optional<PushRegistration> registration;
+  if (!ParsePushRegistration(body, nowMs, &registration, &reply)) return reply;
+  // The registration is recorded in the subscribe's own transaction, so that a
+  // replayed or refused subscribe leaves the device's token as it was.
+  Status s = store_->Subscribe(header.userId, header.deviceId, feed, &claim,
+                               registration ? &*registration : nullptr);
+  if (s.IsReplayed()) return Replayed("subscribe", header);
   if (!s.ok()) return FromFeedStatus(s, feed);
   return Ok();
 }
 
-ProtocolReply ProtocolHandler::Unsubscribe(const json& body, const RequestHeader& header) {
+ProtocolReply ProtocolHandler::Unsubscribe(const json& body, const RequestHeader& header,
+                                           const SignatureClaim& claim) {
   ProtocolReply reply;
   std::string feed;
   if (!RequireString(body, "feed", &feed, &reply)) return reply;
-  Status s = store_->Unsubscribe(header.userId, header.deviceId, feed);
+  Status s = store_->Unsubscribe(header.userId, header.deviceId, feed, &claim);
+  if (s.IsReplayed()) return Replayed("unsubscribe", header);
   if (!s.ok()) return FromFeedStatus(s, feed);
   return Ok();
 }
@@ -233,8 +250,8 @@ ProtocolReply ProtocolHandler::ListSubscriptions(const RequestHeader& header) {
   return Ok({{"subscriptions", feeds}});
 }
 
-ProtocolReply ProtocolHandler::AddItem(const json& body, const RequestHeader& header,
-                                       int64_t nowMs) {
+ProtocolReply ProtocolHandler::AddItem(const json& body, const RequestHeader& header, int64_t nowMs,
+                                       const SignatureClaim& claim) {
   auto it = body.find("body");
   if (it == body.end() || !it->is_object()) {
     return Refuse(kResponseInvalidMember, "\"body\" must be an object");
@@ -289,7 +306,8 @@ ProtocolReply ProtocolHandler::AddItem(const json& body, const RequestHeader& he
   if (item.feed.empty()) item.user = header.userId;
   item.createdMs = nowMs;
   std::vector<PushNotice> notices;
-  Status s = store_->PublishItem(item, header.userId, nowMs, &notices);
+  Status s = store_->PublishItem(item, header.userId, nowMs, &notices, &claim);
+  if (s.IsReplayed()) return Replayed("addItemAndNotifyDevice", header);
   if (!s.ok()) {
     ProtocolReply refusal;
     if (s.IsNotFound()) {

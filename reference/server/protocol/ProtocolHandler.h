@@ -56,13 +56,18 @@ class ProtocolHandler {
   ProtocolReply Handle(const ProtocolRequest& request);
 
  private:
+  // `claim` is the signature a change admits in its own transaction (see
+  // SignatureClaim); read-only endpoints ignore it.
   ProtocolReply Dispatch(const ProtocolRequest& request, const nlohmann::json& body,
-                         const RequestHeader& header, int64_t nowMs);
+                         const RequestHeader& header, int64_t nowMs, const SignatureClaim& claim);
   ProtocolReply Validate(const nlohmann::json& body, const RequestHeader& header, int64_t nowMs);
-  ProtocolReply Subscribe(const nlohmann::json& body, const RequestHeader& header, int64_t nowMs);
-  ProtocolReply Unsubscribe(const nlohmann::json& body, const RequestHeader& header);
+  ProtocolReply Subscribe(const nlohmann::json& body, const RequestHeader& header, int64_t nowMs,
+                          const SignatureClaim& claim);
+  ProtocolReply Unsubscribe(const nlohmann::json& body, const RequestHeader& header,
+                            const SignatureClaim& claim);
   ProtocolReply ListSubscriptions(const RequestHeader& header);
-  ProtocolReply AddItem(const nlohmann::json& body, const RequestHeader& header, int64_t nowMs);
+  ProtocolReply AddItem(const nlohmann::json& body, const RequestHeader& header, int64_t nowMs,
+                        const SignatureClaim& claim);
   ProtocolReply Catalog(const nlohmann::json& body, const RequestHeader& header,
                         const std::string& serverUrl, int64_t nowMs);
 

@@ -1,5 +1,6 @@
 #include "reference/server/protocol/RequestAuthenticator.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "reference/server/protocol/RequestSigner.h"
@@ -45,7 +46,7 @@ bool RequestAuthenticator::ParseHeader(const nlohmann::json& body, RequestHeader
 }
 
 RequestAuthenticator::Verdict RequestAuthenticator::Check(const AuthenticationInput& input,
-                                                          int64_t nowSeconds, Replays replays) {
+                                                          int64_t nowSeconds) {
   Account account;
   Status s = store_->FindAccount(input.header.userId, &account);
   if (s.IsNotFound()) return Verdict::kUnknownAccount;
@@ -86,10 +87,16 @@ RequestAuthenticator::Verdict RequestAuthenticator::Check(const AuthenticationIn
     matched = RequestSigner::ConstantTimeEquals(expected, input.signature) || matched;
   }
   if (!matched) return Verdict::kBadSignature;
-  if (replays == Replays::kRefuse && !replays_.Admit(input.signature, ts, nowSeconds)) {
-    return Verdict::kReplayed;
-  }
   return Verdict::kAccepted;
+}
+
+SignatureClaim RequestAuthenticator::ClaimFor(const AuthenticationInput& input,
+                                              int64_t nowSeconds) const {
+  SignatureClaim claim;
+  claim.signature = input.signature;
+  claim.keepUntilS = std::max(input.header.timestamp, nowSeconds) + window_;
+  claim.nowS = nowSeconds;
+  return claim;
 }
 
 const char* RequestAuthenticator::Describe(Verdict verdict) {

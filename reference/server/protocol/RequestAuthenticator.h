@@ -1,10 +1,11 @@
 // RequestAuthenticator: decides whether a protocol request comes from the account it
 // names: the account must exist, the Base64 "key" must be its public key, the
-// timestamp must be within the freshness window of the server's clock, the
-// signature must be the one the account's secret gives, and, for a request that
-// changes state, the signature must not have been accepted before.
+// timestamp must be within the freshness window of the server's clock, and the
+// signature must be the one the account's secret gives. Whether a request that
+// changes state was accepted before is decided by the store, in the change's own
+// transaction (see SignatureClaim in store/Store.h); ClaimFor says for how long.
 //
-// Thread-safe: the store and the replay guard serialise their own state.
+// Thread-safe: holds no state of its own besides the store.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +13,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "reference/server/protocol/ReplayGuard.h"
 #include "reference/server/store/Store.h"
 
 namespace zolvani::refserver {
@@ -46,27 +46,29 @@ class RequestAuthenticator {
     kStoreUnavailable  // the store is busy or out of reach for now
   };
 
-  // The protocol carries no nonce: byte-identical requests of one device within one
-  // second have the same signature and cannot be told apart. A request that changes
-  // state is refused when its signature was accepted before; a read-only one is
-  // not (repeating it changes nothing, and a host may ask twice in one second).
-  enum class Replays { kRefuse, kAllow };
-
   RequestAuthenticator(Store* store, int64_t windowSeconds)
-      : store_(store), window_(windowSeconds), replays_(windowSeconds) {}
+      : store_(store), window_(windowSeconds) {}
 
   // Parses "request_header"; on failure returns false and says why in `problem`.
   static bool ParseHeader(const nlohmann::json& body, RequestHeader* header, std::string* problem);
 
-  // `nowSeconds` is the server's clock.
-  Verdict Check(const AuthenticationInput& input, int64_t nowSeconds, Replays replays);
+  // `nowSeconds` is the server's clock. Never answers kReplayed: see ClaimFor.
+  Verdict Check(const AuthenticationInput& input, int64_t nowSeconds);
+
+  // The protocol carries no nonce: byte-identical requests of one device within one
+  // second have the same signature and cannot be told apart. A request that changes
+  // state is refused when its signature was accepted before; a read-only one is not
+  // (repeating it changes nothing, and a host may ask twice in one second). The
+  // claim an accepted change hands to the store keeps its signature taken for as
+  // long as the request would pass the freshness check, and never less than a full
+  // window from now, in case the clock steps backwards.
+  SignatureClaim ClaimFor(const AuthenticationInput& input, int64_t nowSeconds) const;
 
   static const char* Describe(Verdict verdict);
 
  private:
   Store* store_;
   const int64_t window_;
-  ReplayGuard replays_;
 };
 
 }  // namespace zolvani::refserver

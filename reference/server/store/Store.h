@@ -58,6 +58,35 @@ struct PublisherGrant {
   std::string user;
 };
 
+// A signed change's claim on its signature. The store admits it as the first step
+// of the change's own transaction, so that a change that fails leaves the signature
+// free for the device to send again, and every server on one store refuses a
+// signature that any of them accepted. A taken signature fails the change with
+// Status::Replayed before anything else is checked.
+struct SignatureClaim {
+  std::string signature;
+  int64_t keepUntilS = 0;  // seconds since 1970 until which the signature stays taken
+  int64_t nowS = 0;        // the server's clock: a signature kept until before now is free
+};
+
+// The push token a device registers; `updatedMs` is when it said so.
+struct PushRegistration {
+  std::string service;
+  std::string token;
+  int64_t updatedMs = 0;
+};
+
+// Requests one server answered in one minute for one endpoint, as the console's
+// figures count them (see admin/TrafficFigures.h).
+struct TrafficCount {
+  int64_t minute = 0;  // minutes since 1970
+  std::string node;    // the server's --node-name
+  std::string endpoint;
+  int64_t requests = 0;
+  int64_t errors = 0;
+  int64_t signatureRefusals = 0;
+};
+
 struct PushNotice {
   int64_t id = 0;
   std::string user;
@@ -137,8 +166,10 @@ class Store {
   // `publisher` itself; a feed item needs a known feed (NotFound), a subscribable
   // one (FailedPrecondition) and a grant of that feed, or of every feed, to
   // `publisher` (PermissionDenied). An existing uuid fails with AlreadyExists.
+  // `claim`, when given, is admitted first in the same transaction.
   virtual Status PublishItem(const Item& item, const std::string& publisher, int64_t nowMs,
-                             std::vector<PushNotice>* notices) = 0;
+                             std::vector<PushNotice>* notices,
+                             const SignatureClaim* claim = nullptr) = 0;
 
   // Publishing grants. `feed` empty: every feed. Granting needs a known account and
   // feed; revoking what was not granted is not an error.
@@ -151,11 +182,14 @@ class Store {
   // Subscriptions. Subscribing copies the feed's default rules to the device unless
   // the device already has rules for the feed (a feed that is not subscribable fails
   // with FailedPrecondition); unsubscribing drops both and is not an error when the
-  // device was not subscribed.
+  // device was not subscribed. `claim`, when given, is admitted first in the same
+  // transaction; a subscribe's `registration`, when given, is recorded in it too, so
+  // that a refused subscribe changes nothing.
   virtual Status Subscribe(const std::string& user, const std::string& device,
-                           const std::string& feed) = 0;
+                           const std::string& feed, const SignatureClaim* claim = nullptr,
+                           const PushRegistration* registration = nullptr) = 0;
   virtual Status Unsubscribe(const std::string& user, const std::string& device,
-                             const std::string& feed) = 0;
+                             const std::string& feed, const SignatureClaim* claim = nullptr) = 0;
   virtual Status Subscriptions(const std::string& user, const std::string& device,
                                std::vector<std::string>* feeds) = 0;
   virtual Status SetRules(const std::string& user, const std::string& device,
@@ -193,6 +227,21 @@ class Store {
   // `markDelivered` the listed notices are marked delivered in the same transaction.
   virtual Status ListPushes(const std::string& user, const std::string& device, bool pendingOnly,
                             bool markDelivered, std::vector<PushNotice>* notices) = 0;
+
+  // Traffic figures that every server on the store adds to. AddTraffic adds each
+  // count to the one held for its (minute, node, endpoint), in one transaction, and
+  // forgets minutes before `forgetBeforeMinute`. ReadTraffic gives the counts of
+  // minutes from `sinceMinute` on, ordered by minute, node and endpoint; with
+  // `perMinute` false, one count per (node, endpoint) summing those minutes, whose
+  // `minute` is the earliest one summed.
+  virtual Status AddTraffic(const std::vector<TrafficCount>& counts,
+                            int64_t forgetBeforeMinute) = 0;
+  virtual Status ReadTraffic(int64_t sinceMinute, bool perMinute,
+                             std::vector<TrafficCount>* counts) = 0;
+
+  // Whether the store can be reached and read now: cheap enough for a balancer's
+  // health check every few hundred milliseconds.
+  virtual Status Ping() = 0;
 };
 
 }  // namespace zolvani::refserver

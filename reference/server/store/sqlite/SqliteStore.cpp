@@ -2,6 +2,7 @@
 
 #include <spdlog/spdlog.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <set>
@@ -46,6 +47,16 @@ CREATE TABLE IF NOT EXISTS pushes (
 -- feed's identifier) grants every feed.
 CREATE TABLE IF NOT EXISTS publishers (
   feed TEXT NOT NULL, user TEXT NOT NULL, PRIMARY KEY (feed, user));
+-- Signatures of accepted changes, kept while a replay of them would still be fresh;
+-- in the database so that every process serving this folder refuses a replay.
+CREATE TABLE IF NOT EXISTS replay_guard (
+  signature TEXT PRIMARY KEY, keep_until_s INTEGER NOT NULL) WITHOUT ROWID;
+CREATE INDEX IF NOT EXISTS replay_guard_by_expiry ON replay_guard (keep_until_s);
+-- The console's figures: what each server process answered, per minute and endpoint.
+CREATE TABLE IF NOT EXISTS traffic_minutes (
+  minute INTEGER NOT NULL, node TEXT NOT NULL, endpoint TEXT NOT NULL,
+  requests INTEGER NOT NULL, errors INTEGER NOT NULL, signature_refusals INTEGER NOT NULL,
+  PRIMARY KEY (minute, node, endpoint));
 PRAGMA user_version = 2;
 )sql";
 
@@ -98,6 +109,13 @@ Status SqliteStore::Open(const std::filesystem::path& dataDir,
   sqlite3* db = nullptr;
   if (Status status = OpenDatabase(dataDir, "server.sqlite", &db); !status.ok()) return status;
   std::unique_ptr<SqliteStore> opened(new SqliteStore(db));
+  opened->file_ = dataDir / "server.sqlite";
+  struct stat st {};
+  if (::stat(opened->file_.c_str(), &st) != 0) {
+    return Status::IOError("cannot find " + opened->file_.string() + " after opening it");
+  }
+  opened->fileDevice_ = static_cast<uint64_t>(st.st_dev);
+  opened->fileInode_ = static_cast<uint64_t>(st.st_ino);
   Status s = opened->InitSchema();
   if (!s.ok()) return s;
   *store = std::move(opened);
@@ -150,12 +168,44 @@ Status SqliteStore::SetPushRegistration(const std::string& user, const std::stri
                                         const std::string& service, const std::string& token,
                                         int64_t nowMs) {
   std::lock_guard lock(mutex_);
+  return SetPushRegistrationLocked(user, device, PushRegistration{service, token, nowMs});
+}
+
+Status SqliteStore::SetPushRegistrationLocked(const std::string& user, const std::string& device,
+                                              const PushRegistration& registration) {
   Statement st(db_,
                "INSERT INTO push_registrations (user, device, service, token, updated_ms) "
                "VALUES (?1, ?2, ?3, ?4, ?5) ON CONFLICT(user, device) DO UPDATE SET "
                "service = ?3, token = ?4, updated_ms = ?5");
-  st.Bind(1, user).Bind(2, device).Bind(3, service).Bind(4, token).Bind(5, nowMs);
+  st.Bind(1, user)
+      .Bind(2, device)
+      .Bind(3, registration.service)
+      .Bind(4, registration.token)
+      .Bind(5, registration.updatedMs);
   return Run(st, "record push registration");
+}
+
+Status SqliteStore::AdmitLocked(const SignatureClaim* claim) {
+  if (claim == nullptr) return Status::OK();
+  if (claim->signature.empty()) return Status::InvalidArgument("a claim needs a signature");
+  // Expired signatures are swept now and then; until then the upsert below admits
+  // one again by taking its row over.
+  if (claim->nowS >= nextSweepS_) {
+    Statement sweep(db_, "DELETE FROM replay_guard WHERE keep_until_s < ?1");
+    sweep.Bind(1, claim->nowS);
+    Status s = Run(sweep, "sweep replay guard");
+    if (!s.ok()) return s;
+    nextSweepS_ = claim->nowS + kSweepEverySeconds;
+  }
+  Statement st(db_,
+               "INSERT INTO replay_guard (signature, keep_until_s) VALUES (?1, ?2) "
+               "ON CONFLICT(signature) DO UPDATE SET keep_until_s = excluded.keep_until_s "
+               "WHERE replay_guard.keep_until_s < ?3");
+  st.Bind(1, claim->signature).Bind(2, claim->keepUntilS).Bind(3, claim->nowS);
+  Status s = Run(st, "admit signature");
+  if (!s.ok()) return s;
+  if (sqlite3_changes(db_) == 0) return Status::Replayed("signature already used");
+  return Status::OK();
 }
 
 Status SqliteStore::AddFeed(const Feed& feed) {
@@ -227,7 +277,7 @@ Status SqliteStore::AddItem(const Item& item, int64_t nowMs, std::vector<PushNot
 }
 
 Status SqliteStore::PublishItem(const Item& item, const std::string& publisher, int64_t nowMs,
-                                std::vector<PushNotice>* notices) {
+                                std::vector<PushNotice>* notices, const SignatureClaim* claim) {
   if (item.uuid.empty()) return Status::InvalidArgument("an item needs a remoteUUID");
   if (item.feed.empty() == item.user.empty()) {
     return Status::InvalidArgument("an item belongs either to a feed or to an account");
@@ -237,6 +287,8 @@ Status SqliteStore::PublishItem(const Item& item, const std::string& publisher, 
   std::lock_guard lock(mutex_);
   Transaction tx(db_, true);
   if (!tx.status().ok()) return tx.status();
+  s = AdmitLocked(claim);
+  if (!s.ok()) return s;
   if (item.feed.empty()) {
     if (item.user != publisher) {
       return Status::PermissionDenied(publisher + " may not add direct items for " + item.user);
@@ -368,15 +420,22 @@ Status SqliteStore::ListPublishers(const std::string& feedId, std::vector<Publis
 }
 
 Status SqliteStore::Subscribe(const std::string& user, const std::string& device,
-                              const std::string& feedId) {
+                              const std::string& feedId, const SignatureClaim* claim,
+                              const PushRegistration* registration) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, true);
   if (!tx.status().ok()) return tx.status();
+  Status s = AdmitLocked(claim);
+  if (!s.ok()) return s;
   Feed feed;
-  Status s = FindFeedLocked(db_, feedId, &feed);
+  s = FindFeedLocked(db_, feedId, &feed);
   if (!s.ok()) return s;
   if (!feed.subscribable) {
     return Status::FailedPrecondition("feed " + feedId + " is not subscribable");
+  }
+  if (registration != nullptr) {
+    s = SetPushRegistrationLocked(user, device, *registration);
+    if (!s.ok()) return s;
   }
   {
     Statement st(db_,
@@ -402,12 +461,14 @@ Status SqliteStore::Subscribe(const std::string& user, const std::string& device
 }
 
 Status SqliteStore::Unsubscribe(const std::string& user, const std::string& device,
-                                const std::string& feedId) {
+                                const std::string& feedId, const SignatureClaim* claim) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, true);
   if (!tx.status().ok()) return tx.status();
+  Status s = AdmitLocked(claim);
+  if (!s.ok()) return s;
   Feed feed;
-  Status s = FindFeedLocked(db_, feedId, &feed);
+  s = FindFeedLocked(db_, feedId, &feed);
   if (!s.ok()) return s;
   for (const char* sql : {"DELETE FROM subscriptions WHERE user = ?1 AND device = ?2 AND feed = ?3",
                           "DELETE FROM rules WHERE user = ?1 AND device = ?2 AND feed = ?3"}) {
@@ -735,6 +796,73 @@ Status SqliteStore::AddPushNotice(const std::string& user, const std::string& de
   if (Status s = InsertPush(insert, &n); !s.ok()) return s;
   if (notice != nullptr) *notice = n;
   return tx.Commit();
+}
+
+Status SqliteStore::AddTraffic(const std::vector<TrafficCount>& counts,
+                               int64_t forgetBeforeMinute) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, true);
+  if (!tx.status().ok()) return tx.status();
+  Statement add(db_,
+                "INSERT INTO traffic_minutes (minute, node, endpoint, requests, errors, "
+                "signature_refusals) VALUES (?1, ?2, ?3, ?4, ?5, ?6) "
+                "ON CONFLICT(minute, node, endpoint) DO UPDATE SET "
+                "requests = requests + excluded.requests, errors = errors + excluded.errors, "
+                "signature_refusals = signature_refusals + excluded.signature_refusals");
+  for (const auto& c : counts) {
+    if (c.minute < forgetBeforeMinute) continue;
+    add.Reset();
+    add.Bind(1, c.minute)
+        .Bind(2, c.node)
+        .Bind(3, c.endpoint)
+        .Bind(4, c.requests)
+        .Bind(5, c.errors)
+        .Bind(6, c.signatureRefusals);
+    Status s = Run(add, "add traffic");
+    if (!s.ok()) return s;
+  }
+  Statement forget(db_, "DELETE FROM traffic_minutes WHERE minute < ?1");
+  forget.Bind(1, forgetBeforeMinute);
+  Status s = Run(forget, "forget old traffic");
+  if (!s.ok()) return s;
+  return tx.Commit();
+}
+
+Status SqliteStore::ReadTraffic(int64_t sinceMinute, bool perMinute,
+                                std::vector<TrafficCount>* counts) {
+  std::lock_guard lock(mutex_);
+  Statement st(db_, perMinute
+                        ? "SELECT minute, node, endpoint, requests, errors, signature_refusals "
+                          "FROM traffic_minutes WHERE minute >= ?1 ORDER BY minute, node, endpoint"
+                        : "SELECT MIN(minute), node, endpoint, SUM(requests), SUM(errors), "
+                          "SUM(signature_refusals) FROM traffic_minutes WHERE minute >= ?1 "
+                          "GROUP BY node, endpoint ORDER BY node, endpoint");
+  if (!st.prepared()) return st.Error("read traffic");
+  st.Bind(1, sinceMinute);
+  counts->clear();
+  int rc;
+  while ((rc = st.Step()) == SQLITE_ROW) {
+    counts->push_back({st.Int(0), st.Text(1), st.Text(2), st.Int(3), st.Int(4), st.Int(5)});
+  }
+  if (rc != SQLITE_DONE) return st.Error("read traffic");
+  return Status::OK();
+}
+
+Status SqliteStore::Ping() {
+  // An open connection keeps reading a file that was removed or replaced under it,
+  // so the name must still lead to the file this store opened.
+  struct stat st {};
+  if (::stat(file_.c_str(), &st) != 0) {
+    return Status::IOError(file_.string() + " is gone");
+  }
+  if (static_cast<uint64_t>(st.st_dev) != fileDevice_ ||
+      static_cast<uint64_t>(st.st_ino) != fileInode_) {
+    return Status::IOError(file_.string() + " was replaced by another file");
+  }
+  std::lock_guard lock(mutex_);
+  Statement query(db_, "SELECT COUNT(*) FROM sqlite_schema");
+  if (!query.prepared() || query.Step() != SQLITE_ROW) return query.Error("read the schema");
+  return Status::OK();
 }
 
 }  // namespace zolvani::refserver

@@ -61,7 +61,8 @@ class SqliteStore final : public Store {
   // one (FailedPrecondition) and a grant of that feed, or of every feed, to
   // `publisher` (PermissionDenied). An existing uuid fails with AlreadyExists.
   Status PublishItem(const Item& item, const std::string& publisher, int64_t nowMs,
-                     std::vector<PushNotice>* notices) override;
+                     std::vector<PushNotice>* notices,
+                     const SignatureClaim* claim = nullptr) override;
 
   // Publishing grants. `feed` empty: every feed. Granting needs a known account and
   // feed; revoking what was not granted is not an error.
@@ -75,10 +76,11 @@ class SqliteStore final : public Store {
   // the device already has rules for the feed (a feed that is not subscribable fails
   // with FailedPrecondition); unsubscribing drops both and is not an error when the
   // device was not subscribed.
-  Status Subscribe(const std::string& user, const std::string& device,
-                   const std::string& feed) override;
-  Status Unsubscribe(const std::string& user, const std::string& device,
-                     const std::string& feed) override;
+  Status Subscribe(const std::string& user, const std::string& device, const std::string& feed,
+                   const SignatureClaim* claim = nullptr,
+                   const PushRegistration* registration = nullptr) override;
+  Status Unsubscribe(const std::string& user, const std::string& device, const std::string& feed,
+                     const SignatureClaim* claim = nullptr) override;
   Status Subscriptions(const std::string& user, const std::string& device,
                        std::vector<std::string>* feeds) override;
   Status SetRules(const std::string& user, const std::string& device, const std::string& feed,
@@ -117,15 +119,38 @@ class SqliteStore final : public Store {
   Status ListPushes(const std::string& user, const std::string& device, bool pendingOnly,
                     bool markDelivered, std::vector<PushNotice>* notices) override;
 
+  // Traffic figures in the table traffic_minutes of the same file, so that several
+  // processes serving one folder add up.
+  Status AddTraffic(const std::vector<TrafficCount>& counts, int64_t forgetBeforeMinute) override;
+  Status ReadTraffic(int64_t sinceMinute, bool perMinute,
+                     std::vector<TrafficCount>* counts) override;
+
+  // Fails when server.sqlite was removed or replaced since it was opened, or cannot
+  // be read.
+  Status Ping() override;
+
  private:
+  // Expired signatures are deleted at most this often by each process.
+  static constexpr int64_t kSweepEverySeconds = 10;
+
   explicit SqliteStore(sqlite3* db) : db_(db) {}
   Status InitSchema();
+  // With mutex_ held and a write transaction open: takes `claim`'s signature in the
+  // table replay_guard (nothing when null), or fails with Replayed.
+  Status AdmitLocked(const SignatureClaim* claim);
+  // With mutex_ held.
+  Status SetPushRegistrationLocked(const std::string& user, const std::string& device,
+                                   const PushRegistration& registration);
   // With mutex_ held and a write transaction open.
   Status InsertItemLocked(const Item& item, int64_t nowMs, std::vector<PushNotice>* notices,
                           bool replaceExisting);
 
   std::mutex mutex_;
   sqlite3* db_;
+  std::filesystem::path file_;
+  uint64_t fileDevice_ = 0;  // identity of file_ when opened
+  uint64_t fileInode_ = 0;
+  int64_t nextSweepS_ = 0;  // guarded by mutex_
 };
 
 }  // namespace zolvani::refserver

@@ -51,6 +51,12 @@ export async function dashboard(root, redraw) {
         ['Endpoint', (e) => e.name], ['This minute', (e) => e.now], ['Requests', (e) => e.requests],
         ['Errors', (e) => e.errors], ['Signature refusals', (e) => e.signature_refusals]],
       endpoints, 'No requests yet.')),
+    // Every server sharing the store adds its counts every few seconds.
+    h('section', { class: 'card' }, h('h2', {}, 'By server'),
+      table('nodes', [
+        ['Server', (n) => n.name], ['Last hour', (n) => n.last_hour_requests], ['Requests', (n) => n.requests],
+        ['Errors', (n) => n.errors], ['Last counted', (n) => (n.last_minute_ms ? ago(n.last_minute_ms) : '-')]],
+      Object.entries(figures.nodes ?? {}).map(([name, n]) => ({ name, ...n })), 'No server has counted requests yet.')),
     h('section', { class: 'card' }, h('h2', {}, 'Recent changes'),
       table('audit', [
         ['When', (e) => ago(e.at_ms)], ['What', (e) => e.action], ['Concerning', (e) => e.target], ['From', (e) => e.peer]],
