@@ -20,8 +20,8 @@ class Status {
     kAlreadyExists,       // the thing to add is there already
     kPermissionDenied,    // the caller may not do this
     kFailedPrecondition,  // the target is not in a state that allows it
-    kReplayed,            // a signed change whose signature was accepted before
-    kUnavailable          // a shared resource (the database) cannot serve now; try again
+    kUnavailable,         // a shared resource (the database) cannot serve now; try again
+    kReplayed             // a signed change whose signature was accepted before
   };
 
   Status() = default;
@@ -47,11 +47,11 @@ class Status {
     return Status(Kind::kFailedPrecondition, std::move(message));
   }
 
-  static Status Replayed(std::string message) {
-    return Status(Kind::kReplayed, std::move(message));
-  }
   static Status Unavailable(std::string message) {
     return Status(Kind::kUnavailable, std::move(message));
+  }
+  static Status Replayed(std::string message) {
+    return Status(Kind::kReplayed, std::move(message));
   }
 
   bool ok() const { return kind_ == Kind::kOk; }
@@ -60,8 +60,8 @@ class Status {
   bool IsAlreadyExists() const { return kind_ == Kind::kAlreadyExists; }
   bool IsPermissionDenied() const { return kind_ == Kind::kPermissionDenied; }
   bool IsFailedPrecondition() const { return kind_ == Kind::kFailedPrecondition; }
-  bool IsReplayed() const { return kind_ == Kind::kReplayed; }
   bool IsUnavailable() const { return kind_ == Kind::kUnavailable; }
+  bool IsReplayed() const { return kind_ == Kind::kReplayed; }
   Kind kind() const { return kind_; }
   const std::string& message() const { return message_; }
 
@@ -84,10 +84,10 @@ class Status {
         return "Permission denied: " + message_;
       case Kind::kFailedPrecondition:
         return "Failed precondition: " + message_;
-      case Kind::kReplayed:
-        return "Replayed: " + message_;
       case Kind::kUnavailable:
         return "Unavailable: " + message_;
+      case Kind::kReplayed:
+        return "Replayed: " + message_;
     }
     return message_;
   }

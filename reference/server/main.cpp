@@ -89,7 +89,6 @@ Status Generate(const std::string& dataDir, Store* store) {
 struct ServeFlags {
   std::string databaseUrl;
   int databasePool = 8;
-  std::string nodeName;
   std::string address = "127.0.0.1";
   int port = 0;
   std::string seedFile;
@@ -126,7 +125,6 @@ int Serve(const std::string& dataDir, const ServeFlags& flags) {
   options.dataDir = dataDir;
   options.databaseUrl = flags.databaseUrl;
   options.databasePool = flags.databasePool;
-  if (!flags.nodeName.empty()) spdlog::info("node {}", flags.nodeName);
   options.address = flags.address;
   options.port = flags.port;
   options.publicUrl = flags.publicUrl;
@@ -245,7 +243,6 @@ int main(int argc, char** argv) {
   serve->add_option("--db-pool", flags.databasePool, "connections to the database (--database)")
       ->capture_default_str()
       ->check(CLI::Range(1, 1000));
-  serve->add_option("--node-name", flags.nodeName, "this replica's name in figures and logs");
   serve->add_option("--address", flags.address, "address to listen on")->capture_default_str();
   serve->add_option("--port", flags.port, "port; 0 picks a free one")
       ->capture_default_str()

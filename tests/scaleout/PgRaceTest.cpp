@@ -146,11 +146,11 @@ TEST_F(PgRaceTest, CatalogNewestTimeMatchesTheItemsItLists) {
 }
 
 TEST_F(PgRaceTest, RevokedGrantTakesEffectAtOnce) {
-  std::atomic<bool> revoked{false};
+  std::atomic<bool> revoking{false};
   std::atomic<int> itemsAtRevoke{-1};
   for (int round = 0; round < 10; ++round) {
     ASSERT_TRUE(a_->GrantPublisher("f1", "alice").ok());
-    revoked = false;
+    revoking = false;
     std::atomic<bool> stop{false};
     int published = 0;
     AtOnce(
@@ -162,15 +162,15 @@ TEST_F(PgRaceTest, RevokedGrantTakesEffectAtOnce) {
             if (s.ok()) ++published;
             if (!s.ok()) {
               EXPECT_TRUE(s.IsPermissionDenied()) << s.ToString();
-              EXPECT_TRUE(revoked.load()) << "refused before the revocation";
+              EXPECT_TRUE(revoking.load()) << "refused before the revocation was sent";
               break;
             }
           }
         },
         [&] {
           std::this_thread::sleep_for(std::chrono::milliseconds(5 + round));
+          revoking = true;
           ASSERT_TRUE(b_->RevokePublisher("f1", "alice").ok());
-          revoked = true;
           std::vector<Item> items;
           ASSERT_TRUE(b_->ListItems("f1", "", 100000, &items).ok());
           itemsAtRevoke = static_cast<int>(items.size());
@@ -219,6 +219,24 @@ TEST_F(PgRaceTest, NoPushNoticeOutlivesItsItem) {
     ASSERT_TRUE(a_->ListPushes("alice", "d", true, false, &pending).ok());
     for (const auto& n : pending) EXPECT_NE(n.itemUuid, uuid) << "orphan notice";
   }
+}
+
+TEST_F(PgRaceTest, ASignatureIsAdmittedOnceAcrossReplicas) {
+  for (int round = 0; round < 30; ++round) {
+    const SignatureClaim claim{"sig-" + std::to_string(round), 2000, 1000};
+    Status sa, sb;
+    AtOnce([&] { sa = a_->Subscribe("alice", "d", "f1", &claim); },
+           [&] { sb = b_->Unsubscribe("alice", "d", "f1", &claim); });
+    ASSERT_TRUE(sa.ok() != sb.ok()) << sa.ToString() << " / " << sb.ToString();
+    EXPECT_TRUE((sa.ok() ? sb : sa).IsReplayed()) << (sa.ok() ? sb : sa).ToString();
+  }
+  // A change that fails leaves its signature free; an expired one is free again.
+  const SignatureClaim claim{"sig-failed", 2000, 1000};
+  EXPECT_TRUE(a_->Subscribe("alice", "d", "no-such-feed", &claim).IsNotFound());
+  EXPECT_TRUE(b_->Subscribe("alice", "d", "f1", &claim).ok());
+  EXPECT_TRUE(a_->Subscribe("alice", "d", "f1", &claim).IsReplayed());
+  const SignatureClaim later{"sig-failed", 4000, 3000};
+  EXPECT_TRUE(a_->Subscribe("alice", "d", "f1", &later).ok());
 }
 
 TEST_F(PgRaceTest, PublishedItemsCarryTheDatabaseClock) {

@@ -200,7 +200,7 @@ class Balancer {
   int port() const { return port_; }
 
   // What HAProxy asks a replica before sending it requests.
-  static constexpr const char* kHealthPath = "/health";
+  static constexpr const char* kHealthPath = "/ready";
 
  private:
   std::filesystem::path folder_;
@@ -311,6 +311,20 @@ TEST_F(ScaleOutTest, BalancedRequestsAndADuplicatePublishRacedOnTwoReplicas) {
   ASSERT_EQ(perReplica.size(), size_t{kReplicas});
   for (auto& [name, n] : perReplica) {
     EXPECT_GE(n * 5, total) << name << " served " << n << " of " << total;
+  }
+
+  // A signed subscribe accepted by r1 is refused as a replay by r2 and r3.
+  DeviceClient first = Device("replayer", replicas_[0]->port());
+  SignedPost subscribe = first.Prepare("subscribe", {{"feed", "f2"}});
+  LoadReply accepted = first.Send(subscribe);
+  EXPECT_TRUE(accepted.ok()) << accepted.body.dump();
+  for (int i = 1; i < kReplicas; ++i) {
+    // The same bytes, signed for r1's Host, go to r2 and r3 with r1's Host header.
+    httplib::Client client("127.0.0.1", replicas_[i]->port());
+    httplib::Headers host = {{"Host", "127.0.0.1:" + std::to_string(replicas_[0]->port())}};
+    auto replayed = client.Post(subscribe.target, host, subscribe.body, "application/json");
+    ASSERT_TRUE(replayed);
+    EXPECT_EQ(replayed->status, 403) << "r" << i + 1 << ": " << replayed->body;
   }
 
   // One uuid announced at the same moment to r1 and r2 by two devices.

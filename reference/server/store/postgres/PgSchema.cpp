@@ -58,6 +58,11 @@ CREATE TABLE publishers (
 -- window, so that no replica accepts one twice.
 CREATE TABLE replay_guard (signature text PRIMARY KEY, keep_until_s bigint NOT NULL);
 CREATE INDEX replay_guard_by_expiry ON replay_guard (keep_until_s);
+-- The console's figures: what each server answered, per minute and endpoint.
+CREATE TABLE traffic_minutes (
+  minute bigint NOT NULL, node text COLLATE "C" NOT NULL, endpoint text COLLATE "C" NOT NULL,
+  requests bigint NOT NULL, errors bigint NOT NULL, signature_refusals bigint NOT NULL,
+  PRIMARY KEY (minute, node, endpoint));
 )sql",
   };
   return migrations;

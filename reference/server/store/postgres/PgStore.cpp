@@ -81,6 +81,11 @@ Status AccountExists(PgLease& lease, const std::string& user) {
   return Status::OK();
 }
 
+constexpr const char* kUpsertRegistration =
+    "INSERT INTO push_registrations (user_id, device, service, token, updated_ms) "
+    "VALUES ($1, $2, $3, $4, $5) ON CONFLICT (user_id, device) DO UPDATE SET "
+    "service = EXCLUDED.service, token = EXCLUDED.token, updated_ms = EXCLUDED.updated_ms";
+
 // Push notice columns as the statements below return them.
 constexpr const char* kPushColumns =
     "id, user_id, device, service, token, item_uuid, feed, created_ms, delivered";
@@ -152,11 +157,7 @@ Status PgStore::TouchDevice(const std::string& user, const std::string& device, 
 Status PgStore::SetPushRegistration(const std::string& user, const std::string& device,
                                     const std::string& service, const std::string& token,
                                     int64_t nowMs) {
-  return pool_.Run("record push registration",
-                   "INSERT INTO push_registrations (user_id, device, service, token, updated_ms) "
-                   "VALUES ($1, $2, $3, $4, $5) ON CONFLICT (user_id, device) DO UPDATE SET "
-                   "service = EXCLUDED.service, token = EXCLUDED.token, "
-                   "updated_ms = EXCLUDED.updated_ms",
+  return pool_.Run("record push registration", kUpsertRegistration,
                    {user, device, service, token, nowMs});
 }
 
@@ -207,17 +208,19 @@ Status PgStore::AddItem(const Item& item, int64_t nowMs, std::vector<PushNotice>
 }
 
 Status PgStore::PublishItem(const Item& item, const std::string& publisher, int64_t nowMs,
-                            std::vector<PushNotice>* notices) {
+                            std::vector<PushNotice>* notices, const SignatureClaim* claim) {
   if (item.uuid.empty()) return Status::InvalidArgument("an item needs a remoteUUID");
   if (item.feed.empty() == item.user.empty()) {
     return Status::InvalidArgument("an item belongs either to a feed or to an account");
   }
   Status s = JsonLimits::CheckItemMetadata(item.metadata);
   if (!s.ok()) return s;
+  if (claim != nullptr) SweepSignatures(claim->nowS);
   std::vector<PushNotice> made;
   s = pool_.Transact(PgIsolation::kSerializable, [&](PgLease& lease) -> Status {
     made.clear();
-    Status st;
+    Status st = Admit(lease, claim);
+    if (!st.ok()) return st;
     if (item.feed.empty()) {
       if (item.user != publisher) {
         return Status::PermissionDenied(publisher + " may not add direct items for " + item.user);
@@ -341,15 +344,25 @@ Status PgStore::ListPublishers(const std::string& feedId, std::vector<PublisherG
 }
 
 Status PgStore::Subscribe(const std::string& user, const std::string& device,
-                          const std::string& feedId) {
+                          const std::string& feedId, const SignatureClaim* claim,
+                          const PushRegistration* registration) {
+  if (claim != nullptr) SweepSignatures(claim->nowS);
   return pool_.Transact(PgIsolation::kSerializable, [&](PgLease& lease) -> Status {
+    Status s = Admit(lease, claim);
+    if (!s.ok()) return s;
     // Held, so that a change of the feed's defaults (and the copy of them to its
     // subscribers) waits for this subscription rather than miss it.
     Feed feed;
-    Status s = FindFeedIn(lease, feedId, &feed, /*hold=*/true);
+    s = FindFeedIn(lease, feedId, &feed, /*hold=*/true);
     if (!s.ok()) return s;
     if (!feed.subscribable) {
       return Status::FailedPrecondition("feed " + feedId + " is not subscribable");
+    }
+    if (registration != nullptr) {
+      s = lease.Exec(
+          "record push registration", kUpsertRegistration,
+          {user, device, registration->service, registration->token, registration->updatedMs});
+      if (!s.ok()) return s;
     }
     s = lease.Exec("subscribe",
                    "INSERT INTO subscriptions (user_id, device, feed) VALUES ($1, $2, $3) "
@@ -365,10 +378,13 @@ Status PgStore::Subscribe(const std::string& user, const std::string& device,
 }
 
 Status PgStore::Unsubscribe(const std::string& user, const std::string& device,
-                            const std::string& feedId) {
+                            const std::string& feedId, const SignatureClaim* claim) {
+  if (claim != nullptr) SweepSignatures(claim->nowS);
   return pool_.Transact(PgIsolation::kSerializable, [&](PgLease& lease) -> Status {
+    Status s = Admit(lease, claim);
+    if (!s.ok()) return s;
     Feed feed;
-    Status s = FindFeedIn(lease, feedId, &feed);
+    s = FindFeedIn(lease, feedId, &feed);
     if (!s.ok()) return s;
     for (const char* sql :
          {"DELETE FROM subscriptions WHERE user_id = $1 AND device = $2 AND feed = $3",
@@ -693,6 +709,75 @@ Status PgStore::AddPushNotice(const std::string& user, const std::string& device
   });
   if (s.ok() && notice != nullptr) *notice = n;
   return s;
+}
+
+Status PgStore::Admit(PgLease& lease, const SignatureClaim* claim) {
+  if (claim == nullptr) return Status::OK();
+  if (claim->signature.empty()) return Status::InvalidArgument("a claim needs a signature");
+  // An expired row is taken over; a live one is left and no row comes back.
+  PgResult r;
+  Status s = lease.Exec("admit signature",
+                        "INSERT INTO replay_guard (signature, keep_until_s) VALUES ($1, $2) "
+                        "ON CONFLICT (signature) DO UPDATE SET keep_until_s = "
+                        "EXCLUDED.keep_until_s WHERE replay_guard.keep_until_s < $3 RETURNING 1",
+                        {claim->signature, claim->keepUntilS, claim->nowS}, &r);
+  if (!s.ok()) return s;
+  if (r.rows() == 0) return Status::Replayed("signature already used");
+  return Status::OK();
+}
+
+void PgStore::SweepSignatures(int64_t nowS) {
+  int64_t due = nextSweepS_.load();
+  if (nowS < due || !nextSweepS_.compare_exchange_strong(due, nowS + kSweepEverySeconds)) return;
+  Status s =
+      pool_.Run("sweep replay guard", "DELETE FROM replay_guard WHERE keep_until_s < $1", {nowS});
+  if (!s.ok()) spdlog::warn("replay guard sweep: {}", s.ToString());
+}
+
+Status PgStore::AddTraffic(const std::vector<TrafficCount>& counts, int64_t forgetBeforeMinute) {
+  // Each replica adds to its own rows only (the node is in the key), so the
+  // additions of different replicas never meet; READ COMMITTED is enough.
+  return pool_.Transact(PgIsolation::kReadCommitted, [&](PgLease& lease) -> Status {
+    for (const auto& c : counts) {
+      if (c.minute < forgetBeforeMinute) continue;
+      Status s = lease.Exec(
+          "add traffic",
+          "INSERT INTO traffic_minutes (minute, node, endpoint, requests, errors, "
+          "signature_refusals) VALUES ($1, $2, $3, $4, $5, $6) ON CONFLICT (minute, node, "
+          "endpoint) DO UPDATE SET requests = traffic_minutes.requests + EXCLUDED.requests, "
+          "errors = traffic_minutes.errors + EXCLUDED.errors, signature_refusals = "
+          "traffic_minutes.signature_refusals + EXCLUDED.signature_refusals",
+          {c.minute, c.node, c.endpoint, c.requests, c.errors, c.signatureRefusals});
+      if (!s.ok()) return s;
+    }
+    return lease.Exec("forget old traffic", "DELETE FROM traffic_minutes WHERE minute < $1",
+                      {forgetBeforeMinute});
+  });
+}
+
+Status PgStore::ReadTraffic(int64_t sinceMinute, bool perMinute,
+                            std::vector<TrafficCount>* counts) {
+  PgResult r;
+  Status s = pool_.Run(
+      "read traffic",
+      perMinute ? "SELECT minute, node, endpoint, requests, errors, signature_refusals "
+                  "FROM traffic_minutes WHERE minute >= $1 ORDER BY minute, node, endpoint"
+                : "SELECT MIN(minute), node, endpoint, SUM(requests), SUM(errors), "
+                  "SUM(signature_refusals) FROM traffic_minutes WHERE minute >= $1 "
+                  "GROUP BY node, endpoint ORDER BY node, endpoint",
+      {sinceMinute}, &r);
+  if (!s.ok()) return s;
+  counts->clear();
+  for (int i = 0; i < r.rows(); ++i) {
+    counts->push_back(
+        {r.Int(i, 0), r.Text(i, 1), r.Text(i, 2), r.Int(i, 3), r.Int(i, 4), r.Int(i, 5)});
+  }
+  return Status::OK();
+}
+
+Status PgStore::Ping() {
+  PgResult r;
+  return pool_.Run("ping", "SELECT 1", {}, &r);
 }
 
 }  // namespace zolvani::refserver

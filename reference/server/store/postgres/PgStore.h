@@ -18,6 +18,7 @@
 // Thread-safe: calls borrow a pooled connection each.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -52,14 +53,16 @@ class PgStore final : public Store {
   Status AddItem(const Item& item, int64_t nowMs, std::vector<PushNotice>* notices = nullptr,
                  bool replaceExisting = true) override;
   Status PublishItem(const Item& item, const std::string& publisher, int64_t nowMs,
-                     std::vector<PushNotice>* notices) override;
+                     std::vector<PushNotice>* notices,
+                     const SignatureClaim* claim = nullptr) override;
   Status GrantPublisher(const std::string& feed, const std::string& user) override;
   Status RevokePublisher(const std::string& feed, const std::string& user) override;
   Status ListPublishers(const std::string& feed, std::vector<PublisherGrant>* grants) override;
-  Status Subscribe(const std::string& user, const std::string& device,
-                   const std::string& feed) override;
-  Status Unsubscribe(const std::string& user, const std::string& device,
-                     const std::string& feed) override;
+  Status Subscribe(const std::string& user, const std::string& device, const std::string& feed,
+                   const SignatureClaim* claim = nullptr,
+                   const PushRegistration* registration = nullptr) override;
+  Status Unsubscribe(const std::string& user, const std::string& device, const std::string& feed,
+                     const SignatureClaim* claim = nullptr) override;
   Status Subscriptions(const std::string& user, const std::string& device,
                        std::vector<std::string>* feeds) override;
   Status SetRules(const std::string& user, const std::string& device, const std::string& feed,
@@ -80,6 +83,12 @@ class PgStore final : public Store {
   Status ListPushes(const std::string& user, const std::string& device, bool pendingOnly,
                     bool markDelivered, std::vector<PushNotice>* notices) override;
 
+  Status AddTraffic(const std::vector<TrafficCount>& counts, int64_t forgetBeforeMinute) override;
+  Status ReadTraffic(int64_t sinceMinute, bool perMinute,
+                     std::vector<TrafficCount>* counts) override;
+  // A round trip to the database on a pooled connection.
+  Status Ping() override;
+
   PgPool* pool() { return &pool_; }
 
  private:
@@ -90,7 +99,17 @@ class PgStore final : public Store {
   Status InsertItem(PgLease& lease, const Item& item, int64_t nowMs, bool databaseClock,
                     bool replaceExisting, std::vector<PushNotice>* made);
 
+  // Inside the change's transaction, before anything else: takes the claim's
+  // signature, or fails with Replayed when another change (on any replica) holds it.
+  Status Admit(PgLease& lease, const SignatureClaim* claim);
+  // Deletes expired signatures, at most once per sweep interval per replica, in its
+  // own statement so that sweeps never make a change's transaction conflict.
+  void SweepSignatures(int64_t nowS);
+
+  static constexpr int64_t kSweepEverySeconds = 10;
+
   PgPool pool_;
+  std::atomic<int64_t> nextSweepS_{0};
 };
 
 }  // namespace zolvani::refserver
