@@ -17,18 +17,18 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "reference/server/Status.h"
-#include "reference/server/admin/ConsoleSessions.h"
 #include "reference/server/admin/TrafficFigures.h"
 #include "reference/server/http/GuardedServer.h"
+#include "reference/server/store/ConsoleState.h"
 #include "reference/server/store/Store.h"
 
 namespace zolvani::refserver {
 
 class AdminApi;
 class ConsoleSite;
-class ConsoleStore;
 class MediaLibrary;
 class ProtocolHandler;
 
@@ -50,6 +50,9 @@ struct ServerOptions {
   bool console = true;
   bool consoleFromAnywhere = false;
   SessionLimits consoleSessions;
+  // Reverse proxies whose X-Forwarded-For and X-Forwarded-Proto the console
+  // believes (see AdminOptions).
+  std::vector<std::string> consoleTrustedProxies;
 };
 
 class ContentServer {
@@ -71,7 +74,7 @@ class ContentServer {
   std::string url() const;
   Store* store() { return store_.get(); }
   // Null when the console is off.
-  ConsoleStore* consoleStore() { return consoleStore_.get(); }
+  ConsoleState* consoleState() { return consoleState_.get(); }
   TrafficFigures* figures() { return &figures_; }
   const std::filesystem::path& mediaRoot() const;
 
@@ -79,14 +82,13 @@ class ContentServer {
 
  private:
   ContentServer(ServerOptions options, std::unique_ptr<Store> store,
-                std::unique_ptr<ConsoleStore> consoleStore);
+                std::unique_ptr<ConsoleState> consoleState);
   void InstallRoutes();
 
   ServerOptions options_;
   std::unique_ptr<Store> store_;
-  std::unique_ptr<ConsoleStore> consoleStore_;
+  std::unique_ptr<ConsoleState> consoleState_;
   TrafficFigures figures_;
-  ConsoleSessions sessions_;
   std::unique_ptr<AdminApi> admin_;
   std::unique_ptr<ConsoleSite> consoleSite_;
   std::unique_ptr<MediaLibrary> media_;

@@ -59,9 +59,12 @@ void ConsoleSite::ServeApi(const httplib::Request& req, httplib::Response& res,
   request.origin = req.get_header_value("Origin");
   request.host = req.get_header_value("Host");
   request.peer = req.remote_addr;
+  request.forwardedFor = req.get_header_value("X-Forwarded-For");
+  request.forwardedProto = req.get_header_value("X-Forwarded-Proto");
   request.body = body;
   AdminReply reply = api_->Handle(request);
   for (const auto& cookie : reply.setCookies) res.set_header("Set-Cookie", cookie);
+  for (const auto& [name, value] : reply.headers) res.set_header(name, value);
   res.status = reply.status;
   res.set_header("Cache-Control", "no-store");
   SetPageHeaders(res);

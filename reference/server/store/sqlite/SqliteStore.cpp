@@ -703,6 +703,52 @@ Status SqliteStore::SetRulesForSubscribers(const std::string& feedId, const Feed
   return tx.Commit();
 }
 
+Status SqliteStore::UpdateFeed(const Feed& expected, const Feed& updated, bool applyToSubscribers,
+                               int64_t* changed) {
+  if (changed != nullptr) *changed = 0;
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, true);
+  if (!tx.status().ok()) return tx.status();
+  Feed current;
+  Status s = FindFeedLocked(db_, updated.id, &current);
+  if (!s.ok()) return s;
+  const auto same = [](const Feed& a, const Feed& b) {
+    return a.title == b.title && a.subscribable == b.subscribable &&
+           a.defaults.maxAssets == b.defaults.maxAssets &&
+           a.defaults.autoDelete == b.defaults.autoDelete &&
+           a.defaults.maxBitrate == b.defaults.maxBitrate;
+  };
+  if (!same(current, expected)) {
+    return Status::FailedPrecondition("feed " + updated.id + " changed since it was read");
+  }
+  Statement st(db_,
+               "UPDATE feeds SET title = ?2, subscribable = ?3, max_assets = ?4, "
+               "auto_delete = ?5, max_bitrate = ?6 WHERE id = ?1");
+  st.Bind(1, updated.id)
+      .Bind(2, updated.title)
+      .Bind(3, int64_t{updated.subscribable})
+      .Bind(4, int64_t{updated.defaults.maxAssets})
+      .Bind(5, int64_t{updated.defaults.autoDelete})
+      .Bind(6, int64_t{updated.defaults.maxBitrate});
+  s = Run(st, "update feed");
+  if (!s.ok()) return s;
+  if (applyToSubscribers) {
+    Statement rules(db_,
+                    "INSERT INTO rules (user, device, feed, max_assets, auto_delete, max_bitrate) "
+                    "SELECT user, device, feed, ?2, ?3, ?4 FROM subscriptions WHERE feed = ?1 "
+                    "ON CONFLICT(user, device, feed) DO UPDATE SET max_assets = ?2, "
+                    "auto_delete = ?3, max_bitrate = ?4");
+    rules.Bind(1, updated.id)
+        .Bind(2, int64_t{updated.defaults.maxAssets})
+        .Bind(3, int64_t{updated.defaults.autoDelete})
+        .Bind(4, int64_t{updated.defaults.maxBitrate});
+    s = Run(rules, "set subscribers' rules");
+    if (!s.ok()) return s;
+    if (changed != nullptr) *changed = sqlite3_changes(db_);
+  }
+  return tx.Commit();
+}
+
 Status SqliteStore::AddPushNotice(const std::string& user, const std::string& device,
                                   const std::string& itemUuid, int64_t nowMs, PushNotice* notice) {
   std::lock_guard lock(mutex_);
