@@ -184,6 +184,9 @@ try {
   assert.equal(feed.title, 'Harbour News');
   assert.equal(feed.rules.max_assets, 10, 'the refused save wrote nothing');
   await ed.page.screenshot({ path: join(shots, 'team-conflict-desktop.png'), fullPage: true });
+  // The form now holds what is stored with only ed's own change on top.
+  assert.equal(await ed.page.inputValue('#feed-edit [name=title]'), 'Harbour News');
+  assert.equal(await ed.page.inputValue('#feed-edit [name=max_assets]'), '3');
   await ed.page.click('#feed-reapply');
   await ed.page.locator('#toast', { hasText: 'Feed news saved' }).waitFor();
   feed = (await apiGet(alice.page, 'feeds')).feeds.find((f) => f.id === 'news');

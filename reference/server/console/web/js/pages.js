@@ -77,22 +77,25 @@ export async function feeds(root, redraw) {
   // `base` is the feed as the form was opened; a save carries its version, and a
   // save refused because someone saved meanwhile shows both sides.
   const edit = (base, mine = null, theirs = null) => {
-    const shown = mine ?? { title: base.title, subscribable: base.subscribable, ...base.rules };
+    const stored = { title: base.title, subscribable: base.subscribable, ...base.rules };
+    const changedFields = (from, values) => Object.fromEntries(
+      ['title', 'subscribable', 'max_assets', 'auto_delete', 'max_bitrate']
+        .filter((k) => k in values && values[k] !== (k in from ? from[k] : from.rules[k]))
+        .map((k) => [k, values[k]]));
+    // After a refusal the form holds what is stored now with this operator's own
+    // changes on top, so that saving it reapplies them and nothing else.
+    const shown = theirs ? { ...stored, ...changedFields(theirs, mine) } : stored;
     const form = h('form', { class: 'grid', id: 'feed-edit' },
       field('Title', h('input', { name: 'title', value: shown.title, maxlength: 512 })),
       ...rulesInputs(shown),
       checkbox('Devices may subscribe', { name: 'subscribable', checked: shown.subscribable }),
       checkbox(`Give the ${base.subscribers} subscribed device(s) these rules too`,
-        { name: 'apply_to_subscribers', checked: false, id: 'apply-to-subscribers' }),
+        { name: 'apply_to_subscribers', checked: Boolean(mine?.apply_to_subscribers), id: 'apply-to-subscribers' }),
       h('button', { type: 'submit' }, 'Save'));
-    const changedFields = (from, values) => Object.fromEntries(
-      ['title', 'subscribable', 'max_assets', 'auto_delete', 'max_bitrate']
-        .filter((k) => values[k] !== (k in from ? from[k] : from.rules[k]))
-        .map((k) => [k, values[k]]));
-    const save = async (values, version, onlyChanged) => {
+    const save = async (values, version) => {
       const { apply_to_subscribers: apply, ...fields } = values;
       const body = { id: base.id, version, apply_to_subscribers: apply,
-        ...(onlyChanged ? changedFields(base, fields) : fields) };
+        ...fields };
       try {
         const r = await post('feeds/update', body);
         toast(`Feed ${base.id} saved` + (apply ? `; ${r.devices_updated} device(s) get the new rules at their next sync` : ''));
@@ -109,15 +112,16 @@ export async function feeds(root, redraw) {
     };
     form.addEventListener('submit', (ev) => {
       ev.preventDefault();
-      save(formValues(form), base.version, false);
+      save(formValues(form), base.version);
     });
     let conflict = null;
     if (theirs) {
       // `theirs` is what this operator started from; `base` is what is stored now.
       const label = { title: 'Title', subscribable: 'Devices may subscribe', max_assets: 'Max items', auto_delete: 'Delete old items', max_bitrate: 'Max bit rate' };
       const value = (f, k) => String(k in f ? f[k] : f.rules[k]);
-      const rows = Object.keys(label).filter((k) => value(theirs, k) !== value(base, k) || String(mine[k]) !== value(theirs, k))
-        .map((k) => ({ field: label[k], was: value(theirs, k), now: value(base, k), mine: String(mine[k]) }));
+      const yours = (k) => (k in mine ? String(mine[k]) : value(theirs, k));
+      const rows = Object.keys(label).filter((k) => value(theirs, k) !== value(base, k) || yours(k) !== value(theirs, k))
+        .map((k) => ({ field: label[k], was: value(theirs, k), now: value(base, k), mine: yours(k) }));
       const mineChanged = changedFields(theirs, mine);
       conflict = h('div', { class: 'conflict', id: 'feed-conflict', role: 'alert' },
         h('p', {}, h('strong', {}, 'Someone else saved this feed after you opened it.'),
@@ -125,7 +129,7 @@ export async function feeds(root, redraw) {
         table('feed-conflict-table', [['Field', (r) => r.field], ['When you opened it', (r) => r.was],
           ['Now', (r) => r.now], ['Yours', (r) => r.mine]], rows, 'No field differs.'),
         h('div', { class: 'row' },
-          h('button', { type: 'button', id: 'feed-reapply', onclick: () => save({ ...mineChanged, apply_to_subscribers: mine.apply_to_subscribers }, base.version, false) },
+          h('button', { type: 'button', id: 'feed-reapply', onclick: () => save({ ...mineChanged, apply_to_subscribers: mine.apply_to_subscribers }, base.version) },
             'Reapply my changes to the current version'),
           h('button', { type: 'button', class: 'secondary', onclick: () => edit(base) }, 'Discard mine')));
     }
