@@ -218,6 +218,11 @@ try {
   await page.click('#page h1');  // focus outside any form: the timer would redraw
   await page.waitForTimeout(4000);
   assert.equal(await page.locator('#device-rules').isVisible(), true, 'the Manage panel closed by itself');
+  await page.fill('#device-rules [name=max_assets]', '4');
+  await page.click('#device-rules button');
+  await page.locator('#toast', { hasText: 'Rules set' }).waitFor();
+  await page.locator('#devices-table', { hasText: 'harbour-news: max 4' }).waitFor();
+  assert.equal(await page.locator('#device-rules').isVisible(), true, 'the panel closed after a change');
   await page.click('#device-panel-close');
   assert.equal(await page.locator('#device-rules').count(), 0);
 

@@ -257,12 +257,11 @@ int64_t AdminApi::LoginDelayMs(int64_t failures, int freeFailures) {
   return std::min(kFirstDelayMs << doublings, kMaxDelayMs);
 }
 
-std::string AdminApi::FeedVersion(const Feed& feed) {
-  const std::string text = json{{"id", feed.id},
-                                {"title", feed.title},
-                                {"subscribable", feed.subscribable},
-                                {"rules", RulesJson(feed.defaults)}}
-                               .dump(-1, ' ', false, json::error_handler_t::replace);
+namespace {
+
+// The first 64 bits of the SHA-256 of `text`, in hex: a version that changes
+// whenever the text does.
+std::string ShortDigest(const std::string& text) {
   unsigned char digest[SHA256_DIGEST_LENGTH];
   SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest);
   static constexpr char kHex[] = "0123456789abcdef";
@@ -272,6 +271,20 @@ std::string AdminApi::FeedVersion(const Feed& feed) {
     out += kHex[digest[i] & 0x0f];
   }
   return out;
+}
+
+}  // namespace
+
+std::string AdminApi::FeedVersion(const Feed& feed) {
+  return ShortDigest(json{{"id", feed.id},
+                          {"title", feed.title},
+                          {"subscribable", feed.subscribable},
+                          {"rules", RulesJson(feed.defaults)}}
+                         .dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
+std::string AdminApi::RulesVersion(const FeedRules& rules) {
+  return ShortDigest(RulesJson(rules).dump());
 }
 
 namespace {
@@ -584,6 +597,7 @@ AdminReply AdminApi::Feeds(const AdminRequest&, const Caller&, const json&) {
                     {"title", f.feed.title},
                     {"subscribable", f.feed.subscribable},
                     {"rules", RulesJson(f.feed.defaults)},
+                    {"rules_version", RulesVersion(f.feed.defaults)},
                     {"items", f.items},
                     {"subscribers", f.subscribers},
                     {"publishers", std::move(publishers)}});
@@ -801,10 +815,14 @@ AdminReply AdminApi::Devices(const AdminRequest&, const Caller&, const json&) {
   json list = json::array();
   for (const auto& d : devices) {
     json rules = json::object();
+    json versions = json::object();
     CatalogSnapshot snapshot;
     // The rules the next catalog will report; reading items is not needed.
     if (content_->ReadCatalog(d.user, d.device, INT64_MAX, true, &snapshot).ok()) {
-      for (const auto& [feed, r] : snapshot.rules) rules[feed] = RulesJson(r);
+      for (const auto& [feed, r] : snapshot.rules) {
+        rules[feed] = RulesJson(r);
+        versions[feed] = RulesVersion(r);
+      }
     }
     list.push_back({{"user", d.user},
                     {"device", d.device},
@@ -813,6 +831,7 @@ AdminReply AdminApi::Devices(const AdminRequest&, const Caller&, const json&) {
                     {"push_service", d.pushService},
                     {"subscriptions", d.subscriptions},
                     {"rules", std::move(rules)},
+                    {"rules_versions", std::move(versions)},
                     {"pending_pushes", d.pendingPushes}});
   }
   return Ok({{"devices", std::move(list)}});
@@ -823,14 +842,38 @@ AdminReply AdminApi::SetDeviceRules(const AdminRequest&, const Caller& caller, c
   const std::string user = m.Text("user", true);
   const std::string device = m.Text("device", true);
   const std::string feed = m.Text("feed", true, 128);
-  FeedRules rules;
+  const std::string version = m.Text("version", true, 64);
+  if (!m.problem().empty()) return Error(400, m.problem());
+  // What the device's catalog reports now: its own rules, or the feed's defaults.
+  FeedRules current;
+  CatalogSnapshot snapshot;
+  Status s = content_->ReadCatalog(user, device, INT64_MAX, true, &snapshot);
+  if (!s.ok()) return FromStatus(s);
+  if (auto it = snapshot.rules.find(feed); it != snapshot.rules.end()) {
+    current = it->second;
+  } else {
+    Feed f;
+    s = content_->FindFeed(feed, &f);
+    if (!s.ok()) return FromStatus(s);
+    current = f.defaults;
+  }
+  auto stale = [&](const FeedRules& now) {
+    AdminReply reply = Error(409, "the rules of " + device + " for " + feed +
+                                      " were changed by someone else since you opened them");
+    reply.body["current"] = RulesJson(now);
+    reply.body["version"] = RulesVersion(now);
+    return reply;
+  };
+  if (version != RulesVersion(current)) return stale(current);
+  FeedRules rules = current;
   m.Rules(&rules);
   if (!m.problem().empty()) return Error(400, m.problem());
-  Status s = content_->SetRules(user, device, feed, rules);
+  s = content_->UpdateRules(user, device, feed, current, rules);
+  if (s.IsFailedPrecondition()) return Error(409, s.message());
   if (!s.ok()) return FromStatus(s);
   RecordChange(caller, "device.rules", user + "/" + device,
-               {{"feed", feed}, {"rules", RulesJson(rules)}});
-  return Ok();
+               {{"feed", feed}, {"before", RulesJson(current)}, {"rules", RulesJson(rules)}});
+  return Ok({{"version", RulesVersion(rules)}});
 }
 
 AdminReply AdminApi::PushToDevice(const AdminRequest&, const Caller& caller, const json& body) {

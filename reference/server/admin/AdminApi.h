@@ -94,6 +94,8 @@ class AdminApi {
   static int64_t LoginDelayMs(int64_t failures, int freeFailures);
   // The version of a feed an edit is made from: changes whenever a field does.
   static std::string FeedVersion(const Feed& feed);
+  // The version of a device's rules for one feed, as an edit of them carries it.
+  static std::string RulesVersion(const FeedRules& rules);
 
  private:
   // Who makes a request, as its session says.

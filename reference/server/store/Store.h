@@ -192,6 +192,14 @@ class Store {
   virtual Status UpdateFeed(const Feed& expected, const Feed& updated, bool applyToSubscribers,
                             int64_t* changed) = 0;
 
+  // An edit of one device's rules for `feed` made from what the editor saw: sets
+  // them only while the rules the device's catalog reports for the feed (its own,
+  // or else the feed's defaults) still equal `expected`, FailedPrecondition
+  // otherwise; NotFound for an unknown feed. One transaction.
+  virtual Status UpdateRules(const std::string& user, const std::string& device,
+                             const std::string& feed, const FeedRules& expected,
+                             const FeedRules& rules) = 0;
+
   // Records a push notice of an existing item for one known device, as the
   // administrator's nudge to fetch it now.
   virtual Status AddPushNotice(const std::string& user, const std::string& device,

@@ -146,7 +146,11 @@ TEST_F(AdminApiTest, EveryRouteWantsASessionAndEveryChangeItsTokenAndOrigin) {
       {"POST", "items/publish", {{"feed", "news"}, {"media", "clips/one.mp4"}, {"title", "One"}}},
       {"POST",
        "devices/rules",
-       {{"user", "demo"}, {"device", "box-1"}, {"feed", "news"}, {"max_assets", 1}}},
+       {{"user", "demo"},
+        {"device", "box-1"},
+        {"feed", "news"},
+        {"version", AdminApi::RulesVersion({5, true, 0})},
+        {"max_assets", 1}}},
       {"POST", "devices/push", {{"user", "demo"}, {"device", "box-1"}, {"item", "news-1"}}},
       {"POST", "items/remove", {{"uuid", "news-1"}}},
       {"POST", "accounts/save", {{"user", "kiosk"}}},
@@ -333,7 +337,11 @@ TEST_F(AdminApiTest, OperatorsReplaceTheConsolePasswordAndEachRoleIsHeldToIt) {
       {"publishers/grant", {{"user", "demo"}, {"feed", "news"}}, OperatorRole::kEditor},
       {"items/publish", {{"feed", "news"}, {"url", "http://a.test/x"}}, OperatorRole::kEditor},
       {"devices/rules",
-       {{"user", "demo"}, {"device", "box-1"}, {"feed", "news"}, {"max_assets", 1}},
+       {{"user", "demo"},
+        {"device", "box-1"},
+        {"feed", "news"},
+        {"version", AdminApi::RulesVersion({5, true, 0})},
+        {"max_assets", 1}},
        OperatorRole::kEditor},
       {"accounts/save", {{"user", "kiosk"}}, OperatorRole::kAdministrator},
       {"operators/save",
@@ -431,6 +439,30 @@ TEST_F(AdminApiTest, AnEditFromAStaleVersionIsRefusedWithWhatIsThereNow) {
   expected.title = "something else";
   EXPECT_TRUE(content_->UpdateFeed(expected, feed, false, nullptr).IsFailedPrecondition());
   EXPECT_TRUE(content_->UpdateFeed(feed, Feed{"gone", "", true, {}}, false, nullptr).IsNotFound());
+  // A device's rules are edited the same way: the later of two edits made from
+  // the same rules is refused and told what they are now.
+  const std::string rulesSeen =
+      Call("GET", "devices", nullptr, first).body["devices"][0]["rules_versions"]["news"];
+  json rulesEdit = {
+      {"user", "demo"}, {"device", "box-1"}, {"feed", "news"}, {"version", rulesSeen}};
+  rulesEdit["max_bitrate"] = 800000;
+  ASSERT_EQ(Call("POST", "devices/rules", rulesEdit, first, firstCsrf).status, 200);
+  rulesEdit.erase("max_bitrate");
+  rulesEdit["auto_delete"] = false;
+  AdminReply rulesStale = Call("POST", "devices/rules", rulesEdit, second, secondCsrf);
+  ASSERT_EQ(rulesStale.status, 409) << rulesStale.body.dump();
+  EXPECT_EQ(rulesStale.body["current"]["max_bitrate"], 800000);
+  rulesEdit["version"] = rulesStale.body["version"];
+  ASSERT_EQ(Call("POST", "devices/rules", rulesEdit, second, secondCsrf).status, 200);
+  ASSERT_TRUE(content_->ReadCatalog("demo", "box-1", std::nullopt, true, &snap).ok());
+  EXPECT_EQ(snap.rules["news"].maxBitrate, 800000);  // both edits stand
+  EXPECT_FALSE(snap.rules["news"].autoDelete);
+  EXPECT_EQ(snap.rules["news"].maxAssets, 1);
+  EXPECT_TRUE(
+      content_
+          ->UpdateRules("demo", "box-1", "news", FeedRules{1, true, 800000}, FeedRules{9, true, 0})
+          .IsFailedPrecondition());
+
   // An edit must say which version it was made from.
   EXPECT_EQ(Call("POST", "feeds/update", {{"id", "news"}, {"title", "x"}}, first, firstCsrf).status,
             400);

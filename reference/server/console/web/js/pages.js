@@ -210,14 +210,21 @@ export async function devices(root, redraw, state) {
   const [{ devices: list }, { feeds: feedList }, { items: recent }, { pushes }] = await Promise.all([
     get('devices'), get('feeds'), get('items', { limit: 50 }), get('pushes', { all: 1, limit: 20 })]);
   const panel = h('div', { id: 'device-panel' });
-  const open = (d) => {
+  // The rules shown are the ones the device's catalog reports for the chosen
+  // feed; a save carries their version.
+  const open = (d, chosen = null) => {
+    const choices = d.subscriptions.length ? d.subscriptions : feedList.map((f) => f.id);
+    const feed = choices.includes(chosen) ? chosen : choices[0];
+    const defaults = feedList.find((f) => f.id === feed);
+    const current = d.rules[feed] ?? defaults?.rules;
+    const version = d.rules_versions[feed] ?? defaults?.rules_version;
     const rules = h('form', { class: 'grid', id: 'device-rules' },
-      field('Feed', h('select', { name: 'feed' }, options((d.subscriptions.length ? d.subscriptions : feedList.map((f) => f.id)).map((f) => [f, f])))),
-      ...rulesInputs(d.rules[d.subscriptions[0]]),
+      field('Feed', h('select', { name: 'feed', onchange: (ev) => open(d, ev.target.value) }, options(choices.map((f) => [f, f]), feed))),
+      ...rulesInputs(current),
       h('button', { type: 'submit' }, 'Set rules'));
     rules.addEventListener('submit', async (ev) => {
       ev.preventDefault();
-      await change('devices/rules', { user: d.user, device: d.device, ...formValues(rules) },
+      await change('devices/rules', { user: d.user, device: d.device, version, ...formValues(rules) },
         () => `Rules set for ${d.device}; they apply at its next sync`, redraw);
     });
     const push = h('form', { class: 'grid', id: 'device-push' },
@@ -229,7 +236,7 @@ export async function devices(root, redraw, state) {
         (r) => `Push notice ${r.notice.id} recorded for ${d.device}`, redraw);
     });
     // The page is not redrawn by the live timer while a device is being managed.
-    state.hold = { user: d.user, device: d.device };
+    state.hold = { user: d.user, device: d.device, feed };
     const close = h('button', { type: 'button', class: 'secondary', id: 'device-panel-close', onclick: () => {
       state.hold = null;
       panel.replaceChildren();
@@ -258,7 +265,7 @@ export async function devices(root, redraw, state) {
       pushes, 'No push notices.')));
   // A redraw (after a change, or on coming back) keeps the device open.
   const held = state.hold && list.find((d) => d.user === state.hold.user && d.device === state.hold.device);
-  if (held) open(held);
+  if (held) open(held, state.hold.feed);
   else state.hold = null;
 }
 
