@@ -10,11 +10,11 @@
 #include <algorithm>
 
 #include "reference/server/admin/AdminApi.h"
-#include "reference/server/admin/ConsoleStore.h"
 #include "reference/server/console/ConsoleSite.h"
 #include "reference/server/media/MediaLibrary.h"
 #include "reference/server/protocol/ProtocolHandler.h"
 #include "reference/server/store/postgres/PgStore.h"
+#include "reference/server/store/sqlite/SqliteConsoleState.h"
 #include "reference/server/store/sqlite/SqliteStore.h"
 
 namespace zolvani::refserver {
@@ -78,28 +78,30 @@ Status ContentServer::Create(ServerOptions options, std::unique_ptr<ContentServe
     store = std::move(postgres);
   }
   if (!s.ok()) return s;
-  std::unique_ptr<ConsoleStore> consoleStore;
+  std::unique_ptr<SqliteConsoleState> consoleState;
   if (options.console) {
-    s = ConsoleStore::Open(options.dataDir, &consoleStore);
+    s = SqliteConsoleState::Open(options.dataDir, &consoleState);
     if (!s.ok()) return s;
   }
-  server->reset(new ContentServer(std::move(options), std::move(store), std::move(consoleStore)));
+  server->reset(new ContentServer(std::move(options), std::move(store), std::move(consoleState)));
   return Status::OK();
 }
 
 ContentServer::ContentServer(ServerOptions options, std::unique_ptr<Store> store,
-                             std::unique_ptr<ConsoleStore> consoleStore)
+                             std::unique_ptr<ConsoleState> consoleState)
     : options_(std::move(options)),
       store_(std::move(store)),
-      consoleStore_(std::move(consoleStore)),
+      consoleState_(std::move(consoleState)),
       figures_(options_.nodeName),
-      sessions_(options_.consoleSessions),
       media_(std::make_unique<MediaLibrary>(options_.dataDir / "media")),
       protocol_(std::make_unique<ProtocolHandler>(store_.get(), options_.freshnessWindowSeconds,
                                                   options_.clockMs)) {
-  if (consoleStore_) {
-    admin_ = std::make_unique<AdminApi>(store_.get(), consoleStore_.get(), &sessions_, &figures_,
-                                        media_->root(), options_.clockMs);
+  if (consoleState_) {
+    AdminOptions adminOptions;
+    adminOptions.sessions = options_.consoleSessions;
+    adminOptions.trustedProxies = options_.consoleTrustedProxies;
+    admin_ = std::make_unique<AdminApi>(store_.get(), consoleState_.get(), &figures_,
+                                        media_->root(), options_.clockMs, adminOptions);
     consoleSite_ = std::make_unique<ConsoleSite>(admin_.get(), &figures_, options_.clockMs,
                                                  options_.consoleFromAnywhere,
                                                  options_.consolePort.has_value());

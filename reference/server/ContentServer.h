@@ -21,16 +21,15 @@
 #include <vector>
 
 #include "reference/server/Status.h"
-#include "reference/server/admin/ConsoleSessions.h"
 #include "reference/server/admin/TrafficFigures.h"
 #include "reference/server/http/HttpServer.h"
+#include "reference/server/store/ConsoleState.h"
 #include "reference/server/store/Store.h"
 
 namespace zolvani::refserver {
 
 class AdminApi;
 class ConsoleSite;
-class ConsoleStore;
 class MediaLibrary;
 class ProtocolHandler;
 
@@ -71,6 +70,10 @@ struct ServerOptions {
   std::string nodeName;
   // How often this server adds its traffic figures to the store.
   std::chrono::milliseconds figuresEvery{10000};
+  // Reverse proxies in front of the console (a TLS terminator) whose
+  // X-Forwarded-For and X-Forwarded-Proto the console believes (see AdminOptions);
+  // unlike trustedProxies, which names the balancer in front of the devices.
+  std::vector<std::string> consoleTrustedProxies;
 };
 
 class ContentServer {
@@ -94,7 +97,7 @@ class ContentServer {
   std::string url() const;
   Store* store() { return store_.get(); }
   // Null when the console is off.
-  ConsoleStore* consoleStore() { return consoleStore_.get(); }
+  ConsoleState* consoleState() { return consoleState_.get(); }
   TrafficFigures* figures() { return &figures_; }
   const std::string& nodeName() const { return options_.nodeName; }
   const std::filesystem::path& mediaRoot() const;
@@ -103,14 +106,13 @@ class ContentServer {
 
  private:
   ContentServer(ServerOptions options, std::unique_ptr<Store> store,
-                std::unique_ptr<ConsoleStore> consoleStore);
+                std::unique_ptr<ConsoleState> consoleState);
   Router MakeRoutes();
 
   ServerOptions options_;
   std::unique_ptr<Store> store_;
-  std::unique_ptr<ConsoleStore> consoleStore_;
+  std::unique_ptr<ConsoleState> consoleState_;
   TrafficFigures figures_;
-  ConsoleSessions sessions_;
   std::unique_ptr<AdminApi> admin_;
   std::unique_ptr<ConsoleSite> consoleSite_;
   std::unique_ptr<MediaLibrary> media_;

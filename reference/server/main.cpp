@@ -11,16 +11,17 @@
 #include <string>
 #include <vector>
 
+#include <termios.h>
 #include <unistd.h>
 
 #include "reference/server/ContentServer.h"
 #include "reference/server/SeedLoader.h"
-#include "reference/server/admin/ConsoleStore.h"
 #include "reference/server/admin/PasswordHasher.h"
 #include "reference/server/media/SampleGenerator.h"
 #include "reference/server/store/postgres/PgImport.h"
 #include "reference/server/store/postgres/PgSchema.h"
 #include "reference/server/store/postgres/PgStore.h"
+#include "reference/server/store/sqlite/SqliteConsoleState.h"
 #include "reference/server/store/sqlite/SqliteStore.h"
 
 namespace {
@@ -106,6 +107,7 @@ struct ServeFlags {
   bool noConsole = false;
   bool consoleFromAnywhere = false;
   std::string nodeName;
+  std::vector<std::string> consoleTrustedProxies;
 };
 
 std::chrono::milliseconds Milliseconds(double seconds) {
@@ -140,6 +142,7 @@ int Serve(const std::string& dataDir, const ServeFlags& flags) {
   options.console = !flags.noConsole;
   options.consoleFromAnywhere = flags.consoleFromAnywhere;
   options.nodeName = flags.nodeName;
+  options.consoleTrustedProxies = flags.consoleTrustedProxies;
   std::unique_ptr<ContentServer> server;
   Status s = ContentServer::Create(options, &server);
   if (!s.ok()) return Fail(s);
@@ -160,7 +163,9 @@ int Serve(const std::string& dataDir, const ServeFlags& flags) {
   std::cout << "listening on " << server->url() << std::endl;
   if (options.console) {
     std::string hash;
-    const bool ready = server->consoleStore()->PasswordHash(&hash).ok();
+    int64_t operators = 0;
+    server->consoleState()->CountOperators(&operators);
+    const bool ready = operators > 0 || server->consoleState()->PasswordHash(&hash).ok();
     const std::string consoleUrl = options.consolePort ? "http://" + options.consoleAddress + ":" +
                                                              std::to_string(server->consolePort())
                                                        : server->url();
@@ -174,28 +179,52 @@ int Serve(const std::string& dataDir, const ServeFlags& flags) {
   return 0;
 }
 
-// Reads the new console password from ZSM_CONSOLE_PASSWORD, or else the first
-// line of standard input, so that it never appears in a process listing.
-int SetConsolePassword(const std::string& dataDir) {
-  std::string password;
+// Reads a new password from ZSM_CONSOLE_PASSWORD, or else the first line of
+// standard input (asked for, without echo, on a terminal), so that it never
+// appears in a process listing or a shell's history.
+std::string ReadPassword(const char* prompt) {
   if (const char* env = std::getenv("ZSM_CONSOLE_PASSWORD"); env != nullptr && *env != '\0') {
-    password = env;
-  } else {
-    if (isatty(STDIN_FILENO)) std::cerr << "new console password: " << std::flush;
-    std::getline(std::cin, password);
-    if (!password.empty() && password.back() == '\r') password.pop_back();
+    return env;
   }
+  std::string password;
+  const bool terminal = isatty(STDIN_FILENO) != 0;
+  termios saved{};
+  if (terminal && tcgetattr(STDIN_FILENO, &saved) == 0) {
+    termios quiet = saved;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    std::cerr << prompt << std::flush;
+    std::getline(std::cin, password);
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+    std::cerr << "\n";
+  } else {
+    std::getline(std::cin, password);
+  }
+  if (!password.empty() && password.back() == '\r') password.pop_back();
+  return password;
+}
+
+int SetConsolePassword(const std::string& dataDir) {
+  const std::string password = ReadPassword("new console password: ");
   std::string encoded;
   Status s = PasswordHasher::Hash(password, PasswordHashParams{}, &encoded);
   if (!s.ok()) return Fail(s);
-  std::unique_ptr<ConsoleStore> console;
-  s = ConsoleStore::Open(dataDir, &console);
+  std::unique_ptr<SqliteConsoleState> console;
+  s = SqliteConsoleState::Open(dataDir, &console);
   if (!s.ok()) return Fail(s);
+  int64_t operators = 0;
+  s = console->CountOperators(&operators);
+  if (!s.ok()) return Fail(s);
+  if (operators > 0) {
+    std::cerr << "zsm-server: warning: the console has operators, who sign in with their own "
+                 "passwords; the console password is not used any more\n";
+  }
   const int64_t now = ContentServer::WallClockMs();
   s = console->SetPasswordHash(encoded, now);
   if (s.ok()) {
     AuditEntry entry;
     entry.atMs = now;
+    entry.operatorName = "command line";
     entry.peer = "command line";
     entry.action = "console.password";
     entry.target = "console";
@@ -203,6 +232,47 @@ int SetConsolePassword(const std::string& dataDir) {
   }
   if (!s.ok()) return Fail(s);
   std::cout << "console password set; sessions signed in with the old one have ended\n";
+  return 0;
+}
+
+// Creates a named operator; the first one ends the one-password console.
+int AddOperator(const std::string& dataDir, const std::string& name, const std::string& roleName) {
+  OperatorRole role;
+  if (!ParseRole(roleName, &role)) {
+    return Fail(Status::InvalidArgument("--role is one of viewer, editor, administrator"));
+  }
+  std::unique_ptr<SqliteConsoleState> console;
+  Status s = SqliteConsoleState::Open(dataDir, &console);
+  if (!s.ok()) return Fail(s);
+  int64_t operators = 0;
+  s = console->CountOperators(&operators);
+  if (!s.ok()) return Fail(s);
+  if (operators == 0 && role != OperatorRole::kAdministrator) {
+    return Fail(Status::FailedPrecondition(
+        "the first operator must be an administrator (--role administrator), who can then add "
+        "the others"));
+  }
+  const std::string password = ReadPassword(("password for " + name + ": ").c_str());
+  std::string encoded;
+  s = PasswordHasher::Hash(password, PasswordHashParams{}, &encoded);
+  if (!s.ok()) return Fail(s);
+  const int64_t now = ContentServer::WallClockMs();
+  s = console->AddOperator({name, role, encoded, now, now});
+  if (s.ok()) {
+    AuditEntry entry;
+    entry.atMs = now;
+    entry.operatorName = "command line";
+    entry.peer = "command line";
+    entry.action = "operator.create";
+    entry.target = name;
+    entry.details = {{"role", RoleName(role)}, {"password_changed", true}};
+    s = console->Record(std::move(entry));
+  }
+  if (!s.ok()) return Fail(s);
+  std::cout << "operator " << name << " added as " << RoleName(role) << "\n";
+  if (operators == 0) {
+    std::cout << "the console password no longer signs in; operators sign in with their names\n";
+  }
   return 0;
 }
 
@@ -313,11 +383,22 @@ int main(int argc, char** argv) {
   serve->add_flag("--no-console", flags.noConsole, "do not serve the operator's console at /admin");
   serve->add_flag("--console-from-anywhere", flags.consoleFromAnywhere,
                   "let clients beyond the loopback interface reach the console");
+  serve->add_option("--console-trusted-proxy", flags.consoleTrustedProxies,
+                    "address of a reverse proxy whose X-Forwarded-For/-Proto the console "
+                    "believes (repeatable)");
 
   auto* setPassword = app.add_subcommand(
       "set-console-password",
       "set the console's password from ZSM_CONSOLE_PASSWORD or the first line of stdin");
   addData(setPassword);
+
+  auto* addOperatorCmd = app.add_subcommand(
+      "add-operator",
+      "add a console operator; the password comes from ZSM_CONSOLE_PASSWORD or stdin");
+  addData(addOperatorCmd);
+  std::string operatorName, operatorRole;
+  addOperatorCmd->add_option("name", operatorName, "the operator's sign-in name")->required();
+  addOperatorCmd->add_option("--role", operatorRole, "viewer, editor or administrator")->required();
 
   auto* addAccount = app.add_subcommand("add-account", "add or replace an account");
   addData(addAccount);
@@ -452,6 +533,7 @@ int main(int argc, char** argv) {
   flags.databaseUrl = databaseUrl;
   if (serve->parsed()) return Serve(dataDir, flags);
   if (setPassword->parsed()) return SetConsolePassword(dataDir);
+  if (addOperatorCmd->parsed()) return AddOperator(dataDir, operatorName, operatorRole);
   std::unique_ptr<Store> store;
   Status s = OpenStore(dataDir, databaseUrl, &store);
   if (!s.ok()) return Fail(s);

@@ -1,6 +1,8 @@
 #include "reference/server/admin/AdminApi.h"
 
+#include <openssl/crypto.h>
 #include <openssl/rand.h>
+#include <openssl/sha.h>
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
@@ -168,6 +170,21 @@ int QueryInt(const AdminRequest& request, const char* name, int fallback, int lo
   return std::clamp(std::stoi(it->second), low, high);
 }
 
+// Whether `token` is the session's change token, compared in constant time.
+bool CsrfMatches(const std::string& expected, std::string_view token) {
+  return token.size() == expected.size() && !token.empty() &&
+         CRYPTO_memcmp(token.data(), expected.data(), token.size()) == 0;
+}
+
+int64_t QueryInt64(const AdminRequest& request, const char* name) {
+  auto it = request.query.find(name);
+  if (it == request.query.end() || it->second.empty() || it->second.size() > 15 ||
+      it->second.find_first_not_of("0123456789") != std::string::npos) {
+    return 0;
+  }
+  return std::stoll(it->second);
+}
+
 std::string QueryText(const AdminRequest& request, const char* name) {
   auto it = request.query.find(name);
   return it == request.query.end() ? "" : it->second;
@@ -175,39 +192,45 @@ std::string QueryText(const AdminRequest& request, const char* name) {
 
 }  // namespace
 
-AdminApi::AdminApi(Store* content, ConsoleStore* console, ConsoleSessions* sessions,
-                   TrafficFigures* figures, std::filesystem::path mediaRoot,
-                   std::function<int64_t()> clockMs)
+AdminApi::AdminApi(Store* content, ConsoleState* console, TrafficFigures* figures,
+                   std::filesystem::path mediaRoot, std::function<int64_t()> clockMs,
+                   AdminOptions options)
     : content_(content),
       console_(console),
-      sessions_(sessions),
       figures_(figures),
       mediaRoot_(std::move(mediaRoot)),
-      clockMs_(std::move(clockMs)) {}
+      clockMs_(std::move(clockMs)),
+      options_(std::move(options)) {}
 
 const std::vector<AdminApi::Route>& AdminApi::Routes() {
+  constexpr auto kViewer = OperatorRole::kViewer;
+  constexpr auto kEditor = OperatorRole::kEditor;
+  constexpr auto kAdministrator = OperatorRole::kAdministrator;
   static const std::vector<Route> routes = {
-      {"POST", "login", &AdminApi::Login},
-      {"POST", "logout", &AdminApi::Logout},
-      {"GET", "session", &AdminApi::Session},
-      {"GET", "figures", &AdminApi::Figures},
-      {"GET", "feeds", &AdminApi::Feeds},
-      {"POST", "feeds/create", &AdminApi::CreateFeed},
-      {"POST", "feeds/update", &AdminApi::UpdateFeed},
-      {"GET", "publishers", &AdminApi::Publishers},
-      {"POST", "publishers/grant", &AdminApi::GrantPublisher},
-      {"POST", "publishers/revoke", &AdminApi::RevokePublisher},
-      {"GET", "items", &AdminApi::Items},
-      {"POST", "items/publish", &AdminApi::PublishItem},
-      {"POST", "items/remove", &AdminApi::RemoveItem},
-      {"GET", "media", &AdminApi::Media},
-      {"GET", "devices", &AdminApi::Devices},
-      {"POST", "devices/rules", &AdminApi::SetDeviceRules},
-      {"POST", "devices/push", &AdminApi::PushToDevice},
-      {"GET", "pushes", &AdminApi::Pushes},
-      {"GET", "accounts", &AdminApi::Accounts},
-      {"POST", "accounts/save", &AdminApi::SaveAccount},
-      {"GET", "audit", &AdminApi::AuditEntries},
+      {"POST", "login", nullptr, kViewer},
+      {"POST", "logout", &AdminApi::Logout, kViewer},
+      {"GET", "session", &AdminApi::Session, kViewer},
+      {"GET", "figures", &AdminApi::Figures, kViewer},
+      {"GET", "feeds", &AdminApi::Feeds, kViewer},
+      {"POST", "feeds/create", &AdminApi::CreateFeed, kEditor},
+      {"POST", "feeds/update", &AdminApi::UpdateFeed, kEditor},
+      {"GET", "publishers", &AdminApi::Publishers, kViewer},
+      {"POST", "publishers/grant", &AdminApi::GrantPublisher, kEditor},
+      {"POST", "publishers/revoke", &AdminApi::RevokePublisher, kEditor},
+      {"GET", "items", &AdminApi::Items, kViewer},
+      {"POST", "items/publish", &AdminApi::PublishItem, kEditor},
+      {"POST", "items/remove", &AdminApi::RemoveItem, kEditor},
+      {"GET", "media", &AdminApi::Media, kViewer},
+      {"GET", "devices", &AdminApi::Devices, kViewer},
+      {"POST", "devices/rules", &AdminApi::SetDeviceRules, kEditor},
+      {"POST", "devices/push", &AdminApi::PushToDevice, kEditor},
+      {"GET", "pushes", &AdminApi::Pushes, kViewer},
+      {"GET", "accounts", &AdminApi::Accounts, kViewer},
+      {"POST", "accounts/save", &AdminApi::SaveAccount, kAdministrator},
+      {"GET", "audit", &AdminApi::AuditEntries, kViewer},
+      {"GET", "operators", &AdminApi::Operators, kAdministrator},
+      {"POST", "operators/save", &AdminApi::SaveOperator, kAdministrator},
+      {"POST", "operators/remove", &AdminApi::RemoveOperator, kAdministrator},
   };
   return routes;
 }
@@ -229,6 +252,118 @@ std::string AdminApi::CookieValue(const std::string& header, const std::string& 
 
 bool AdminApi::SameOrigin(const std::string& origin, const std::string& host) {
   return !host.empty() && (origin == "http://" + host || origin == "https://" + host);
+}
+
+int64_t AdminApi::LoginDelayMs(int64_t failures, int freeFailures) {
+  if (failures < freeFailures) return 0;
+  const int64_t doublings = std::min<int64_t>(failures - freeFailures, 20);
+  return std::min(kFirstDelayMs << doublings, kMaxDelayMs);
+}
+
+namespace {
+
+// The first 64 bits of the SHA-256 of `text`, in hex: a version that changes
+// whenever the text does.
+std::string ShortDigest(const std::string& text) {
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest);
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (size_t i = 0; i < 8; ++i) {
+    out += kHex[digest[i] >> 4];
+    out += kHex[digest[i] & 0x0f];
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string AdminApi::FeedVersion(const Feed& feed) {
+  return ShortDigest(json{{"id", feed.id},
+                          {"title", feed.title},
+                          {"subscribable", feed.subscribable},
+                          {"rules", RulesJson(feed.defaults)}}
+                         .dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
+std::string AdminApi::RulesVersion(const FeedRules& rules) {
+  return ShortDigest(RulesJson(rules).dump());
+}
+
+namespace {
+
+// The part of an address the throttle counts as one client: an IPv6 client
+// usually holds a whole /64, so it is one client.
+std::string ClientKey(const std::string& address) {
+  std::string a = address;
+  if (a.rfind("::ffff:", 0) == 0 && a.find('.') != std::string::npos) a = a.substr(7);
+  if (a.find(':') == std::string::npos) return a;
+  // Expand to eight groups and keep four.
+  std::vector<std::string> head, tail;
+  const size_t gap = a.find("::");
+  auto split = [](const std::string& text, std::vector<std::string>* groups) {
+    size_t at = 0;
+    while (at <= text.size() && !text.empty()) {
+      const size_t end = std::min(text.find(':', at), text.size());
+      groups->push_back(text.substr(at, end - at));
+      at = end + 1;
+    }
+  };
+  split(gap == std::string::npos ? a : a.substr(0, gap), &head);
+  if (gap != std::string::npos) split(a.substr(gap + 2), &tail);
+  while (head.size() + tail.size() < 8) head.push_back("0");
+  head.insert(head.end(), tail.begin(), tail.end());
+  std::string key;
+  for (size_t i = 0; i < 4 && i < head.size(); ++i) key += head[i] + ":";
+  return key + ":/64";
+}
+
+bool ListedAddress(const std::vector<std::string>& list, const std::string& address) {
+  std::string a = address;
+  if (a.rfind("::ffff:", 0) == 0 && a.find('.') != std::string::npos) a = a.substr(7);
+  return std::find(list.begin(), list.end(), a) != list.end();
+}
+
+std::string Trim(std::string_view text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
+  return std::string(text);
+}
+
+}  // namespace
+
+bool AdminApi::OverHttps(const AdminRequest& request) const {
+  // A browser names the page's scheme in Origin; a proxy that ends TLS says so.
+  if (request.origin.rfind("https://", 0) == 0) return true;
+  if (!ListedAddress(options_.trustedProxies, request.peer)) return false;
+  std::string proto = request.forwardedProto.substr(0, request.forwardedProto.find(','));
+  proto = Trim(proto);
+  std::transform(proto.begin(), proto.end(), proto.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return proto == "https";
+}
+
+std::string AdminApi::ClientAddress(const AdminRequest& request) const {
+  if (request.forwardedFor.empty() || !ListedAddress(options_.trustedProxies, request.peer)) {
+    return request.peer;
+  }
+  // The last address is the one the trusted proxy saw; the ones before it are
+  // whatever the client claimed.
+  const size_t comma = request.forwardedFor.rfind(',');
+  std::string last = Trim(comma == std::string::npos ? request.forwardedFor
+                                                     : request.forwardedFor.substr(comma + 1));
+  if (last.empty() || last.size() > 64 ||
+      last.find_first_not_of("0123456789abcdefABCDEF:.") != std::string::npos) {
+    return request.peer;
+  }
+  return last;
+}
+
+std::string AdminApi::SessionCookie(const AdminRequest& request, const std::string& value) const {
+  std::string cookie =
+      std::string(kCookieName) + "=" + value + "; Path=/admin; HttpOnly; SameSite=Strict";
+  if (OverHttps(request)) cookie += "; Secure";
+  return cookie;
 }
 
 AdminReply AdminApi::Handle(const AdminRequest& request) {
@@ -263,78 +398,171 @@ AdminReply AdminApi::Handle(const AdminRequest& request) {
       return Error(400, "the body must be a JSON object");
     }
   }
-  if (route->handler == &AdminApi::Login) return Login(request, body);
+  if (route->handler == nullptr) return Login(request, body);
 
-  const auto session = sessions_->Find(CookieValue(request.cookie, kCookieName), clockMs_());
-  if (!session) return Error(401, "sign in first");
-  // A new password (set-console-password, possibly from another process) ends
-  // every session signed in with the old one.
-  int64_t passwordSetMs = 0;
-  Status s = console_->PasswordSetMs(&passwordSetMs);
+  const int64_t now = clockMs_();
+  ConsoleSession session;
+  Status s = console_->FindSession(CookieValue(request.cookie, kCookieName), now, options_.sessions,
+                                   &session);
+  if (s.IsNotFound()) return Error(401, "sign in first");
   if (!s.ok()) return FromStatus(s);
-  if (session->createdMs < passwordSetMs) {
-    sessions_->End(session->id);
-    return Error(401, "the console password changed; sign in again");
+  Caller caller;
+  caller.client = ClientAddress(request);
+  caller.sessionId = session.id;
+  caller.csrfToken = session.csrfToken;
+  caller.sinceMs = session.createdMs;
+  if (session.operatorName.empty()) {
+    // The one console password serves only a console without operators; a new
+    // password (set-console-password, possibly from another process) ends every
+    // session signed in with the old one.
+    int64_t operators = 0, passwordSetMs = 0;
+    s = console_->CountOperators(&operators);
+    if (s.ok()) s = console_->PasswordSetMs(&passwordSetMs);
+    if (!s.ok()) return FromStatus(s);
+    if (operators > 0 || session.createdMs < passwordSetMs) {
+      console_->EndSession(session.id);
+      return Error(401, operators > 0 ? "the console has operators now; sign in with your name"
+                                      : "the console password changed; sign in again");
+    }
+    caller.name = "console";
+    caller.role = OperatorRole::kAdministrator;
+  } else {
+    // The operator's role is read on every request, so that a change takes effect
+    // at once; a new password or role ends the sessions signed in before it.
+    Operator op;
+    s = console_->FindOperator(session.operatorName, &op);
+    if (s.ok() && op.changedMs > session.createdMs) s = Status::NotFound("changed");
+    if (s.IsNotFound()) {
+      console_->EndSession(session.id);
+      return Error(401, "your operator account changed; sign in again");
+    }
+    if (!s.ok()) return FromStatus(s);
+    caller.name = op.name;
+    caller.role = op.role;
   }
-  if (change && !ConsoleSessions::CsrfMatches(*session, request.csrf)) {
+  if (change && !CsrfMatches(session.csrfToken, request.csrf)) {
     return Error(403, "cross-site request refused");
   }
-  return (this->*(route->handler))(request, body);
+  if (caller.role < route->role) {
+    return Error(403, std::string("an operator with the role ") + RoleName(caller.role) +
+                          " may not do this; it needs " + RoleName(route->role));
+  }
+  return (this->*(route->handler))(request, caller, body);
 }
 
-bool AdminApi::LoginThrottled(int64_t nowMs, bool recordFailure) {
-  std::lock_guard lock(loginMutex_);
-  while (!loginFailuresMs_.empty() && nowMs - loginFailuresMs_.front() >= 60000) {
-    loginFailuresMs_.pop_front();
+Status AdminApi::LoginWaitMs(const std::string& clientKey, const std::string& nameKey,
+                             int64_t nowMs, int64_t* waitMs) {
+  *waitMs = 0;
+  for (const auto& [key, free] :
+       {std::pair<const std::string&, int>{clientKey, kFreeFailuresPerClient},
+        std::pair<const std::string&, int>{nameKey, kFreeFailuresPerName}}) {
+    LoginFailures failures;
+    Status s = console_->ReadLoginFailures(key, &failures);
+    if (!s.ok()) return s;
+    if (nowMs - failures.lastFailureMs > kForgetMs) continue;
+    const int64_t until = failures.lastFailureMs + LoginDelayMs(failures.failures, free);
+    *waitMs = std::max(*waitMs, until - nowMs);
   }
-  if (recordFailure) loginFailuresMs_.push_back(nowMs);
-  return static_cast<int>(loginFailuresMs_.size()) >= kLoginFailuresPerMinute;
+  return Status::OK();
 }
 
 AdminReply AdminApi::Login(const AdminRequest& request, const json& body) {
   const int64_t now = clockMs_();
   Members m(body);
+  const std::string name = m.Text("name", false, 128);
   const std::string password = m.Text("password", true, PasswordHasher::kMaxPasswordLength);
   if (!m.problem().empty()) return Error(400, m.problem());
-  if (LoginThrottled(now, false)) {
-    return Error(429, "too many failed sign-ins; try again in a minute");
-  }
-  std::string encoded;
-  Status s = console_->PasswordHash(&encoded);
-  if (s.IsNotFound()) {
-    return Error(503, "no console password is set; run zsm-server set-console-password");
-  }
+  Caller caller;
+  caller.client = ClientAddress(request);
+  caller.name = name;
+  const std::string clientKey = "client " + ClientKey(caller.client);
+  const std::string nameKey = "name " + name + " from " + ClientKey(caller.client);
+  int64_t waitMs = 0;
+  Status s = LoginWaitMs(clientKey, nameKey, now, &waitMs);
   if (!s.ok()) return FromStatus(s);
-  if (!PasswordHasher::Verify(encoded, password)) {
-    LoginThrottled(now, true);
-    RecordChange(request, "login.refused", "console", json::object());
-    return Error(401, "wrong password");
+  if (waitMs > 0) {
+    // Even the right password waits: guessing must not learn anything meanwhile.
+    const int64_t seconds = (waitMs + 999) / 1000;
+    AdminReply reply = Error(
+        429, "too many failed sign-ins from here; try again in " + std::to_string(seconds) + " s");
+    reply.body["retry_after_s"] = seconds;
+    reply.headers.emplace_back("Retry-After", std::to_string(seconds));
+    return reply;
   }
-  auto session = sessions_->Create(now);
-  if (!session) return Error(500, "no random bytes for a session");
-  RecordChange(request, "login", "console", json::object());
-  AdminReply reply = Ok({{"csrf_token", session->csrfToken}});
-  reply.setCookies.push_back(std::string(kCookieName) + "=" + session->id +
-                             "; Path=/admin; HttpOnly; SameSite=Strict");
+  int64_t operators = 0;
+  s = console_->CountOperators(&operators);
+  if (!s.ok()) return FromStatus(s);
+  std::string encoded;
+  if (operators > 0) {
+    if (name.empty()) return Error(400, "give your operator name");
+    Operator op;
+    s = console_->FindOperator(name, &op);
+    if (!s.ok() && !s.IsNotFound()) return FromStatus(s);
+    encoded = op.passwordHash;  // empty for an unknown name: never verifies
+  } else {
+    s = console_->PasswordHash(&encoded);
+    if (s.IsNotFound()) {
+      return Error(503,
+                   "no console password is set; run zsm-server set-console-password or "
+                   "zsm-server add-operator");
+    }
+    if (!s.ok()) return FromStatus(s);
+    if (!name.empty()) encoded.clear();  // no operators yet: a name cannot be right
+  }
+  if (encoded.empty()) {
+    // An unknown name takes as long to refuse as a wrong password, so that the
+    // time of a refusal does not tell which names exist.
+    static const std::string decoy = [] {
+      std::string e;
+      PasswordHasher::Hash("decoy password for unknown names", PasswordHashParams{}, &e);
+      return e;
+    }();
+    PasswordHasher::Verify(decoy, password);
+  }
+  if (encoded.empty() || !PasswordHasher::Verify(encoded, password)) {
+    LoginFailures after;
+    s = console_->RecordLoginFailure(clientKey, now, kForgetMs, &after);
+    if (s.ok() && !name.empty()) s = console_->RecordLoginFailure(nameKey, now, kForgetMs, &after);
+    if (!s.ok()) return FromStatus(s);
+    RecordChange(caller, "login.refused", "console", json::object());
+    return Error(401, operators > 0 ? "wrong name or password" : "wrong password");
+  }
+  // A successful sign-in forgets this client's failures, never anyone else's.
+  console_->ClearLoginFailures(clientKey);
+  console_->ClearLoginFailures(nameKey);
+  ConsoleSession session;
+  session.id = RandomHex(32);
+  session.csrfToken = RandomHex(32);
+  if (session.id.empty() || session.csrfToken.empty()) {
+    return Error(500, "no random bytes for a session");
+  }
+  session.operatorName = operators > 0 ? name : "";
+  session.createdMs = session.lastUsedMs = now;
+  s = console_->CreateSession(session, options_.sessions);
+  if (!s.ok()) return FromStatus(s);
+  if (operators == 0) caller.name = "console";
+  RecordChange(caller, "login", "console", json::object());
+  AdminReply reply = Ok({{"csrf_token", session.csrfToken}});
+  reply.setCookies.push_back(SessionCookie(request, session.id));
   return reply;
 }
 
-AdminReply AdminApi::Logout(const AdminRequest& request, const json&) {
-  sessions_->End(CookieValue(request.cookie, kCookieName));
-  RecordChange(request, "logout", "console", json::object());
+AdminReply AdminApi::Logout(const AdminRequest& request, const Caller& caller, const json&) {
+  console_->EndSession(caller.sessionId);
+  RecordChange(caller, "logout", "console", json::object());
   AdminReply reply = Ok();
-  reply.setCookies.push_back(std::string(kCookieName) +
-                             "=; Path=/admin; HttpOnly; SameSite=Strict; Max-Age=0");
+  reply.setCookies.push_back(SessionCookie(request, "") + "; Max-Age=0");
   return reply;
 }
 
-AdminReply AdminApi::Session(const AdminRequest& request, const json&) {
-  const auto session = sessions_->Find(CookieValue(request.cookie, kCookieName), clockMs_());
-  if (!session) return Error(401, "sign in first");
-  return Ok({{"csrf_token", session->csrfToken}, {"since_ms", session->createdMs}});
+AdminReply AdminApi::Session(const AdminRequest&, const Caller& caller, const json&) {
+  return Ok({{"csrf_token", caller.csrfToken},
+             {"since_ms", caller.sinceMs},
+             {"operator", caller.name},
+             {"role", RoleName(caller.role)}});
 }
 
-AdminReply AdminApi::Figures(const AdminRequest&, const json&) {
+AdminReply AdminApi::Figures(const AdminRequest&, const Caller&, const json&) {
   const int64_t now = clockMs_();
   // Every server on the store adds its counts every few seconds; this one's own
   // go in first, so that the page shows what it answered up to now.
@@ -363,7 +591,7 @@ AdminReply AdminApi::Figures(const AdminRequest&, const json&) {
   return Ok(std::move(figures));
 }
 
-AdminReply AdminApi::Feeds(const AdminRequest&, const json&) {
+AdminReply AdminApi::Feeds(const AdminRequest&, const Caller&, const json&) {
   std::vector<FeedSummary> feeds;
   std::vector<PublisherGrant> grants;
   Status s = content_->ListFeeds(&feeds);
@@ -376,9 +604,11 @@ AdminReply AdminApi::Feeds(const AdminRequest&, const json&) {
       if (g.feed == f.feed.id || g.feed.empty()) publishers.push_back(g.user);
     }
     list.push_back({{"id", f.feed.id},
+                    {"version", FeedVersion(f.feed)},
                     {"title", f.feed.title},
                     {"subscribable", f.feed.subscribable},
                     {"rules", RulesJson(f.feed.defaults)},
+                    {"rules_version", RulesVersion(f.feed.defaults)},
                     {"items", f.items},
                     {"subscribers", f.subscribers},
                     {"publishers", std::move(publishers)}});
@@ -386,7 +616,7 @@ AdminReply AdminApi::Feeds(const AdminRequest&, const json&) {
   return Ok({{"feeds", std::move(list)}});
 }
 
-AdminReply AdminApi::CreateFeed(const AdminRequest& request, const json& body) {
+AdminReply AdminApi::CreateFeed(const AdminRequest&, const Caller& caller, const json& body) {
   Members m(body);
   Feed feed;
   feed.id = m.Text("id", true, 128);
@@ -400,33 +630,53 @@ AdminReply AdminApi::CreateFeed(const AdminRequest& request, const json& body) {
   if (!s.IsNotFound()) return FromStatus(s);
   s = content_->AddFeed(feed);
   if (!s.ok()) return FromStatus(s);
-  RecordChange(request, "feed.create", feed.id,
+  RecordChange(caller, "feed.create", feed.id,
                {{"title", feed.title},
                 {"subscribable", feed.subscribable},
                 {"rules", RulesJson(feed.defaults)}});
   return Ok({{"id", feed.id}});
 }
 
-AdminReply AdminApi::UpdateFeed(const AdminRequest& request, const json& body) {
+AdminReply AdminApi::UpdateFeed(const AdminRequest&, const Caller& caller, const json& body) {
   Members m(body);
   const std::string id = m.Text("id", true, 128);
+  const std::string version = m.Text("version", true, 64);
   if (!m.problem().empty()) return Error(400, m.problem());
-  Feed feed;
-  Status s = content_->FindFeed(id, &feed);
+  auto feedJson = [](const Feed& f) {
+    return json{{"id", f.id},
+                {"version", FeedVersion(f)},
+                {"title", f.title},
+                {"subscribable", f.subscribable},
+                {"rules", RulesJson(f.defaults)}};
+  };
+  // Somebody saved this feed since the edit began: the operator sees what is
+  // there now and decides, rather than writing every field back over it.
+  auto stale = [&](const Feed& current) {
+    AdminReply reply =
+        Error(409, "feed " + id + " was changed by someone else since you opened it");
+    reply.body["current"] = feedJson(current);
+    return reply;
+  };
+  Feed before;
+  Status s = content_->FindFeed(id, &before);
   if (!s.ok()) return FromStatus(s);
-  const Feed before = feed;
+  if (version != FeedVersion(before)) return stale(before);
+  Feed feed = before;
   if (body.contains("title")) feed.title = m.Text("title", false, 512);
   if (auto v = m.Flag("subscribable")) feed.subscribable = *v;
   m.Rules(&feed.defaults);
   const bool toSubscribers = m.Flag("apply_to_subscribers").value_or(false);
   if (!m.problem().empty()) return Error(400, m.problem());
-  s = content_->AddFeed(feed);
   int64_t devices = 0;
   // A subscribed device keeps the rules it got when it subscribed; the operator
   // asks explicitly for the new rules to reach those devices on their next sync.
-  if (s.ok() && toSubscribers) s = content_->SetRulesForSubscribers(id, feed.defaults, &devices);
+  s = content_->UpdateFeed(before, feed, toSubscribers, &devices);
+  if (s.IsFailedPrecondition()) {
+    Feed current;
+    if (content_->FindFeed(id, &current).ok()) return stale(current);
+  }
   if (!s.ok()) return FromStatus(s);
-  RecordChange(request, "feed.update", id,
+  RecordChange(caller, "feed.update", id,
                {{"before",
                  {{"title", before.title},
                   {"subscribable", before.subscribable},
@@ -436,10 +686,10 @@ AdminReply AdminApi::UpdateFeed(const AdminRequest& request, const json& body) {
                   {"subscribable", feed.subscribable},
                   {"rules", RulesJson(feed.defaults)}}},
                 {"devices_updated", devices}});
-  return Ok({{"id", id}, {"devices_updated", devices}});
+  return Ok({{"id", id}, {"version", FeedVersion(feed)}, {"devices_updated", devices}});
 }
 
-AdminReply AdminApi::Publishers(const AdminRequest& request, const json&) {
+AdminReply AdminApi::Publishers(const AdminRequest& request, const Caller&, const json&) {
   std::vector<PublisherGrant> grants;
   Status s = content_->ListPublishers(QueryText(request, "feed"), &grants);
   if (!s.ok()) return FromStatus(s);
@@ -450,29 +700,29 @@ AdminReply AdminApi::Publishers(const AdminRequest& request, const json&) {
   return Ok({{"publishers", std::move(list)}});
 }
 
-AdminReply AdminApi::GrantPublisher(const AdminRequest& request, const json& body) {
+AdminReply AdminApi::GrantPublisher(const AdminRequest&, const Caller& caller, const json& body) {
   Members m(body);
   const std::string user = m.Text("user", true);
   const std::string feed = m.Text("feed", false, 128);  // absent: every feed
   if (!m.problem().empty()) return Error(400, m.problem());
   Status s = content_->GrantPublisher(feed, user);
   if (!s.ok()) return FromStatus(s);
-  RecordChange(request, "publisher.grant", feed.empty() ? "*" : feed, {{"user", user}});
+  RecordChange(caller, "publisher.grant", feed.empty() ? "*" : feed, {{"user", user}});
   return Ok();
 }
 
-AdminReply AdminApi::RevokePublisher(const AdminRequest& request, const json& body) {
+AdminReply AdminApi::RevokePublisher(const AdminRequest&, const Caller& caller, const json& body) {
   Members m(body);
   const std::string user = m.Text("user", true);
   const std::string feed = m.Text("feed", false, 128);
   if (!m.problem().empty()) return Error(400, m.problem());
   Status s = content_->RevokePublisher(feed, user);
   if (!s.ok()) return FromStatus(s);
-  RecordChange(request, "publisher.revoke", feed.empty() ? "*" : feed, {{"user", user}});
+  RecordChange(caller, "publisher.revoke", feed.empty() ? "*" : feed, {{"user", user}});
   return Ok();
 }
 
-AdminReply AdminApi::Items(const AdminRequest& request, const json&) {
+AdminReply AdminApi::Items(const AdminRequest& request, const Caller&, const json&) {
   std::vector<Item> items;
   Status s = content_->ListItems(QueryText(request, "feed"), QueryText(request, "user"),
                                  QueryInt(request, "limit", 200, 1, 1000), &items);
@@ -482,7 +732,7 @@ AdminReply AdminApi::Items(const AdminRequest& request, const json&) {
   return Ok({{"items", std::move(list)}});
 }
 
-AdminReply AdminApi::PublishItem(const AdminRequest& request, const json& body) {
+AdminReply AdminApi::PublishItem(const AdminRequest&, const Caller& caller, const json& body) {
   Members m(body);
   std::string uuid = m.Text("uuid", false);
   const std::string feed = m.Text("feed", false, 128);
@@ -527,7 +777,7 @@ AdminReply AdminApi::PublishItem(const AdminRequest& request, const json& body) 
   std::vector<PushNotice> notices;
   s = content_->AddItem(item, now, &notices, /*replaceExisting=*/false);
   if (!s.ok()) return FromStatus(s);
-  RecordChange(request, "item.publish", uuid,
+  RecordChange(caller, "item.publish", uuid,
                {{"feed", feed},
                 {"user", user},
                 {"media", media},
@@ -537,17 +787,17 @@ AdminReply AdminApi::PublishItem(const AdminRequest& request, const json& body) 
   return Ok({{"uuid", uuid}, {"notified_devices", notices.size()}});
 }
 
-AdminReply AdminApi::RemoveItem(const AdminRequest& request, const json& body) {
+AdminReply AdminApi::RemoveItem(const AdminRequest&, const Caller& caller, const json& body) {
   Members m(body);
   const std::string uuid = m.Text("uuid", true);
   if (!m.problem().empty()) return Error(400, m.problem());
   Status s = content_->RemoveItem(uuid);
   if (!s.ok()) return FromStatus(s);
-  RecordChange(request, "item.remove", uuid, json::object());
+  RecordChange(caller, "item.remove", uuid, json::object());
   return Ok();
 }
 
-AdminReply AdminApi::Media(const AdminRequest&, const json&) {
+AdminReply AdminApi::Media(const AdminRequest&, const Caller&, const json&) {
   constexpr size_t kMaxFiles = 1000;
   json files = json::array();
   std::error_code ec;
@@ -569,17 +819,21 @@ AdminReply AdminApi::Media(const AdminRequest&, const json&) {
   return Ok({{"files", std::move(files)}, {"truncated", files.size() >= kMaxFiles}});
 }
 
-AdminReply AdminApi::Devices(const AdminRequest&, const json&) {
+AdminReply AdminApi::Devices(const AdminRequest&, const Caller&, const json&) {
   std::vector<DeviceSummary> devices;
   Status s = content_->ListDevices(&devices);
   if (!s.ok()) return FromStatus(s);
   json list = json::array();
   for (const auto& d : devices) {
     json rules = json::object();
+    json versions = json::object();
     CatalogSnapshot snapshot;
     // The rules the next catalog will report; reading items is not needed.
     if (content_->ReadCatalog(d.user, d.device, INT64_MAX, true, &snapshot).ok()) {
-      for (const auto& [feed, r] : snapshot.rules) rules[feed] = RulesJson(r);
+      for (const auto& [feed, r] : snapshot.rules) {
+        rules[feed] = RulesJson(r);
+        versions[feed] = RulesVersion(r);
+      }
     }
     list.push_back({{"user", d.user},
                     {"device", d.device},
@@ -588,27 +842,52 @@ AdminReply AdminApi::Devices(const AdminRequest&, const json&) {
                     {"push_service", d.pushService},
                     {"subscriptions", d.subscriptions},
                     {"rules", std::move(rules)},
+                    {"rules_versions", std::move(versions)},
                     {"pending_pushes", d.pendingPushes}});
   }
   return Ok({{"devices", std::move(list)}});
 }
 
-AdminReply AdminApi::SetDeviceRules(const AdminRequest& request, const json& body) {
+AdminReply AdminApi::SetDeviceRules(const AdminRequest&, const Caller& caller, const json& body) {
   Members m(body);
   const std::string user = m.Text("user", true);
   const std::string device = m.Text("device", true);
   const std::string feed = m.Text("feed", true, 128);
-  FeedRules rules;
+  const std::string version = m.Text("version", true, 64);
+  if (!m.problem().empty()) return Error(400, m.problem());
+  // What the device's catalog reports now: its own rules, or the feed's defaults.
+  FeedRules current;
+  CatalogSnapshot snapshot;
+  Status s = content_->ReadCatalog(user, device, INT64_MAX, true, &snapshot);
+  if (!s.ok()) return FromStatus(s);
+  if (auto it = snapshot.rules.find(feed); it != snapshot.rules.end()) {
+    current = it->second;
+  } else {
+    Feed f;
+    s = content_->FindFeed(feed, &f);
+    if (!s.ok()) return FromStatus(s);
+    current = f.defaults;
+  }
+  auto stale = [&](const FeedRules& now) {
+    AdminReply reply = Error(409, "the rules of " + device + " for " + feed +
+                                      " were changed by someone else since you opened them");
+    reply.body["current"] = RulesJson(now);
+    reply.body["version"] = RulesVersion(now);
+    return reply;
+  };
+  if (version != RulesVersion(current)) return stale(current);
+  FeedRules rules = current;
   m.Rules(&rules);
   if (!m.problem().empty()) return Error(400, m.problem());
-  Status s = content_->SetRules(user, device, feed, rules);
+  s = content_->UpdateRules(user, device, feed, current, rules);
+  if (s.IsFailedPrecondition()) return Error(409, s.message());
   if (!s.ok()) return FromStatus(s);
-  RecordChange(request, "device.rules", user + "/" + device,
-               {{"feed", feed}, {"rules", RulesJson(rules)}});
-  return Ok();
+  RecordChange(caller, "device.rules", user + "/" + device,
+               {{"feed", feed}, {"before", RulesJson(current)}, {"rules", RulesJson(rules)}});
+  return Ok({{"version", RulesVersion(rules)}});
 }
 
-AdminReply AdminApi::PushToDevice(const AdminRequest& request, const json& body) {
+AdminReply AdminApi::PushToDevice(const AdminRequest&, const Caller& caller, const json& body) {
   Members m(body);
   const std::string user = m.Text("user", true);
   const std::string device = m.Text("device", true);
@@ -617,12 +896,11 @@ AdminReply AdminApi::PushToDevice(const AdminRequest& request, const json& body)
   PushNotice notice;
   Status s = content_->AddPushNotice(user, device, item, clockMs_(), &notice);
   if (!s.ok()) return FromStatus(s);
-  RecordChange(request, "device.push", user + "/" + device,
-               {{"item", item}, {"notice", notice.id}});
+  RecordChange(caller, "device.push", user + "/" + device, {{"item", item}, {"notice", notice.id}});
   return Ok({{"notice", PushJson(notice)}});
 }
 
-AdminReply AdminApi::Pushes(const AdminRequest& request, const json&) {
+AdminReply AdminApi::Pushes(const AdminRequest& request, const Caller&, const json&) {
   std::vector<PushNotice> notices;
   Status s = content_->ListPushes(QueryText(request, "user"), QueryText(request, "device"),
                                   QueryText(request, "all") != "1", false, &notices);
@@ -636,7 +914,7 @@ AdminReply AdminApi::Pushes(const AdminRequest& request, const json&) {
   return Ok({{"pushes", std::move(list)}});
 }
 
-AdminReply AdminApi::Accounts(const AdminRequest&, const json&) {
+AdminReply AdminApi::Accounts(const AdminRequest&, const Caller&, const json&) {
   std::vector<AccountSummary> accounts;
   Status s = content_->ListAccounts(&accounts);
   if (!s.ok()) return FromStatus(s);
@@ -647,7 +925,7 @@ AdminReply AdminApi::Accounts(const AdminRequest&, const json&) {
   return Ok({{"accounts", std::move(list)}});
 }
 
-AdminReply AdminApi::SaveAccount(const AdminRequest& request, const json& body) {
+AdminReply AdminApi::SaveAccount(const AdminRequest&, const Caller& caller, const json& body) {
   Members m(body);
   Account account;
   account.user = m.Text("user", true, 128);
@@ -677,7 +955,7 @@ AdminReply AdminApi::SaveAccount(const AdminRequest& request, const json& body) 
   }
   s = content_->AddAccount(account);
   if (!s.ok()) return FromStatus(s);
-  RecordChange(request, exists ? "account.update" : "account.create", account.user,
+  RecordChange(caller, exists ? "account.update" : "account.create", account.user,
                {{"key", account.publicKey},
                 {"secret_changed", !exists || made || account.secret != existing.secret}});
   json reply = {{"user", account.user}, {"key", account.publicKey}};
@@ -685,28 +963,98 @@ AdminReply AdminApi::SaveAccount(const AdminRequest& request, const json& body) 
   return Ok(std::move(reply));
 }
 
-AdminReply AdminApi::AuditEntries(const AdminRequest& request, const json&) {
+AdminReply AdminApi::AuditEntries(const AdminRequest& request, const Caller&, const json&) {
+  AuditQuery query;
+  query.operatorName = QueryText(request, "operator");
+  query.action = QueryText(request, "action");
+  query.fromMs = QueryInt64(request, "from");
+  query.toMs = QueryInt64(request, "to");
+  query.beforeId = QueryInt64(request, "before");
+  query.limit = QueryInt(request, "limit", 100, 1, 1000);
   std::vector<AuditEntry> entries;
-  Status s = console_->ListAudit(QueryInt(request, "limit", 100, 1, 1000),
-                                 QueryInt(request, "before", 0, 0, INT32_MAX), &entries);
+  // One more than asked says whether an older page exists.
+  ++query.limit;
+  Status s = console_->ListAudit(query, &entries);
   if (!s.ok()) return FromStatus(s);
+  const bool more = static_cast<int>(entries.size()) == query.limit;
+  if (more) entries.pop_back();
   json list = json::array();
   for (const auto& e : entries) {
     list.push_back({{"id", e.id},
                     {"at_ms", e.atMs},
+                    {"operator", e.operatorName},
                     {"peer", e.peer},
                     {"action", e.action},
                     {"target", e.target},
                     {"details", e.details}});
   }
-  return Ok({{"entries", std::move(list)}});
+  json reply = {{"entries", std::move(list)}, {"more", more}};
+  if (more) reply["next_before"] = entries.back().id;
+  return Ok(std::move(reply));
 }
 
-void AdminApi::RecordChange(const AdminRequest& request, const std::string& action,
+AdminReply AdminApi::Operators(const AdminRequest&, const Caller&, const json&) {
+  std::vector<Operator> operators;
+  Status s = console_->ListOperators(&operators);
+  if (!s.ok()) return FromStatus(s);
+  json list = json::array();
+  for (const auto& op : operators) {
+    list.push_back({{"name", op.name},
+                    {"role", RoleName(op.role)},
+                    {"created_ms", op.createdMs},
+                    {"changed_ms", op.changedMs}});
+  }
+  return Ok({{"operators", std::move(list)}});
+}
+
+AdminReply AdminApi::SaveOperator(const AdminRequest&, const Caller& caller, const json& body) {
+  Members m(body);
+  const std::string name = m.Text("name", true, 128);
+  const std::string roleName = m.Text("role", true, 32);
+  const std::string password = m.Text("password", false, PasswordHasher::kMaxPasswordLength);
+  if (!m.problem().empty()) return Error(400, m.problem());
+  OperatorRole role;
+  if (!ParseRole(roleName, &role)) {
+    return Error(400, "\"role\" is one of viewer, editor, administrator");
+  }
+  std::string encoded;
+  if (!password.empty()) {
+    Status s = PasswordHasher::Hash(password, PasswordHashParams{}, &encoded);
+    if (!s.ok()) return FromStatus(s);
+  }
+  const int64_t now = clockMs_();
+  Operator existing;
+  Status s = console_->FindOperator(name, &existing);
+  if (!s.ok() && !s.IsNotFound()) return FromStatus(s);
+  const bool exists = s.ok();
+  if (exists) {
+    s = console_->UpdateOperator(name, role, encoded, now);
+  } else {
+    if (encoded.empty()) return Error(400, "a new operator needs a \"password\"");
+    s = console_->AddOperator({name, role, encoded, now, now});
+  }
+  if (!s.ok()) return FromStatus(s);
+  RecordChange(caller, exists ? "operator.update" : "operator.create", name,
+               {{"role", RoleName(role)}, {"password_changed", !encoded.empty()}});
+  return Ok({{"name", name}, {"role", RoleName(role)}});
+}
+
+AdminReply AdminApi::RemoveOperator(const AdminRequest&, const Caller& caller, const json& body) {
+  Members m(body);
+  const std::string name = m.Text("name", true, 128);
+  if (!m.problem().empty()) return Error(400, m.problem());
+  Status s = console_->RemoveOperator(name);
+  if (!s.ok()) return FromStatus(s);
+  RecordChange(caller, "operator.remove", name, json::object());
+  return Ok();
+}
+
+void AdminApi::RecordChange(const Caller& caller, const std::string& action,
                             const std::string& target, json details) {
   AuditEntry entry;
   entry.atMs = clockMs_();
-  entry.peer = request.peer;
+  entry.operatorName = caller.name;
+  entry.peer = caller.client;
   entry.action = action;
   entry.target = target;
   entry.details = std::move(details);

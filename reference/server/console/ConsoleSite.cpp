@@ -70,9 +70,12 @@ void ConsoleSite::ServeApi(const Request& req, Response& res) {
   request.origin = req.header("Origin");
   request.host = req.header("Host");
   request.peer = req.remoteAddr;
+  request.forwardedFor = req.header("X-Forwarded-For");
+  request.forwardedProto = req.header("X-Forwarded-Proto");
   request.body = req.body;
   AdminReply reply = api_->Handle(request);
   for (const auto& cookie : reply.setCookies) res.SetHeader("Set-Cookie", cookie);
+  for (const auto& [name, value] : reply.headers) res.SetHeader(name, value);
   res.status = reply.status;
   res.SetHeader("Cache-Control", "no-store");
   SetPageHeaders(res);

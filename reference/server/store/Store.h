@@ -257,6 +257,22 @@ class Store {
   virtual Status SetRulesForSubscribers(const std::string& feed, const FeedRules& rules,
                                         int64_t* changed) = 0;
 
+  // An edit of a feed made from what the editor saw: replaces the title, flag and
+  // default rules of feed `updated.id` only while they still equal `expected`'s
+  // (FailedPrecondition otherwise, NotFound when the feed is gone), and with
+  // `applyToSubscribers` gives every subscribed device the new default rules, all
+  // in one transaction; `changed` receives how many devices got them.
+  virtual Status UpdateFeed(const Feed& expected, const Feed& updated, bool applyToSubscribers,
+                            int64_t* changed) = 0;
+
+  // An edit of one device's rules for `feed` made from what the editor saw: sets
+  // them only while the rules the device's catalog reports for the feed (its own,
+  // or else the feed's defaults) still equal `expected`, FailedPrecondition
+  // otherwise; NotFound for an unknown feed. One transaction.
+  virtual Status UpdateRules(const std::string& user, const std::string& device,
+                             const std::string& feed, const FeedRules& expected,
+                             const FeedRules& rules) = 0;
+
   // Records a push notice of an existing item for one known device, as the
   // administrator's nudge to fetch it now.
   virtual Status AddPushNotice(const std::string& user, const std::string& device,

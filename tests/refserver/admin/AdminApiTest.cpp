@@ -10,6 +10,7 @@
 
 #include "reference/server/admin/AdminApi.h"
 #include "reference/server/admin/PasswordHasher.h"
+#include "reference/server/store/sqlite/SqliteConsoleState.h"
 #include "reference/server/store/sqlite/SqliteStore.h"
 
 namespace zolvani::refserver {
@@ -32,9 +33,12 @@ class AdminApiTest : public ::testing::Test {
     fs::create_directories(dir_ / "media" / "clips");
     std::ofstream(dir_ / "media" / "clips" / "one.mp4") << "not really a video";
     ASSERT_TRUE(SqliteStore::Open(dir_, &content_).ok());
-    ASSERT_TRUE(ConsoleStore::Open(dir_, &console_).ok());
-    api_ = std::make_unique<AdminApi>(content_.get(), console_.get(), &sessions_, &figures_,
-                                      dir_ / "media", [this] { return nowMs_.load(); });
+    ASSERT_TRUE(SqliteConsoleState::Open(dir_, &console_).ok());
+    AdminOptions options;
+    options.trustedProxies = {"10.0.0.1"};
+    api_ = std::make_unique<AdminApi>(
+        content_.get(), console_.get(), &figures_, dir_ / "media", [this] { return nowMs_.load(); },
+        options);
     ASSERT_TRUE(content_->AddAccount({"demo", "demo-key", "demo-secret"}).ok());
     Feed news{"news", "News", true, {5, true, 0}};
     ASSERT_TRUE(content_->AddFeed(news).ok());
@@ -71,14 +75,19 @@ class AdminApiTest : public ::testing::Test {
     r.csrf = csrf;
     r.origin = origin;
     r.host = kHost;
-    r.peer = "127.0.0.1";
+    r.peer = peer_;
+    r.forwardedFor = forwardedFor_;
+    r.forwardedProto = forwardedProto_;
     r.body = body.is_null() ? "" : body.dump();
     return api_->Handle(r);
   }
 
   // Signs in; the cookie header a browser would send and the change token.
-  std::pair<std::string, std::string> SignIn() {
-    AdminReply reply = Call("POST", "login", {{"password", kPassword}});
+  std::pair<std::string, std::string> SignIn(const std::string& name = "",
+                                             const std::string& password = kPassword) {
+    json body = {{"password", password}};
+    if (!name.empty()) body["name"] = name;
+    AdminReply reply = Call("POST", "login", body);
     EXPECT_EQ(reply.status, 200) << reply.body.dump();
     EXPECT_EQ(reply.setCookies.size(), 1u);
     if (reply.setCookies.empty()) return {};
@@ -89,7 +98,7 @@ class AdminApiTest : public ::testing::Test {
 
   std::vector<std::string> AuditActions() {
     std::vector<AuditEntry> entries;
-    EXPECT_TRUE(console_->ListAudit(100, 0, &entries).ok());
+    EXPECT_TRUE(console_->ListAudit(AuditQuery{}, &entries).ok());
     std::vector<std::string> actions;
     for (auto it = entries.rbegin(); it != entries.rend(); ++it) actions.push_back(it->action);
     return actions;
@@ -97,9 +106,11 @@ class AdminApiTest : public ::testing::Test {
 
   fs::path dir_;
   std::atomic<int64_t> nowMs_{1700000000000};
+  std::string peer_ = "127.0.0.1";
+  std::string forwardedFor_;
+  std::string forwardedProto_;
   std::unique_ptr<SqliteStore> content_;
-  std::unique_ptr<ConsoleStore> console_;
-  ConsoleSessions sessions_;
+  std::unique_ptr<SqliteConsoleState> console_;
   TrafficFigures figures_;
   std::unique_ptr<AdminApi> api_;
 };
@@ -125,16 +136,25 @@ TEST_F(AdminApiTest, EveryRouteWantsASessionAndEveryChangeItsTokenAndOrigin) {
       {"GET", "accounts", nullptr},
       {"GET", "audit", nullptr},
       {"POST", "feeds/create", {{"id", "sport"}, {"title", "Sport"}, {"max_assets", 3}}},
-      {"POST", "feeds/update", {{"id", "news"}, {"max_assets", 2}}},
+      {"POST",
+       "feeds/update",
+       {{"id", "news"},
+        {"version", AdminApi::FeedVersion({"news", "News", true, {5, true, 0}})},
+        {"max_assets", 2}}},
       {"POST", "publishers/grant", {{"user", "demo"}, {"feed", "news"}}},
       {"POST", "publishers/revoke", {{"user", "demo"}, {"feed", "news"}}},
       {"POST", "items/publish", {{"feed", "news"}, {"media", "clips/one.mp4"}, {"title", "One"}}},
       {"POST",
        "devices/rules",
-       {{"user", "demo"}, {"device", "box-1"}, {"feed", "news"}, {"max_assets", 1}}},
+       {{"user", "demo"},
+        {"device", "box-1"},
+        {"feed", "news"},
+        {"version", AdminApi::RulesVersion({5, true, 0})},
+        {"max_assets", 1}}},
       {"POST", "devices/push", {{"user", "demo"}, {"device", "box-1"}, {"item", "news-1"}}},
       {"POST", "items/remove", {{"uuid", "news-1"}}},
       {"POST", "accounts/save", {{"user", "kiosk"}}},
+      {"GET", "operators", nullptr},
   };
   for (const auto& r : routes) {
     SCOPED_TRACE(std::string(r.method) + " " + r.name);
@@ -211,20 +231,265 @@ TEST_F(AdminApiTest, SignInNeedsThePasswordAndGivesAStrictHttpOnlyCookie) {
   EXPECT_EQ(cookie.find(good.body["csrf_token"].get<std::string>()), std::string::npos);
 }
 
-TEST_F(AdminApiTest, RepeatedWrongPasswordsLockSignInForAMinute) {
+TEST_F(AdminApiTest, AStrangersFailuresMakeOnlyTheStrangerWaitLongerAndLonger) {
   SetPassword();
-  for (int i = 0; i < AdminApi::kLoginFailuresPerMinute; ++i) {
-    EXPECT_EQ(Call("POST", "login", {{"password", "guess number " + std::to_string(i)}}).status,
-              401);
+  auto login = [&](const std::string& peer, const std::string& password,
+                   const std::string& forwarded = "") {
+    peer_ = peer;
+    forwardedFor_ = forwarded;
+    return Call("POST", "login", {{"password", password}});
+  };
+  const std::string stranger = "203.0.113.7";
+  for (int i = 0; i < AdminApi::kFreeFailuresPerClient; ++i) {
+    EXPECT_EQ(login(stranger, "guess " + std::to_string(i)).status, 401) << i;
   }
-  // Even the right password waits: guessing must not learn anything meanwhile.
-  EXPECT_EQ(Call("POST", "login", {{"password", kPassword}}).status, 429);
-  nowMs_ += 61000;
-  EXPECT_EQ(Call("POST", "login", {{"password", kPassword}}).status, 200);
+  // The stranger waits, even with the right password, so guessing learns nothing.
+  AdminReply waiting = login(stranger, kPassword);
+  EXPECT_EQ(waiting.status, 429);
+  EXPECT_EQ(waiting.body["retry_after_s"], AdminApi::kFirstDelayMs / 1000);
+  ASSERT_EQ(waiting.headers.size(), 1u);
+  EXPECT_EQ(waiting.headers[0].first, "Retry-After");
+  // So does the same client through the trusted proxy, and its neighbour in the
+  // same IPv6 /64 is the same client too.
+  EXPECT_EQ(login("10.0.0.1", kPassword, "198.51.100.1, " + stranger).status, 429);
+  for (int i = 0; i < AdminApi::kFreeFailuresPerClient; ++i) login("2001:db8:1:2::1", "guess");
+  EXPECT_EQ(login("2001:db8:1:2:ffff::9", kPassword).status, 429);
+  EXPECT_EQ(login("2001:db8:1:3::1", kPassword).status, 200);  // another /64
+  // The operator elsewhere is never made to wait, nor is a client an untrusted
+  // proxy claims to forward.
+  EXPECT_EQ(login("127.0.0.1", kPassword).status, 200);
+  EXPECT_EQ(login("10.0.0.2", kPassword, stranger).status, 200);
+
+  // Each further failure doubles the wait, up to the ceiling.
+  struct Step {
+    int64_t afterMs;
+    int status;
+  } steps[] = {
+      {AdminApi::kFirstDelayMs - 1, 429},  // not yet
+      {1, 401},                            // the 11th failure: now 4 s
+      {3999, 429},
+      {1, 401},  // the 12th: now 8 s
+      {7999, 429},
+      {1, 401},
+  };
+  for (const auto& st : steps) {
+    nowMs_ += st.afterMs;
+    EXPECT_EQ(login(stranger, "guess again").status, st.status) << st.afterMs;
+  }
+  EXPECT_EQ(AdminApi::LoginDelayMs(AdminApi::kFreeFailuresPerClient + 100,
+                                   AdminApi::kFreeFailuresPerClient),
+            AdminApi::kMaxDelayMs);
+  // After the wait the right password signs in and forgets the client's failures.
+  nowMs_ += 16000;
+  EXPECT_EQ(login(stranger, kPassword).status, 200);
+  EXPECT_EQ(login(stranger, "one more guess").status, 401);
+  EXPECT_EQ(login(stranger, kPassword).status, 200);
   const auto actions = AuditActions();
   EXPECT_EQ(std::count(actions.begin(), actions.end(), "login.refused"),
-            AdminApi::kLoginFailuresPerMinute);
-  EXPECT_EQ(actions.back(), "login");
+            2 * AdminApi::kFreeFailuresPerClient + 4);
+}
+
+TEST_F(AdminApiTest, OperatorsReplaceTheConsolePasswordAndEachRoleIsHeldToIt) {
+  SetPassword();
+  const auto [before, beforeCsrf] = SignIn();
+  auto hash = [](const char* password) {
+    std::string encoded;
+    EXPECT_TRUE(PasswordHasher::Hash(password, {1, 1024, 1}, &encoded).ok());
+    return encoded;
+  };
+  ASSERT_TRUE(console_
+                  ->AddOperator({"alice", OperatorRole::kAdministrator, hash("alice password"),
+                                 nowMs_, nowMs_})
+                  .ok());
+  ASSERT_TRUE(
+      console_->AddOperator({"ed", OperatorRole::kEditor, hash("ed password"), nowMs_, nowMs_})
+          .ok());
+  ASSERT_TRUE(
+      console_->AddOperator({"vic", OperatorRole::kViewer, hash("vic password"), nowMs_, nowMs_})
+          .ok());
+  nowMs_ += 1000;
+  // With operators the one console password stops: its sessions end, and it no
+  // longer signs in.
+  EXPECT_EQ(Call("GET", "feeds", nullptr, before).status, 401);
+  EXPECT_EQ(Call("POST", "login", {{"password", kPassword}}).status, 400);
+  EXPECT_EQ(Call("POST", "login", {{"name", "alice"}, {"password", kPassword}}).status, 401);
+  EXPECT_EQ(Call("POST", "login", {{"name", "nobody"}, {"password", "alice password"}}).status,
+            401);
+  // A name tried wrongly too often from here waits; other names from here do not.
+  for (int i = 0; i < AdminApi::kFreeFailuresPerName; ++i) {
+    EXPECT_EQ(Call("POST", "login", {{"name", "vic"}, {"password", "guess"}}).status, 401);
+  }
+  EXPECT_EQ(Call("POST", "login", {{"name", "vic"}, {"password", "vic password"}}).status, 429);
+
+  const auto admin = SignIn("alice", "alice password");
+  const auto editor = SignIn("ed", "ed password");
+  nowMs_ += AdminApi::kFirstDelayMs;
+  const auto viewer = SignIn("vic", "vic password");
+  ASSERT_FALSE(viewer.second.empty());
+  EXPECT_EQ(Call("GET", "session", nullptr, viewer.first).body["role"], "viewer");
+
+  struct Case {
+    const char* route;
+    json body;
+    OperatorRole needs;
+  } cases[] = {
+      {"feeds/create", {{"id", "sport"}}, OperatorRole::kEditor},
+      {"publishers/grant", {{"user", "demo"}, {"feed", "news"}}, OperatorRole::kEditor},
+      {"items/publish", {{"feed", "news"}, {"url", "http://a.test/x"}}, OperatorRole::kEditor},
+      {"devices/rules",
+       {{"user", "demo"},
+        {"device", "box-1"},
+        {"feed", "news"},
+        {"version", AdminApi::RulesVersion({5, true, 0})},
+        {"max_assets", 1}},
+       OperatorRole::kEditor},
+      {"accounts/save", {{"user", "kiosk"}}, OperatorRole::kAdministrator},
+      {"operators/save",
+       {{"name", "olga"}, {"role", "viewer"}, {"password", "olga password"}},
+       OperatorRole::kAdministrator},
+  };
+  const std::pair<std::string, std::string>* sessions[] = {&viewer, &editor, &admin};
+  for (const auto& c : cases) {
+    for (int role = 0; role < 3; ++role) {
+      const auto& [cookie, csrf] = *sessions[role];
+      const AdminReply reply = Call("POST", c.route, c.body, cookie, csrf);
+      const bool allowed = role >= static_cast<int>(c.needs);
+      SCOPED_TRACE(std::string(c.route) + " as " + RoleName(static_cast<OperatorRole>(role)));
+      if (allowed) {
+        EXPECT_NE(reply.status, 403) << reply.body.dump();
+        EXPECT_NE(reply.status, 401) << reply.body.dump();
+      } else {
+        EXPECT_EQ(reply.status, 403) << reply.body.dump();
+      }
+    }
+  }
+  EXPECT_EQ(Call("GET", "operators", nullptr, editor.first).status, 403);
+  EXPECT_EQ(Call("GET", "feeds", nullptr, viewer.first).status, 200);
+
+  // Every entry names the operator who made it.
+  std::vector<AuditEntry> entries;
+  AuditQuery byEd;
+  byEd.operatorName = "ed";
+  byEd.action = "feed.";
+  ASSERT_TRUE(console_->ListAudit(byEd, &entries).ok());
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].target, "sport");
+  AdminReply audit = Call("GET", "audit", nullptr, viewer.first);  // a viewer reads the log
+  ASSERT_EQ(audit.status, 200);
+  for (const auto& e : audit.body["entries"]) {
+    EXPECT_FALSE(e["operator"].get<std::string>().empty() && e["action"] != "login.refused")
+        << e.dump();
+  }
+
+  // A new role ends the operator's sessions; the last administrator stays.
+  nowMs_ += 1000;
+  ASSERT_EQ(Call("POST", "operators/save", {{"name", "ed"}, {"role", "viewer"}}, admin.first,
+                 admin.second)
+                .status,
+            200);
+  EXPECT_EQ(Call("GET", "feeds", nullptr, editor.first).status, 401);
+  EXPECT_EQ(Call("POST", "operators/remove", {{"name", "alice"}}, admin.first, admin.second).status,
+            409);
+}
+
+TEST_F(AdminApiTest, AnEditFromAStaleVersionIsRefusedWithWhatIsThereNow) {
+  SetPassword();
+  const auto [first, firstCsrf] = SignIn();
+  const auto [second, secondCsrf] = SignIn();
+  const std::string opened =
+      Call("GET", "feeds", nullptr, second).body["feeds"][0]["version"].get<std::string>();
+  // The first operator saves a new title.
+  AdminReply saved =
+      Call("POST", "feeds/update", {{"id", "news"}, {"version", opened}, {"title", "Harbour news"}},
+           first, firstCsrf);
+  ASSERT_EQ(saved.status, 200) << saved.body.dump();
+  const std::string now = saved.body["version"];
+  EXPECT_NE(now, opened);
+  // The second, whose form was opened before, would have written the old title
+  // back and pushed its rules to the devices: refused, with the feed as it is.
+  AdminReply stale = Call("POST", "feeds/update",
+                          {{"id", "news"},
+                           {"version", opened},
+                           {"title", "News"},
+                           {"max_assets", 1},
+                           {"apply_to_subscribers", true}},
+                          second, secondCsrf);
+  ASSERT_EQ(stale.status, 409) << stale.body.dump();
+  EXPECT_EQ(stale.body["current"]["title"], "Harbour news");
+  EXPECT_EQ(stale.body["current"]["version"], now);
+  Feed feed;
+  ASSERT_TRUE(content_->FindFeed("news", &feed).ok());
+  EXPECT_EQ(feed.title, "Harbour news");
+  EXPECT_EQ(feed.defaults.maxAssets, 5);
+  CatalogSnapshot snap;
+  ASSERT_TRUE(content_->ReadCatalog("demo", "box-1", std::nullopt, true, &snap).ok());
+  EXPECT_EQ(snap.rules["news"].maxAssets, 5);
+  // Reapplied on the current version, only the fields the operator changed go in.
+  AdminReply again =
+      Call("POST", "feeds/update",
+           {{"id", "news"}, {"version", now}, {"max_assets", 1}, {"apply_to_subscribers", true}},
+           second, secondCsrf);
+  ASSERT_EQ(again.status, 200) << again.body.dump();
+  EXPECT_EQ(again.body["devices_updated"], 1);
+  ASSERT_TRUE(content_->FindFeed("news", &feed).ok());
+  EXPECT_EQ(feed.title, "Harbour news");
+  EXPECT_EQ(feed.defaults.maxAssets, 1);
+  // The store refuses a write whose expected state is gone, whatever the caller.
+  Feed expected = feed;
+  expected.title = "something else";
+  EXPECT_TRUE(content_->UpdateFeed(expected, feed, false, nullptr).IsFailedPrecondition());
+  EXPECT_TRUE(content_->UpdateFeed(feed, Feed{"gone", "", true, {}}, false, nullptr).IsNotFound());
+  // A device's rules are edited the same way: the later of two edits made from
+  // the same rules is refused and told what they are now.
+  const std::string rulesSeen =
+      Call("GET", "devices", nullptr, first).body["devices"][0]["rules_versions"]["news"];
+  json rulesEdit = {
+      {"user", "demo"}, {"device", "box-1"}, {"feed", "news"}, {"version", rulesSeen}};
+  rulesEdit["max_bitrate"] = 800000;
+  ASSERT_EQ(Call("POST", "devices/rules", rulesEdit, first, firstCsrf).status, 200);
+  rulesEdit.erase("max_bitrate");
+  rulesEdit["auto_delete"] = false;
+  AdminReply rulesStale = Call("POST", "devices/rules", rulesEdit, second, secondCsrf);
+  ASSERT_EQ(rulesStale.status, 409) << rulesStale.body.dump();
+  EXPECT_EQ(rulesStale.body["current"]["max_bitrate"], 800000);
+  rulesEdit["version"] = rulesStale.body["version"];
+  ASSERT_EQ(Call("POST", "devices/rules", rulesEdit, second, secondCsrf).status, 200);
+  ASSERT_TRUE(content_->ReadCatalog("demo", "box-1", std::nullopt, true, &snap).ok());
+  EXPECT_EQ(snap.rules["news"].maxBitrate, 800000);  // both edits stand
+  EXPECT_FALSE(snap.rules["news"].autoDelete);
+  EXPECT_EQ(snap.rules["news"].maxAssets, 1);
+  EXPECT_TRUE(
+      content_
+          ->UpdateRules("demo", "box-1", "news", FeedRules{1, true, 800000}, FeedRules{9, true, 0})
+          .IsFailedPrecondition());
+
+  // An edit must say which version it was made from.
+  EXPECT_EQ(Call("POST", "feeds/update", {{"id", "news"}, {"title", "x"}}, first, firstCsrf).status,
+            400);
+}
+
+TEST_F(AdminApiTest, TheSessionCookieIsSecureWhenTheConsoleIsReachedOverHttps) {
+  SetPassword();
+  struct Case {
+    std::string peer, origin, proto;
+    bool secure;
+  } cases[] = {
+      {"127.0.0.1", kOrigin, "", false},
+      {"127.0.0.1", "https://127.0.0.1:8080", "", true},  // the browser's page is https
+      {"10.0.0.1", kOrigin, "https", true},               // a trusted proxy ended TLS
+      {"10.0.0.1", kOrigin, "HTTPS, http", true},
+      {"10.0.0.1", kOrigin, "http", false},
+      {"10.0.0.2", kOrigin, "https", false},  // anyone else's word is not taken
+  };
+  for (const auto& c : cases) {
+    peer_ = c.peer;
+    forwardedProto_ = c.proto;
+    const AdminReply reply = Call("POST", "login", {{"password", kPassword}}, "", "", c.origin);
+    ASSERT_EQ(reply.status, 200) << c.peer << " " << c.proto;
+    ASSERT_EQ(reply.setCookies.size(), 1u);
+    EXPECT_EQ(reply.setCookies[0].find("; Secure") != std::string::npos, c.secure)
+        << c.peer << " " << c.origin << " " << c.proto << ": " << reply.setCookies[0];
+  }
 }
 
 TEST_F(AdminApiTest, ChangesReachDevicesAndBadInputIsRefusedWithReasons) {
@@ -234,13 +499,20 @@ TEST_F(AdminApiTest, ChangesReachDevicesAndBadInputIsRefusedWithReasons) {
     return Call("POST", route, body, cookie, csrf);
   };
   // A feed's new rules reach its subscribers only when asked to.
-  ASSERT_EQ(post("feeds/update", {{"id", "news"}, {"max_assets", 2}}).status, 200);
+  auto version = [&] {
+    return Call("GET", "feeds", nullptr, cookie).body["feeds"][0]["version"].get<std::string>();
+  };
+  ASSERT_EQ(
+      post("feeds/update", {{"id", "news"}, {"version", version()}, {"max_assets", 2}}).status,
+      200);
   CatalogSnapshot snap;
   ASSERT_TRUE(content_->ReadCatalog("demo", "box-1", std::nullopt, true, &snap).ok());
   EXPECT_EQ(snap.rules["news"].maxAssets, 5);
-  AdminReply applied = post(
-      "feeds/update",
-      {{"id", "news"}, {"max_assets", 1}, {"auto_delete", false}, {"apply_to_subscribers", true}});
+  AdminReply applied = post("feeds/update", {{"id", "news"},
+                                             {"version", version()},
+                                             {"max_assets", 1},
+                                             {"auto_delete", false},
+                                             {"apply_to_subscribers", true}});
   ASSERT_EQ(applied.status, 200);
   EXPECT_EQ(applied.body["devices_updated"], 1);
   ASSERT_TRUE(content_->ReadCatalog("demo", "box-1", std::nullopt, true, &snap).ok());
@@ -283,7 +555,7 @@ TEST_F(AdminApiTest, ChangesReachDevicesAndBadInputIsRefusedWithReasons) {
       {"feeds/create", {{"id", "x\ny"}}, 400, "control"},
       {"feeds/create", {{"id", "x"}, {"max_assets", -1}}, 400, "max_assets"},
       {"feeds/create", {{"id", "x"}, {"max_assets", "5"}}, 400, "max_assets"},
-      {"feeds/update", {{"id", "nope"}}, 404, "nope"},
+      {"feeds/update", {{"id", "nope"}, {"version", "0"}}, 404, "nope"},
       {"items/publish", {{"feed", "news"}, {"media", "../server.sqlite"}}, 400, "media folder"},
       {"items/publish", {{"feed", "news"}, {"media", "clips/missing.mp4"}}, 400, "media folder"},
       {"items/publish", {{"feed", "news"}, {"url", "file:///etc/passwd"}}, 400, "http"},

@@ -912,6 +912,88 @@ Status SqliteStore::SetRulesForSubscribers(const std::string& feedId, const Feed
   return tx.Commit();
 }
 
+Status SqliteStore::UpdateRules(const std::string& user, const std::string& device,
+                                const std::string& feedId, const FeedRules& expected,
+                                const FeedRules& rules) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, true);
+  if (!tx.status().ok()) return tx.status();
+  {
+    Statement st(db_,
+                 "SELECT COALESCE(r.max_assets, f.max_assets), COALESCE(r.auto_delete, "
+                 "f.auto_delete), COALESCE(r.max_bitrate, f.max_bitrate) FROM feeds f LEFT JOIN "
+                 "rules r ON r.user = ?1 AND r.device = ?2 AND r.feed = f.id WHERE f.id = ?3");
+    if (!st.prepared()) return st.Error("read rules");
+    st.Bind(1, user).Bind(2, device).Bind(3, feedId);
+    const int rc = st.Step();
+    if (rc == SQLITE_DONE) return Status::NotFound("unknown feed " + feedId);
+    if (rc != SQLITE_ROW) return st.Error("read rules");
+    if (st.Int(0) != expected.maxAssets || (st.Int(1) != 0) != expected.autoDelete ||
+        st.Int(2) != expected.maxBitrate) {
+      return Status::FailedPrecondition("the rules of " + user + "/" + device + " for " + feedId +
+                                        " changed since they were read");
+    }
+  }
+  Statement st(db_,
+               "INSERT INTO rules (user, device, feed, max_assets, auto_delete, max_bitrate) "
+               "VALUES (?1, ?2, ?3, ?4, ?5, ?6) ON CONFLICT(user, device, feed) DO UPDATE SET "
+               "max_assets = ?4, auto_delete = ?5, max_bitrate = ?6");
+  st.Bind(1, user)
+      .Bind(2, device)
+      .Bind(3, feedId)
+      .Bind(4, int64_t{rules.maxAssets})
+      .Bind(5, int64_t{rules.autoDelete})
+      .Bind(6, int64_t{rules.maxBitrate});
+  if (Status s = Run(st, "set rules"); !s.ok()) return s;
+  return tx.Commit();
+}
+
+Status SqliteStore::UpdateFeed(const Feed& expected, const Feed& updated, bool applyToSubscribers,
+                               int64_t* changed) {
+  if (changed != nullptr) *changed = 0;
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_, true);
+  if (!tx.status().ok()) return tx.status();
+  Feed current;
+  Status s = FindFeedLocked(db_, updated.id, &current);
+  if (!s.ok()) return s;
+  const auto same = [](const Feed& a, const Feed& b) {
+    return a.title == b.title && a.subscribable == b.subscribable &&
+           a.defaults.maxAssets == b.defaults.maxAssets &&
+           a.defaults.autoDelete == b.defaults.autoDelete &&
+           a.defaults.maxBitrate == b.defaults.maxBitrate;
+  };
+  if (!same(current, expected)) {
+    return Status::FailedPrecondition("feed " + updated.id + " changed since it was read");
+  }
+  Statement st(db_,
+               "UPDATE feeds SET title = ?2, subscribable = ?3, max_assets = ?4, "
+               "auto_delete = ?5, max_bitrate = ?6 WHERE id = ?1");
+  st.Bind(1, updated.id)
+      .Bind(2, updated.title)
+      .Bind(3, int64_t{updated.subscribable})
+      .Bind(4, int64_t{updated.defaults.maxAssets})
+      .Bind(5, int64_t{updated.defaults.autoDelete})
+      .Bind(6, int64_t{updated.defaults.maxBitrate});
+  s = Run(st, "update feed");
+  if (!s.ok()) return s;
+  if (applyToSubscribers) {
+    Statement rules(db_,
+                    "INSERT INTO rules (user, device, feed, max_assets, auto_delete, max_bitrate) "
+                    "SELECT user, device, feed, ?2, ?3, ?4 FROM subscriptions WHERE feed = ?1 "
+                    "ON CONFLICT(user, device, feed) DO UPDATE SET max_assets = ?2, "
+                    "auto_delete = ?3, max_bitrate = ?4");
+    rules.Bind(1, updated.id)
+        .Bind(2, int64_t{updated.defaults.maxAssets})
+        .Bind(3, int64_t{updated.defaults.autoDelete})
+        .Bind(4, int64_t{updated.defaults.maxBitrate});
+    s = Run(rules, "set subscribers' rules");
+    if (!s.ok()) return s;
+    if (changed != nullptr) *changed = sqlite3_changes(db_);
+  }
+  return tx.Commit();
+}
+
 Status SqliteStore::AddPushNotice(const std::string& user, const std::string& device,
                                   const std::string& itemUuid, int64_t nowMs, PushNotice* notice) {
   std::lock_guard lock(mutex_);

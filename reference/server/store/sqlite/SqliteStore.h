@@ -119,6 +119,10 @@ class SqliteStore final : public Store {
   // SetRules; `changed` receives how many devices that concerned.
   Status SetRulesForSubscribers(const std::string& feed, const FeedRules& rules,
                                 int64_t* changed) override;
+  Status UpdateRules(const std::string& user, const std::string& device, const std::string& feed,
+                     const FeedRules& expected, const FeedRules& rules) override;
+  Status UpdateFeed(const Feed& expected, const Feed& updated, bool applyToSubscribers,
+                    int64_t* changed) override;
 
   // Records a push notice of an existing item for one known device, as the
   // administrator's nudge to fetch it now.

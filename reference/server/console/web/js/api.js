@@ -3,11 +3,20 @@
 // session is HttpOnly and never visible here).
 
 let csrfToken = '';
+// Who is signed in: { operator, role }; role is viewer, editor or administrator.
+export const session = { operator: '', role: 'viewer' };
+
+const ranks = { viewer: 0, editor: 1, administrator: 2 };
+// Whether the signed-in operator's role reaches `role`.
+export function may(role) {
+  return ranks[session.role] >= ranks[role];
+}
 
 export class ApiError extends Error {
-  constructor(status, message) {
+  constructor(status, message, data = {}) {
     super(message);
     this.status = status;
+    this.data = data;
   }
 }
 
@@ -25,7 +34,7 @@ async function call(method, route, body) {
   } catch {
     data = { error: `unreadable reply (${res.status})` };
   }
-  if (!res.ok) throw new ApiError(res.status, data.error || `HTTP ${res.status}`);
+  if (!res.ok) throw new ApiError(res.status, data.error || `HTTP ${res.status}`, data);
   return data;
 }
 
@@ -42,7 +51,10 @@ export function post(route, body) {
 // Resumes a session the cookie still names; false when signed out.
 export async function resume() {
   try {
-    csrfToken = (await get('session')).csrf_token;
+    const s = await get('session');
+    csrfToken = s.csrf_token;
+    session.operator = s.operator;
+    session.role = s.role;
     return true;
   } catch (e) {
     if (e.status === 401) return false;
@@ -50,8 +62,9 @@ export async function resume() {
   }
 }
 
-export async function login(password) {
-  csrfToken = (await post('login', { password })).csrf_token;
+export async function login(name, password) {
+  csrfToken = (await post('login', name ? { name, password } : { password })).csrf_token;
+  await resume();
 }
 
 export async function logout() {

@@ -4,7 +4,11 @@ import * as api from './api.js';
 import * as pages from './pages.js';
 import { toast } from './dom.js';
 
-const names = ['dashboard', 'feeds', 'items', 'devices', 'accounts'];
+const names = ['dashboard', 'feeds', 'items', 'devices', 'accounts', 'audit', 'operators'];
+const titles = {
+  dashboard: 'Dashboard', feeds: 'Feeds', items: 'Items', devices: 'Devices',
+  accounts: 'Accounts', audit: 'Audit log', operators: 'Operators',
+};
 const livePages = new Set(['dashboard', 'devices']);
 const state = {};
 let timer = 0;
@@ -18,6 +22,7 @@ function currentPage() {
 
 function showLogin(message = '') {
   clearInterval(timer);
+  document.title = 'Sign in · zsm-server console';
   document.getElementById('nav').hidden = true;
   document.getElementById('page').replaceChildren();
   document.getElementById('login').hidden = false;
@@ -36,6 +41,7 @@ async function draw() {
     do {
       again = false;
       const name = currentPage();
+      document.title = `${titles[name]} · zsm-server console`;
       for (const a of document.querySelectorAll('#nav a')) a.classList.toggle('active', a.dataset.page === name);
       const root = document.getElementById('page');
       state[name] ??= {};
@@ -58,11 +64,16 @@ async function draw() {
 
 function start() {
   document.getElementById('login').hidden = true;
+  document.getElementById('nav-operators').hidden = !api.may('administrator');
+  document.getElementById('who').textContent = api.session.operator === 'console'
+    ? '' : `${api.session.operator} (${api.session.role})`;
   document.getElementById('nav').hidden = false;
   clearInterval(timer);
   timer = setInterval(() => {
-    // Do not redraw under someone typing into a form.
-    if (livePages.has(currentPage()) && !document.activeElement?.closest('form')) draw();
+    // Do not redraw under someone typing into a form, nor a page that holds
+    // something open for the operator (a device being managed).
+    const name = currentPage();
+    if (livePages.has(name) && !state[name]?.hold && !document.activeElement?.closest('form')) draw();
   }, 3000);
   draw();
 }
@@ -70,8 +81,9 @@ function start() {
 document.getElementById('login-form').addEventListener('submit', async (ev) => {
   ev.preventDefault();
   const password = document.getElementById('password');
+  const name = document.getElementById('operator').value.trim();
   try {
-    await api.login(password.value);
+    await api.login(name, password.value);
     password.value = '';
     start();
   } catch (e) {

@@ -1,7 +1,7 @@
 // The console's pages. Each takes the element to fill and draws itself from the
 // API; the app redraws it after every change and, for live pages, every few
 // seconds.
-import { get, post } from './api.js';
+import { get, may, post } from './api.js';
 import { ago, checkbox, field, formValues, h, options, rulesText, table, toast } from './dom.js';
 
 // Runs a change, reports it, and redraws the page.
@@ -57,9 +57,10 @@ export async function dashboard(root, redraw) {
         ['Server', (n) => n.name], ['Last hour', (n) => n.last_hour_requests], ['Requests', (n) => n.requests],
         ['Errors', (n) => n.errors], ['Last counted', (n) => (n.last_minute_ms ? ago(n.last_minute_ms) : '-')]],
       Object.entries(figures.nodes ?? {}).map(([name, n]) => ({ name, ...n })), 'No server has counted requests yet.')),
-    h('section', { class: 'card' }, h('h2', {}, 'Recent changes'),
+    h('section', { class: 'card' }, h('div', { class: 'row' }, h('h2', {}, 'Recent changes'), h('a', { href: '#/audit' }, 'Whole audit log')),
       table('audit', [
-        ['When', (e) => ago(e.at_ms)], ['What', (e) => e.action], ['Concerning', (e) => e.target], ['From', (e) => e.peer]],
+        ['When', (e) => ago(e.at_ms)], ['Who', (e) => e.operator || '—'], ['What', (e) => e.action],
+        ['Concerning', (e) => e.target], ['From', (e) => e.peer]],
       audit.entries, 'No changes recorded.')));
 }
 
@@ -79,31 +80,78 @@ export async function feeds(root, redraw) {
   });
 
   const editor = h('div', { id: 'feed-editor' });
-  const edit = (feed) => {
+  // `base` is the feed as the form was opened; a save carries its version, and a
+  // save refused because someone saved meanwhile shows both sides.
+  const edit = (base, mine = null, theirs = null) => {
+    const stored = { title: base.title, subscribable: base.subscribable, ...base.rules };
+    const changedFields = (from, values) => Object.fromEntries(
+      ['title', 'subscribable', 'max_assets', 'auto_delete', 'max_bitrate']
+        .filter((k) => k in values && values[k] !== (k in from ? from[k] : from.rules[k]))
+        .map((k) => [k, values[k]]));
+    // After a refusal the form holds what is stored now with this operator's own
+    // changes on top, so that saving it reapplies them and nothing else.
+    const shown = theirs ? { ...stored, ...changedFields(theirs, mine) } : stored;
     const form = h('form', { class: 'grid', id: 'feed-edit' },
-      field('Title', h('input', { name: 'title', value: feed.title, maxlength: 512 })),
-      ...rulesInputs(feed.rules),
-      checkbox('Devices may subscribe', { name: 'subscribable', checked: feed.subscribable }),
-      checkbox('Give subscribed devices these rules too', { name: 'apply_to_subscribers', checked: true }),
+      field('Title', h('input', { name: 'title', value: shown.title, maxlength: 512 })),
+      ...rulesInputs(shown),
+      checkbox('Devices may subscribe', { name: 'subscribable', checked: shown.subscribable }),
+      checkbox(`Give the ${base.subscribers} subscribed device(s) these rules too`,
+        { name: 'apply_to_subscribers', checked: Boolean(mine?.apply_to_subscribers), id: 'apply-to-subscribers' }),
       h('button', { type: 'submit' }, 'Save'));
-    form.addEventListener('submit', async (ev) => {
+    const save = async (values, version) => {
+      const { apply_to_subscribers: apply, ...fields } = values;
+      const body = { id: base.id, version, apply_to_subscribers: apply,
+        ...fields };
+      try {
+        const r = await post('feeds/update', body);
+        toast(`Feed ${base.id} saved` + (apply ? `; ${r.devices_updated} device(s) get the new rules at their next sync` : ''));
+        editor.replaceChildren();
+        await redraw();
+      } catch (e) {
+        if (e.status === 409 && e.data.current) {
+          edit({ ...base, ...e.data.current, subscribers: base.subscribers }, values, base);
+          toast(e.message, true);
+        } else {
+          toast(e.message, true);
+        }
+      }
+    };
+    form.addEventListener('submit', (ev) => {
       ev.preventDefault();
-      await change('feeds/update', { id: feed.id, ...formValues(form) },
-        (r) => `Feed ${feed.id} saved; ${r.devices_updated} device(s) get the new rules at their next sync`, redraw);
+      save(formValues(form), base.version);
     });
+    let conflict = null;
+    if (theirs) {
+      // `theirs` is what this operator started from; `base` is what is stored now.
+      const label = { title: 'Title', subscribable: 'Devices may subscribe', max_assets: 'Max items', auto_delete: 'Delete old items', max_bitrate: 'Max bit rate' };
+      const value = (f, k) => String(k in f ? f[k] : f.rules[k]);
+      const yours = (k) => (k in mine ? String(mine[k]) : value(theirs, k));
+      const rows = Object.keys(label).filter((k) => value(theirs, k) !== value(base, k) || yours(k) !== value(theirs, k))
+        .map((k) => ({ field: label[k], was: value(theirs, k), now: value(base, k), mine: yours(k) }));
+      const mineChanged = changedFields(theirs, mine);
+      conflict = h('div', { class: 'conflict', id: 'feed-conflict', role: 'alert' },
+        h('p', {}, h('strong', {}, 'Someone else saved this feed after you opened it.'),
+          ' Nothing of yours was saved. Here is what changed:'),
+        table('feed-conflict-table', [['Field', (r) => r.field], ['When you opened it', (r) => r.was],
+          ['Now', (r) => r.now], ['Yours', (r) => r.mine]], rows, 'No field differs.'),
+        h('div', { class: 'row' },
+          h('button', { type: 'button', id: 'feed-reapply', onclick: () => save({ ...mineChanged, apply_to_subscribers: mine.apply_to_subscribers }, base.version) },
+            'Reapply my changes to the current version'),
+          h('button', { type: 'button', class: 'secondary', onclick: () => edit(base) }, 'Discard mine')));
+    }
     const grant = h('form', { class: 'grid', id: 'publisher-grant' },
       field('Account', h('select', { name: 'user' }, options(users))),
       h('button', { type: 'submit', class: 'secondary' }, 'Let publish'));
     grant.addEventListener('submit', async (ev) => {
       ev.preventDefault();
       const { user } = formValues(grant);
-      await change('publishers/grant', { feed: feed.id, user }, () => `${user} may publish into ${feed.id}`, redraw);
+      await change('publishers/grant', { feed: base.id, user }, () => `${user} may publish into ${base.id}`, redraw);
     });
     editor.replaceChildren(h('section', { class: 'card' },
-      h('h2', {}, `Edit ${feed.id}`), form,
+      h('h2', {}, `Edit ${base.id}`), conflict, form,
       h('h2', {}, 'Publishers'),
-      h('p', {}, feed.publishers.length ? feed.publishers.map((u) => h('span', { class: 'tag' }, u,
-        ' ', h('button', { type: 'button', class: 'link', title: `revoke ${u}`, onclick: () => change('publishers/revoke', { feed: feed.id, user: u }, () => `${u} no longer publishes ${feed.id}`, redraw) }, '×'))) : h('span', { class: 'muted' }, 'None.')),
+      h('p', {}, base.publishers.length ? base.publishers.map((u) => h('span', { class: 'tag' }, u,
+        ' ', h('button', { type: 'button', class: 'revoke', title: `revoke ${u}`, 'aria-label': `Revoke ${u}`, onclick: () => change('publishers/revoke', { feed: base.id, user: u }, () => `${u} no longer publishes ${base.id}`, redraw) }, '×'))) : h('span', { class: 'muted' }, 'None.')),
       grant));
     editor.scrollIntoView({ behavior: 'smooth' });
   };
@@ -116,18 +164,19 @@ export async function feeds(root, redraw) {
         ['Subscribable', (f) => h('span', { class: f.subscribable ? 'tag ok' : 'tag off' }, f.subscribable ? 'yes' : 'no')],
         ['Rules', (f) => rulesText(f.rules)], ['Items', (f) => f.items], ['Subscribers', (f) => f.subscribers],
         ['Publishers', (f) => f.publishers.join(', ') || '—'],
-        ['', (f) => h('button', { type: 'button', class: 'secondary', 'data-feed': f.id, onclick: () => edit(f) }, 'Edit')]],
+        ['', (f) => (may('editor') ? h('button', { type: 'button', class: 'secondary', 'data-feed': f.id, onclick: () => edit(f) }, 'Edit') : '')]],
       list, 'No feeds yet: create one below.')),
     editor,
-    h('section', { class: 'card' }, h('h2', {}, 'New feed'), createForm));
+    may('editor') ? h('section', { class: 'card' }, h('h2', {}, 'New feed'), createForm) : null);
 }
 
 export async function items(root, redraw, state) {
   const [{ feeds: feedList }, { accounts }, { files }] = await Promise.all([get('feeds'), get('accounts'), get('media')]);
   state.feed ??= '';
   const { items: list } = await get('items', { feed: state.feed, limit: 200 });
-  const filter = h('select', { id: 'items-filter', onchange: (ev) => { state.feed = ev.target.value; redraw(); } },
-    options([['', 'All items'], ...feedList.map((f) => [f.id, f.id])], state.feed));
+  const filter = h('label', { class: 'inline' }, 'Show',
+    h('select', { id: 'items-filter', onchange: (ev) => { state.feed = ev.target.value; redraw(); } },
+      options([['', 'All items'], ...feedList.map((f) => [f.id, `feed ${f.id}`])], state.feed)));
   const target = [...feedList.filter((f) => f.subscribable).map((f) => [`feed:${f.id}`, `feed ${f.id}`]),
     ...accounts.map((a) => [`user:${a.user}`, `direct item for ${a.user}`])];
   const form = h('form', { class: 'grid', id: 'item-publish' },
@@ -148,14 +197,14 @@ export async function items(root, redraw, state) {
   });
   root.replaceChildren(
     h('h1', {}, 'Items'),
-    h('section', { class: 'card' }, h('h2', {}, 'Publish an item'), form),
+    may('editor') ? h('section', { class: 'card' }, h('h2', {}, 'Publish an item'), form) : null,
     h('section', { class: 'card' },
       h('div', { class: 'row' }, h('h2', {}, 'Published'), filter),
       table('items-table', [
         ['Item', (i) => h('strong', {}, i.metadata.title || i.uuid)], ['Identifier', (i) => i.uuid],
         ['In', (i) => (i.feed ? `feed ${i.feed}` : `direct for ${i.user}`)],
         ['Source', (i) => i.media || i.metadata.downloadURL || ''], ['Created', (i) => ago(i.created_ms)],
-        ['', (i) => h('button', { type: 'button', class: 'danger', onclick: () => {
+        ['', (i) => !may('editor') ? '' : h('button', { type: 'button', class: 'danger', onclick: () => {
           if (confirm(`Remove ${i.uuid}? Devices that have it keep their copy until their rules delete it.`)) {
             change('items/remove', { uuid: i.uuid }, () => `Removed ${i.uuid}`, redraw);
           }
@@ -163,18 +212,25 @@ export async function items(root, redraw, state) {
       list, 'No items.')));
 }
 
-export async function devices(root, redraw) {
+export async function devices(root, redraw, state) {
   const [{ devices: list }, { feeds: feedList }, { items: recent }, { pushes }] = await Promise.all([
     get('devices'), get('feeds'), get('items', { limit: 50 }), get('pushes', { all: 1, limit: 20 })]);
   const panel = h('div', { id: 'device-panel' });
-  const open = (d) => {
+  // The rules shown are the ones the device's catalog reports for the chosen
+  // feed; a save carries their version.
+  const open = (d, chosen = null) => {
+    const choices = d.subscriptions.length ? d.subscriptions : feedList.map((f) => f.id);
+    const feed = choices.includes(chosen) ? chosen : choices[0];
+    const defaults = feedList.find((f) => f.id === feed);
+    const current = d.rules[feed] ?? defaults?.rules;
+    const version = d.rules_versions[feed] ?? defaults?.rules_version;
     const rules = h('form', { class: 'grid', id: 'device-rules' },
-      field('Feed', h('select', { name: 'feed' }, options((d.subscriptions.length ? d.subscriptions : feedList.map((f) => f.id)).map((f) => [f, f])))),
-      ...rulesInputs(d.rules[d.subscriptions[0]]),
+      field('Feed', h('select', { name: 'feed', onchange: (ev) => open(d, ev.target.value) }, options(choices.map((f) => [f, f]), feed))),
+      ...rulesInputs(current),
       h('button', { type: 'submit' }, 'Set rules'));
     rules.addEventListener('submit', async (ev) => {
       ev.preventDefault();
-      await change('devices/rules', { user: d.user, device: d.device, ...formValues(rules) },
+      await change('devices/rules', { user: d.user, device: d.device, version, ...formValues(rules) },
         () => `Rules set for ${d.device}; they apply at its next sync`, redraw);
     });
     const push = h('form', { class: 'grid', id: 'device-push' },
@@ -185,7 +241,16 @@ export async function devices(root, redraw) {
       await change('devices/push', { user: d.user, device: d.device, ...formValues(push) },
         (r) => `Push notice ${r.notice.id} recorded for ${d.device}`, redraw);
     });
-    panel.replaceChildren(h('section', { class: 'card' }, h('h2', {}, `${d.user} / ${d.device}`), rules, h('h2', {}, 'Push'), push));
+    // The page is not redrawn by the live timer while a device is being managed.
+    state.hold = { user: d.user, device: d.device, feed };
+    const close = h('button', { type: 'button', class: 'secondary', id: 'device-panel-close', onclick: () => {
+      state.hold = null;
+      panel.replaceChildren();
+    } }, 'Close');
+    panel.replaceChildren(h('section', { class: 'card' },
+      h('div', { class: 'row' }, h('h2', {}, `${d.user} / ${d.device}`), close),
+      h('p', { class: 'muted' }, 'Live updates of this page pause while this panel is open.'),
+      rules, h('h2', {}, 'Push'), push));
   };
   root.replaceChildren(
     h('h1', {}, 'Devices'),
@@ -196,7 +261,7 @@ export async function devices(root, redraw) {
         ['Subscriptions', (d) => d.subscriptions.length ? d.subscriptions.map((f) => h('span', { class: 'tag', title: d.rules[f] ? rulesText(d.rules[f]) : '' }, f)) : '—'],
         ['Rules', (d) => Object.entries(d.rules).map(([f, r]) => h('div', {}, `${f}: ${rulesText(r)}`))],
         ['Push', (d) => `${d.push_service || 'no token'}, ${d.pending_pushes} pending`],
-        ['', (d) => h('button', { type: 'button', class: 'secondary', 'data-device': d.device, onclick: () => open(d) }, 'Manage')]],
+        ['', (d) => (may('editor') ? h('button', { type: 'button', class: 'secondary', 'data-device': d.device, onclick: () => open(d) }, 'Manage') : '')]],
       list, 'No device has called yet.')),
     panel,
     h('section', { class: 'card' }, h('h2', {}, 'Recent push notices'),
@@ -204,17 +269,33 @@ export async function devices(root, redraw) {
         ['Device', (p) => `${p.user}/${p.device}`], ['Item', (p) => p.item], ['Feed', (p) => p.feed || 'direct'],
         ['When', (p) => ago(p.created_ms)], ['Delivered', (p) => (p.delivered ? 'yes' : 'pending')]],
       pushes, 'No push notices.')));
-  return { live: true };
+  // A redraw (after a change, or on coming back) keeps the device open.
+  const held = state.hold && list.find((d) => d.user === state.hold.user && d.device === state.hold.device);
+  if (held) open(held, state.hold.feed);
+  else state.hold = null;
 }
 
-export async function accounts(root, redraw) {
+export async function accounts(root, redraw, state) {
   const { accounts: list } = await get('accounts');
+  // A secret the console made up is shown until the operator says it is noted:
+  // redrawing the page after the save must not take it away.
   const shown = h('div', { id: 'account-secret' });
+  const showSecret = () => {
+    const r = state.revealed;
+    if (!r) {
+      shown.replaceChildren();
+      return;
+    }
+    shown.replaceChildren(h('section', { class: 'card' }, h('h2', {}, `Secret of ${r.user}`),
+      h('p', {}, 'Shown this once: give it to the devices of this account.'),
+      h('p', {}, 'Key ', h('span', { class: 'secret', id: 'new-key' }, r.key)),
+      h('p', {}, 'Secret ', h('span', { class: 'secret', id: 'new-secret' }, r.secret)),
+      h('button', { type: 'button', class: 'secondary', id: 'secret-noted', onclick: () => { state.revealed = null; showSecret(); } }, 'I have noted it')));
+  };
   const reveal = (r) => {
     if (r.secret) {
-      shown.replaceChildren(h('section', { class: 'card' }, h('h2', {}, `Secret of ${r.user}`),
-        h('p', {}, 'Shown this once: give it to the devices of this account.'),
-        h('p', {}, 'Key ', h('span', { class: 'secret' }, r.key), ' secret ', h('span', { class: 'secret', id: 'new-secret' }, r.secret))));
+      state.revealed = { user: r.user, key: r.key, secret: r.secret };
+      showSecret();
     }
     return `Account ${r.user} saved`;
   };
@@ -228,17 +309,97 @@ export async function accounts(root, redraw) {
     const v = formValues(form);
     await change('accounts/save', { user: v.user, key: v.key || null, secret: v.secret || null }, reveal, redraw);
   });
+  showSecret();
+  const admin = may('administrator');
   root.replaceChildren(
     h('h1', {}, 'Accounts'),
     shown,
     h('section', { class: 'card' },
       table('accounts-table', [
         ['Account', (a) => h('strong', {}, a.user)], ['Public key', (a) => a.key], ['Devices', (a) => a.devices],
-        ['', (a) => h('button', { type: 'button', class: 'secondary', onclick: () => {
+        ['', (a) => !admin ? '' : h('button', { type: 'button', class: 'secondary', onclick: () => {
           if (confirm(`Give ${a.user} a new secret? Its devices stop being accepted until they get it.`)) {
             change('accounts/save', { user: a.user, new_secret: true }, reveal, redraw);
           }
         } }, 'New secret')]],
       list, 'No accounts.')),
-    h('section', { class: 'card' }, h('h2', {}, 'Add or change an account'), form));
+    admin ? h('section', { class: 'card' }, h('h2', {}, 'Add or change an account'), form) : null);
+}
+
+const kinds = [['', 'Any change'], ['feed.', 'Feeds'], ['publisher.', 'Publishers'], ['item.', 'Items'],
+  ['device.', 'Devices'], ['account.', 'Accounts'], ['operator.', 'Operators'], ['login', 'Sign-ins'],
+  ['login.refused', 'Refused sign-ins'], ['logout', 'Sign-outs'], ['console.password', 'Console password']];
+
+// Milliseconds since 1970 of a datetime-local value; '' when empty.
+function localMs(value) {
+  return value ? String(new Date(value).getTime()) : '';
+}
+
+export async function audit(root, redraw, state) {
+  state.query ??= { operator: '', action: '', from: '', to: '' };
+  state.pages ??= [];  // the `before` of each page shown before this one
+  state.before ??= '';
+  const q = state.query;
+  const page = await get('audit', {
+    limit: 20, before: state.before, operator: q.operator, action: q.action,
+    from: localMs(q.from), to: localMs(q.to),
+  });
+  const filters = h('form', { class: 'grid', id: 'audit-filter' },
+    field('Operator', h('input', { name: 'operator', value: q.operator, autocapitalize: 'off', spellcheck: 'false' })),
+    field('Kind of change', h('select', { name: 'action' }, options(kinds, q.action))),
+    field('From', h('input', { name: 'from', type: 'datetime-local', value: q.from })),
+    field('Until', h('input', { name: 'to', type: 'datetime-local', value: q.to })),
+    h('button', { type: 'submit' }, 'Show'));
+  filters.addEventListener('submit', (ev) => {
+    ev.preventDefault();
+    state.query = formValues(filters);
+    state.pages = [];
+    state.before = '';
+    redraw();
+  });
+  const newer = h('button', { type: 'button', class: 'secondary', id: 'audit-newer', disabled: state.pages.length === 0,
+    onclick: () => { state.before = state.pages.pop() ?? ''; redraw(); } }, 'Newer');
+  const older = h('button', { type: 'button', class: 'secondary', id: 'audit-older', disabled: !page.more,
+    onclick: () => { state.pages.push(state.before); state.before = String(page.next_before); redraw(); } }, 'Older');
+  root.replaceChildren(
+    h('h1', {}, 'Audit log'),
+    h('section', { class: 'card' }, h('h2', {}, 'Filter'), filters),
+    h('section', { class: 'card' },
+      table('audit-table', [
+        ['When', (e) => new Date(e.at_ms).toLocaleString()], ['Who', (e) => e.operator || '—'],
+        ['What', (e) => e.action], ['Concerning', (e) => e.target], ['From', (e) => e.peer],
+        ['Details', (e) => (Object.keys(e.details).length ? h('code', { class: 'details' }, JSON.stringify(e.details)) : '')]],
+      page.entries, 'No entry matches.'),
+      h('div', { class: 'row pager' }, newer, h('span', { class: 'muted' }, `page ${state.pages.length + 1}`), older)));
+}
+
+export async function operators(root, redraw) {
+  if (!may('administrator')) {
+    root.replaceChildren(h('h1', {}, 'Operators'), h('p', { class: 'muted' }, 'Only an administrator manages operators.'));
+    return;
+  }
+  const { operators: list } = await get('operators');
+  const roles = [['viewer', 'viewer: reads only'], ['editor', 'editor: feeds, items, devices'], ['administrator', 'administrator: also accounts and operators']];
+  const form = h('form', { class: 'grid', id: 'operator-save' },
+    field('Name', h('input', { name: 'name', required: true, maxlength: 128, autocapitalize: 'off' })),
+    field('Role', h('select', { name: 'role' }, options(roles, 'viewer'))),
+    field('Password (empty: keep)', h('input', { name: 'password', type: 'password', minlength: 8, autocomplete: 'new-password' })),
+    h('button', { type: 'submit' }, 'Save operator'));
+  form.addEventListener('submit', async (ev) => {
+    ev.preventDefault();
+    const v = formValues(form);
+    await change('operators/save', { name: v.name, role: v.role, password: v.password || null }, (r) => `${r.name} is ${r.role}`, redraw);
+  });
+  root.replaceChildren(
+    h('h1', {}, 'Operators'),
+    h('section', { class: 'card' },
+      table('operators-table', [
+        ['Operator', (o) => h('strong', {}, o.name)], ['Role', (o) => o.role], ['Since', (o) => ago(o.created_ms)],
+        ['', (o) => h('button', { type: 'button', class: 'danger', onclick: () => {
+          if (confirm(`Remove ${o.name}? Their sessions end at once.`)) {
+            change('operators/remove', { name: o.name }, () => `${o.name} removed`, redraw);
+          }
+        } }, 'Remove')]],
+      list, 'No operators: the console signs in with its one password.')),
+    h('section', { class: 'card' }, h('h2', {}, 'Add an operator or change one'), form));
 }
