@@ -172,6 +172,7 @@ class Soak:
         self.proxy = Proxy(random.Random(self.seed + 1))
         self.checks = 0
         self.failures = []
+        self.reported = set()
         self.cycles = 0
         self.faults = {}
         self.feed_items = set()  # asset IDs published into feeds
@@ -423,7 +424,10 @@ class Soak:
         self.checks += 1
         if not ok:
             self.failures.append("cycle %d: %s %s" % (self.cycles, what, detail))
-            print("FAILED cycle %d: %s %s" % (self.cycles, what, detail), flush=True)
+            # A state that stays broken is reported when first seen.
+            if (what, detail) not in self.reported:
+                self.reported.add((what, detail))
+                print("FAILED cycle %d: %s %s" % (self.cycles, what, detail), flush=True)
 
     def check_server_db(self):
         path = os.path.join(self.server_data, "server.sqlite")
@@ -564,19 +568,22 @@ class Soak:
                 if self.args.verbose:
                     print("cycle %d: %s, %d checks" % (self.cycles, fault, self.checks),
                           flush=True)
+        except KeyboardInterrupt:
+            print("interrupted", flush=True)
+        else:
             # A last quiet sync lets the device catch up; then everything is checked again.
             self.host_ran_out = True
             self.watch().wait()
             self.check_device()
         finally:
             self.tear_down()
-        print("soak seed %d: %d cycles, %d checks, %d failures; faults %s; checked %s; "
+        print("soak seed %d: %d cycles, %d checks, %d failed (%d distinct); faults %s; checked %s; "
               "small disk: %s" %
-              (self.seed, self.cycles, self.checks, len(self.failures),
+              (self.seed, self.cycles, self.checks, len(self.failures), len(self.reported),
                json.dumps(self.faults, sort_keys=True), json.dumps(self.seen, sort_keys=True),
                "tmpfs of 96 MiB" if self.mounted else "none (--keep-free only)"), flush=True)
-        for failure in self.failures:
-            print("  " + failure, flush=True)
+        for what, detail in sorted(self.reported):
+            print("  %s %s" % (what, detail), flush=True)
         return 0 if not self.failures else 1
 
 
