@@ -173,6 +173,7 @@ class Soak:
         self.checks = 0
         self.failures = []
         self.reported = set()
+        self.orphan_age = {}  # media folder without an asset -> checks it was seen at
         self.cycles = 0
         self.faults = {}
         self.feed_items = set()  # asset IDs published into feeds
@@ -495,12 +496,16 @@ class Soak:
                 self.check("a feed holds no more than its maximum", count <= most,
                            "%s: %d > %d" % (feed, count, most))
         now = {u: a for (u, a) in q("SELECT uuid, asset_id FROM assets")}
-        # A host killed mid-deletion leaves a folder for the next start to
-        # remove; one that ran to its end leaves none.
-        if self.host_ran_out:
-            owned = set(os.listdir(os.path.join(self.device, "engine", "media")))
-            self.check("every media folder has an asset", owned <= set(now),
-                       str(owned - set(now)))
+        # A host killed mid-deletion, or a full disk that kept a new asset's
+        # row from landing, leaves a folder no asset owns; the next start
+        # removes it. Every cycle starts the engine, so a folder seen without
+        # an owner two checks in a row is one the start left behind.
+        orphans = set(os.listdir(os.path.join(self.device, "engine", "media"))) - set(now)
+        for folder in orphans:
+            self.orphan_age[folder] = self.orphan_age.get(folder, 0) + 1
+        self.orphan_age = {f: a for f, a in self.orphan_age.items() if f in orphans}
+        stale = sorted(f for f, a in self.orphan_age.items() if a > 2)
+        self.check("start-up removes media folders no asset owns", not stale, str(stale))
         db.close()
         gone = set(self.known) - set(now)
         if gone:
