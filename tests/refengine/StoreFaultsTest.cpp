@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <thread>
 
 #include "EngineTestSupport.h"
 #include "SqliteFaults.h"
@@ -128,43 +127,6 @@ TEST(StoreFaultsTest, FailedCommitsKeepEveryHeldWriteForTheNextOne) {
   EXPECT_EQ(landed(file), "1|1\n");
   EXPECT_EQ(query(file, "SELECT value FROM meta WHERE key='device_uuid';"), "d-1\n");
   EXPECT_EQ(query(file, "PRAGMA integrity_check;"), "ok\n");
-}
-
-TEST(StoreFaultsTest, NoMediaFolderIsMadeForAnAssetWhoseRowCannotLand) {
-  SqliteFaults::install();
-  TempFolder folder;
-  auto options = testOptions(folder.path());
-  options.commitQuiet = options.commitWithin = std::chrono::hours(1);
-  auto engine = startEngine(options);
-  ASSERT_TRUE(engine);
-  auto info = [&](const std::string& uuid) { return engine->assetInfo(uuid); };
-  auto eventually = [](auto condition) {
-    for (int i = 0; i < 2000 && !condition(); ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return condition();
-  };
-  std::string uuid;
-  {
-    ScopedSqliteFault full;
-    auto asset = makeFileAsset(*engine, "http://127.0.0.1:1/a.mp4", "a");
-    ASSERT_TRUE(asset);
-    uuid = asset->uuid();
-    engine->roles().downloadEngine->addToQueue(asset, kQueueIndexAppend, nullptr);
-    // The download waits, with the store's error, instead of starting
-    // without a row that a restart would find.
-    ASSERT_TRUE(eventually([&] {
-      auto i = info(uuid);
-      return i && i->lastError && i->lastError->code == reference::kEngineErrorStore;
-    }));
-    EXPECT_EQ(info(uuid)->state, reference::AssetState::kQueued);
-    EXPECT_FALSE(std::filesystem::exists(folder.path() / "media" / uuid))
-        << "a folder whose asset's row never landed";
-  }
-  // Room again: the row lands, and only then the transfer makes its folder.
-  ASSERT_TRUE(eventually([&] { return std::filesystem::exists(folder.path() / "media" / uuid); }));
-  EXPECT_EQ(query(folder.path() / "engine.sqlite3",
-                  "SELECT count(*) FROM assets WHERE uuid='" + uuid + "';"),
-            "1\n");
 }
 
 }  // namespace

@@ -383,7 +383,10 @@ TEST(StoreWritesTest, ABlockThatOnlyReadsCommitsNothing) {
 
 // A child process that creates assets and tracks each in a feed, as fast as
 // it can, until it is killed.
-[[noreturn]] void writeForever(const std::filesystem::path& folder, int start) {
+// Writes until killed; once its first commit has landed it says so on
+// `landed` (a pipe), so that the kill comes after it however loaded the
+// machine is.
+[[noreturn]] void writeForever(const std::filesystem::path& folder, int start, int landed) {
   EngineStore store(
       reference::GroupCommitOptions{std::chrono::milliseconds(5), std::chrono::milliseconds(40)});
   if (store.open(folder / "engine.sqlite3")) _exit(3);
@@ -419,6 +422,12 @@ TEST(StoreWritesTest, ABlockThatOnlyReadsCommitsNothing) {
       }
       context.save();
     });
+    if (landed >= 0 && store.commits().commits() > 0) {
+      const char byte = 1;
+      if (write(landed, &byte, 1) != 1) _exit(6);
+      close(landed);
+      landed = -1;
+    }
   }
 }
 
@@ -427,11 +436,21 @@ TEST(StoreWritesTest, KillsBetweenGroupCommitsLeaveAConsistentPrefix) {
   std::mt19937 random(std::random_device{}());
   int next = 1;
   for (int round = 0; round < 6; ++round) {
+    int landed[2];
+    ASSERT_EQ(pipe(landed), 0);
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
-    if (pid == 0) writeForever(folder.path(), next);
-    // Long enough for a loaded machine to start the writer and commit.
-    std::this_thread::sleep_for(std::chrono::milliseconds(150 + random() % 300));
+    if (pid == 0) {
+      close(landed[0]);
+      writeForever(folder.path(), next, landed[1]);
+    }
+    close(landed[1]);
+    // A loaded machine may take a while to start the writer: the kill lands
+    // at a random point after its first commit, not after a fixed time.
+    char byte = 0;
+    EXPECT_EQ(read(landed[0], &byte, 1), 1) << "the writer never committed";
+    close(landed[0]);
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 300));
     ::kill(pid, SIGKILL);
     int status = 0;
     waitpid(pid, &status, 0);

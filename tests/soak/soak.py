@@ -172,6 +172,8 @@ class Soak:
         self.proxy = Proxy(random.Random(self.seed + 1))
         self.checks = 0
         self.failures = []
+        self.reported = set()
+        self.orphan_age = {}  # media folder without an asset -> checks it was seen at
         self.cycles = 0
         self.faults = {}
         self.feed_items = set()  # asset IDs published into feeds
@@ -423,7 +425,10 @@ class Soak:
         self.checks += 1
         if not ok:
             self.failures.append("cycle %d: %s %s" % (self.cycles, what, detail))
-            print("FAILED cycle %d: %s %s" % (self.cycles, what, detail), flush=True)
+            # A state that stays broken is reported when first seen.
+            if (what, detail) not in self.reported:
+                self.reported.add((what, detail))
+                print("FAILED cycle %d: %s %s" % (self.cycles, what, detail), flush=True)
 
     def check_server_db(self):
         path = os.path.join(self.server_data, "server.sqlite")
@@ -491,12 +496,16 @@ class Soak:
                 self.check("a feed holds no more than its maximum", count <= most,
                            "%s: %d > %d" % (feed, count, most))
         now = {u: a for (u, a) in q("SELECT uuid, asset_id FROM assets")}
-        # A host killed mid-deletion leaves a folder for the next start to
-        # remove; one that ran to its end leaves none.
-        if self.host_ran_out:
-            owned = set(os.listdir(os.path.join(self.device, "engine", "media")))
-            self.check("every media folder has an asset", owned <= set(now),
-                       str(owned - set(now)))
+        # A host killed mid-deletion, or a full disk that kept a new asset's
+        # row from landing, leaves a folder no asset owns; the next start
+        # removes it. Every cycle starts the engine, so a folder seen without
+        # an owner two checks in a row is one the start left behind.
+        orphans = set(os.listdir(os.path.join(self.device, "engine", "media"))) - set(now)
+        for folder in orphans:
+            self.orphan_age[folder] = self.orphan_age.get(folder, 0) + 1
+        self.orphan_age = {f: a for f, a in self.orphan_age.items() if f in orphans}
+        stale = sorted(f for f, a in self.orphan_age.items() if a > 2)
+        self.check("start-up removes media folders no asset owns", not stale, str(stale))
         db.close()
         gone = set(self.known) - set(now)
         if gone:
@@ -564,19 +573,22 @@ class Soak:
                 if self.args.verbose:
                     print("cycle %d: %s, %d checks" % (self.cycles, fault, self.checks),
                           flush=True)
+        except KeyboardInterrupt:
+            print("interrupted", flush=True)
+        else:
             # A last quiet sync lets the device catch up; then everything is checked again.
             self.host_ran_out = True
             self.watch().wait()
             self.check_device()
         finally:
             self.tear_down()
-        print("soak seed %d: %d cycles, %d checks, %d failures; faults %s; checked %s; "
+        print("soak seed %d: %d cycles, %d checks, %d failed (%d distinct); faults %s; checked %s; "
               "small disk: %s" %
-              (self.seed, self.cycles, self.checks, len(self.failures),
+              (self.seed, self.cycles, self.checks, len(self.failures), len(self.reported),
                json.dumps(self.faults, sort_keys=True), json.dumps(self.seen, sort_keys=True),
                "tmpfs of 96 MiB" if self.mounted else "none (--keep-free only)"), flush=True)
-        for failure in self.failures:
-            print("  " + failure, flush=True)
+        for what, detail in sorted(self.reported):
+            print("  %s %s" % (what, detail), flush=True)
         return 0 if not self.failures else 1
 
 

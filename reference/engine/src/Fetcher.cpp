@@ -202,6 +202,7 @@ bool beginBody(Transfer* t, CURL* curl) {
     t->started = true;
     return true;
   }
+  if (t->hooks->beforeFirstByte) t->hooks->beforeFirstByte();
   if (t->status == 200 && t->hooks->validator) t->hooks->validator(t->etag, t->lastModified);
   r.etag = t->etag;
   r.lastModified = t->lastModified;

@@ -59,6 +59,9 @@ struct FetchHooks {
   std::function<void(const std::string& etag, const std::string& lastModified)> validator;
   // The Date header of a reply.
   std::function<void(Date)> serverDate;
+  // Before the first byte of a body is written to its file (any answer that
+  // carries the resource or a range of it).
+  std::function<void()> beforeFirstByte;
 };
 
 enum class FetchOutcome { kDone, kRetry, kFail, kStopped };

@@ -2,6 +2,7 @@
 // planned resource is fetched into the asset's stream folder and the local
 // manifests are written last, so that a finished folder always plays.
 #include <fstream>
+#include <mutex>
 
 #include <fmt/format.h>
 
@@ -104,6 +105,17 @@ void ReferenceEngine::Impl::runStream(const std::shared_ptr<ReferenceAsset>& ass
     x.segmentsTotal = total;
   }));
 
+  // The asset's row is committed before the stream's first byte, as a
+  // single file's is: a restart then finds the asset that owns the folder.
+  // It is committed at the first answer rather than when the transfer
+  // starts: the library tracks a new item in its feed a moment after it
+  // creates the asset, and the later the commit, the less likely it lands
+  // the asset without the feed record (which a full disk may then keep from
+  // ever landing).
+  auto committed = std::make_shared<std::once_flag>();
+  const std::function<void()> commitBeforeFirstByte = [this, committed] {
+    std::call_once(*committed, [this] { store.flush(); });
+  };
   std::uint64_t bytes = 0;
   std::int64_t done = 0;
   for (const auto& rendition : plan.renditions) {
@@ -138,6 +150,7 @@ void ReferenceEngine::Impl::runStream(const std::shared_ptr<ReferenceAsset>& ass
             writeValidator(validator, etag, lastModified);
           };
         }
+        resourceHooks.beforeFirstByte = commitBeforeFirstByte;
         FetchResult s = fetchWithRetry(request, resourceHooks, policy, sleeper);
         if (s.outcome != FetchOutcome::kDone) return settle(s);
         std::filesystem::remove(validator, ec);

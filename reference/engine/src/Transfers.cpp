@@ -123,18 +123,7 @@ void ReferenceEngine::Impl::worker() {
       transferring_[uuid] = cancel;
     }
     persist(asset->update([](AssetFields& f) { f.state = AssetState::kTransferring; }));
-    // The asset's row is durable before its folder exists and its first byte
-    // arrives: a restart then finds an owner for every media folder (and
-    // removes any other, left by a row that never landed). A store that
-    // cannot commit (a full disk) gets no new folder: the asset waits as
-    // after a transient failure, and tries again once the commit can land.
-    if (store.flush())
-      runTransfer(asset, cancel);
-    else
-      deferTransient(asset, engineError(kEngineErrorStore,
-                                        "The asset's row could not be committed before its "
-                                        "download: " +
-                                            store.commits().lastError()));
+    runTransfer(asset, cancel);
     {
       std::lock_guard l(mutex_);
       transferring_.erase(asset->uuid());
