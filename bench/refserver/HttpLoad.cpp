@@ -17,6 +17,7 @@
 //       [--threads 2] [--per-address 50] [--user bench --key K --secret S]
 //       [--feeds f1,f2] [--since MS] [--path /catalog.json] [--dump FILE]
 //       [--verify 1]  (every reply body must parse as JSON)
+//       [--interval-ms MIN-MAX]  (paced: wait that long after each reply)
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -64,6 +65,10 @@ struct Options {
   std::string path = "/catalog.json";
   std::string dump;
   bool verify = false;  // parse every reply body as JSON
+  // When set, a device waits a time drawn from [min, max] ms after each reply
+  // before its next request, as a device syncing now and then does; otherwise it
+  // asks again at once (closed loop).
+  int intervalMinMs = 0, intervalMaxMs = 0;
 };
 
 std::string SignedPost(const Options& o, const std::string& endpoint, const std::string& device,
@@ -90,17 +95,20 @@ struct Device {
   std::string loop;  // the request repeated
   int fd = -1;
   bool connected = false;
+  int repliesOnConnection = 0;  // replies read on the current connection
   const std::string* request = nullptr;
   size_t sent = 0;
   std::string in;
   Clock::time_point started{};
   Clock::time_point retryAt{};
+  Clock::time_point sendAt{};  // paced: when the next request goes
+  bool waiting = false;        // paced: a request is due at sendAt
 };
 
 struct Totals {
   std::mutex mutex;
   std::vector<float> latencyMs;
-  int64_t ok = 0, errors = 0, setupErrors = 0, reconnects = 0;
+  int64_t ok = 0, errors = 0, setupErrors = 0, reconnects = 0, retried = 0;
   std::string firstError;
   std::string lastBody;
 };
@@ -139,14 +147,23 @@ long ReplyLength(const std::string& in, int* status, bool* close, std::string* b
   return static_cast<long>(end + 4);  // no body
 }
 
-void Run(const Options& o, std::vector<Device>& devices, Clock::time_point measureFrom,
-         Clock::time_point until, Totals* totals) {
+// The measured window, set once every device is through its setup.
+std::atomic<int64_t> gMeasureFrom{INT64_MAX};
+std::atomic<int64_t> gUntil{INT64_MAX};
+std::atomic<int> gSetUp{0};
+
+Clock::time_point At(const std::atomic<int64_t>& t) {
+  return Clock::time_point(Clock::duration(t.load()));
+}
+
+void Run(const Options& o, std::vector<Device>& devices, Totals* totals) {
   const int ep = ::epoll_create1(EPOLL_CLOEXEC);
   std::vector<float> latencies;
-  int64_t ok = 0, errors = 0, setupErrors = 0, reconnects = 0;
+  int64_t ok = 0, errors = 0, setupErrors = 0, reconnects = 0, retried = 0;
   std::string firstError, lastBody;
+  auto lastScan = Clock::now();
   auto fail = [&](Device& d, const std::string& why, bool inSetup) {
-    if (Clock::now() >= measureFrom || inSetup) {
+    if (Clock::now() >= At(gMeasureFrom) || inSetup) {
       if (inSetup) {
         ++setupErrors;
       } else {
@@ -177,10 +194,11 @@ void Run(const Options& o, std::vector<Device>& devices, Clock::time_point measu
     }
     d.in.clear();
     d.sent = 0;
+    d.repliesOnConnection = 0;
     d.request = d.setupDone < d.setup.size() ? &d.setup[d.setupDone] : &d.loop;
     d.started = Clock::now();
     epoll_event ev{};
-    ev.events = EPOLLIN | EPOLLOUT;
+    ev.events = EPOLLIN | EPOLLOUT | EPOLLET;  // edge-triggered: no spinning on writable
     ev.data.ptr = &d;
     ::epoll_ctl(ep, EPOLL_CTL_ADD, d.fd, &ev);
   };
@@ -201,14 +219,22 @@ void Run(const Options& o, std::vector<Device>& devices, Clock::time_point measu
   std::vector<epoll_event> events(1024);
   while (true) {
     const auto now = Clock::now();
-    if (now >= until) break;
+    if (now >= At(gUntil)) break;
+    // Reconnections and paced requests are due at most every 2 ms.
     for (auto& d : devices) {
+      if (now - lastScan < std::chrono::milliseconds(2)) break;
       if (d.fd < 0 && now >= d.retryAt) {
         ++reconnects;
+        d.waiting = false;
         connect(d);
+      } else if (d.waiting && now >= d.sendAt) {
+        d.waiting = false;
+        d.started = now;
+        if (!flush(d)) fail(d, "send failed", false);
       }
     }
-    const int n = ::epoll_wait(ep, events.data(), static_cast<int>(events.size()), 20);
+    if (now - lastScan >= std::chrono::milliseconds(2)) lastScan = now;
+    const int n = ::epoll_wait(ep, events.data(), static_cast<int>(events.size()), 2);
     for (int i = 0; i < n; ++i) {
       Device& d = *static_cast<Device*>(events[i].data.ptr);
       if (d.fd < 0) continue;
@@ -219,7 +245,7 @@ void Run(const Options& o, std::vector<Device>& devices, Clock::time_point measu
           continue;
         }
       }
-      if ((events[i].events & EPOLLOUT) && !flush(d)) {
+      if ((events[i].events & EPOLLOUT) && !d.waiting && !flush(d)) {
         fail(d, "send failed", inSetup);
         continue;
       }
@@ -244,9 +270,19 @@ void Run(const Options& o, std::vector<Device>& devices, Clock::time_point measu
         continue;
       }
       if (length == 0) {
+        if (closed && d.in.empty() && d.repliesOnConnection > 0) {
+          // The server ended an idle kept-alive connection as the request went out:
+          // as HTTP clients do, send it again on a new connection.
+          ::close(d.fd);
+          d.fd = -1;
+          d.retryAt = Clock::now();
+          ++retried;
+          continue;
+        }
         if (closed) fail(d, "closed before the reply ended", inSetup);
         continue;
       }
+      ++d.repliesOnConnection;
       const auto done = Clock::now();
       bool good = status == 200 &&
                   (o.mode != "zsm" || body.find("\"response_code\":0") != std::string::npos);
@@ -257,8 +293,8 @@ void Run(const Options& o, std::vector<Device>& devices, Clock::time_point measu
           if (firstError.empty())
             firstError = "setup: HTTP " + std::to_string(status) + " " + body.substr(0, 200);
         }
-        ++d.setupDone;
-      } else if (done >= measureFrom) {
+        if (++d.setupDone == d.setup.size()) ++gSetUp;
+      } else if (done >= At(gMeasureFrom)) {
         if (good) {
           ++ok;
           latencies.push_back(std::chrono::duration<float, std::milli>(done - d.started).count());
@@ -280,6 +316,13 @@ void Run(const Options& o, std::vector<Device>& devices, Clock::time_point measu
       d.sent = 0;
       d.started = Clock::now();
       if (!o.dump.empty() && !lastBody.empty()) break;
+      if (o.intervalMaxMs > 0 && d.request == &d.loop) {
+        const int span = std::max(0, o.intervalMaxMs - o.intervalMinMs);
+        d.sendAt = d.started + std::chrono::milliseconds(o.intervalMinMs +
+                                                         (span > 0 ? std::rand() % (span + 1) : 0));
+        d.waiting = true;
+        continue;
+      }
       if (!flush(d)) fail(d, "send failed", inSetup);
     }
     if (!o.dump.empty() && !lastBody.empty()) break;
@@ -294,6 +337,7 @@ void Run(const Options& o, std::vector<Device>& devices, Clock::time_point measu
   totals->errors += errors;
   totals->setupErrors += setupErrors;
   totals->reconnects += reconnects;
+  totals->retried += retried;
   if (totals->firstError.empty()) totals->firstError = firstError;
   if (!lastBody.empty()) totals->lastBody = lastBody;
 }
@@ -331,7 +375,12 @@ int main(int argc, char** argv) {
       o.dump = value;
     else if (name == "--verify")
       o.verify = value == "1";
-    else if (name == "--feeds") {
+    else if (name == "--interval-ms") {
+      o.intervalMinMs = std::atoi(value.c_str());
+      const size_t dash = value.find('-');
+      o.intervalMaxMs =
+          dash == std::string::npos ? o.intervalMinMs : std::atoi(value.c_str() + dash + 1);
+    } else if (name == "--feeds") {
       o.feeds.clear();
       for (size_t at = 0; at <= value.size();) {
         const size_t comma = std::min(value.find(',', at), value.size());
@@ -366,17 +415,26 @@ int main(int argc, char** argv) {
     shards[static_cast<size_t>(i % o.threads)].push_back(std::move(d));
   }
   Totals totals;
-  // The first seconds connect and subscribe; figures count from then on.
-  const auto start = Clock::now();
-  const auto setup = std::chrono::milliseconds(static_cast<int64_t>(
-      o.mode == "zsm" ? std::max(1000.0, o.devices * 0.5) : std::max(500.0, o.devices * 0.1)));
-  const auto measureFrom = start + setup;
-  const auto until =
-      measureFrom + std::chrono::milliseconds(static_cast<int64_t>(o.seconds * 1000));
+  int withoutSetup = 0;
+  for (const auto& shard : shards) {
+    for (const auto& d : shard) withoutSetup += d.setup.empty() ? 1 : 0;
+  }
+  gSetUp = withoutSetup;
   std::vector<std::thread> threads;
   for (auto& shard : shards) {
-    threads.emplace_back([&, &shard = shard] { Run(o, shard, measureFrom, until, &totals); });
+    threads.emplace_back([&, &shard = shard] { Run(o, shard, &totals); });
   }
+  // Figures count once every device has connected and subscribed (or after two
+  // minutes), for --seconds, after a settling second.
+  const auto setupLimit = Clock::now() + std::chrono::minutes(2);
+  while (gSetUp.load() < o.devices && Clock::now() < setupLimit) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  const auto measureFrom = Clock::now() + std::chrono::seconds(1);
+  const auto until =
+      measureFrom + std::chrono::milliseconds(static_cast<int64_t>(o.seconds * 1000));
+  gMeasureFrom = measureFrom.time_since_epoch().count();
+  gUntil = until.time_since_epoch().count();
   if (o.dump.empty()) {
     // Marks for a script sampling the server's CPU over the measured window only.
     std::this_thread::sleep_until(measureFrom);
@@ -397,7 +455,8 @@ int main(int argc, char** argv) {
   nlohmann::json out = {{"ok", totals.ok},
                         {"errors", totals.errors},
                         {"setup_errors", totals.setupErrors},
-                        {"reconnects", totals.reconnects - 0},
+                        {"reconnects", totals.reconnects},
+                        {"retried_on_idle_close", totals.retried},
                         {"seconds", o.seconds},
                         {"rps", totals.ok / o.seconds},
                         {"p50_ms", pct(0.5)},

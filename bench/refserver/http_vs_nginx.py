@@ -5,7 +5,9 @@ errors, the server's threads, resident memory and CPU per request, with the
 ratio to nginx serving the same catalog bytes as a static file.
 
 Each device subscribes to two feeds, then asks for its catalog since a time after
-the newest item (a small incremental reply) as fast as the server answers.
+the newest item (a small incremental reply): every 1-2 s (2-4 s past 1,000
+devices, with the server's keep-alive idle limit raised to 10 s), as devices that
+sync now and then do, or with --interval-ms 0 again as soon as it is answered.
 Devices are spread over 127.0.X.Y source addresses, 50 per address, so the
 server's per-address cap (64) is honoured; past 1,000 devices the total cap is
 raised by flag, which the server documents.
@@ -110,8 +112,8 @@ def write_seed(path, feeds, items, with_bench_account=True):
 
 def serve(server, data, extra=()):
     port = free_port()
-    srv = subprocess.Popen([server, "serve", "--data", data, "--port", str(port), "--no-console",
-                            "--log-level", "warn", *extra],
+    srv = subprocess.Popen([server, "--log-level", "warn", "serve", "--data", data, "--port", str(port),
+                            "--no-console", *extra],
                            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     srv.stdout.readline()  # "listening on ..."
     return srv, port
@@ -132,7 +134,7 @@ def first_sync(server, client, work, seconds):
     print(f"first sync, 20 devices x (20 feeds x 500 items): {r['ok']} catalogs, {r['errors']} errors, "
           f"p50 {r['p50_ms']:.0f} ms, RSS {base:.0f} MB before, {r['rss_mb']:.0f} MB at peak "
           f"(+{r['rss_mb'] - base:.0f} MB), {r['cpu_ms_per_req']:.1f} ms CPU each, "
-          f"{r['threads']} threads")
+          f"{r['threads']} threads" + (f"; first error: {r['first_error']}" if r["first_error"] else ""))
 
 
 def unrelated(server, client, work, seconds, count):
@@ -172,6 +174,10 @@ def main():
     ap.add_argument("--threads-client", type=int, default=2)
     ap.add_argument("--first-sync", action="store_true")
     ap.add_argument("--unrelated", type=int, default=0)
+    ap.add_argument("--server-flags", default="", help="more zsm-server serve flags, space-separated")
+    ap.add_argument("--interval-ms", default="auto",
+                    help="pause after each reply, MIN-MAX ms; 0: closed loop; auto: 1000-2000 up to "
+                         "1,000 devices, 2000-4000 beyond (with --keep-alive-timeout 10)")
     a = ap.parse_args()
     server = os.path.join(a.build, "reference/server/zsm-server")
     client = [os.path.join(a.build, "bench/refserver/refserver_http_load")]
@@ -194,18 +200,21 @@ def main():
         if a.unrelated:
             unrelated(server, client, work, a.seconds, a.unrelated)
         for devices in [int(d) for d in a.devices.split(",") if d]:
-            port = free_port()
             flags = ["--max-connections", str(devices + 2048)] if devices > 2000 else []
-            srv = subprocess.Popen([server, "serve", "--data", data, "--port", str(port),
-                                    "--no-console", "--log-level", "warn", *flags],
-                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-            srv.stdout.readline()  # "listening on ..."
+            interval = a.interval_ms
+            if interval == "auto":
+                interval = "1000-2000" if devices <= 1000 else "2000-4000"
+                if devices > 1000:
+                    flags += ["--keep-alive-timeout", "10"]
+            flags += a.server_flags.split()
+            pacing = ["--interval-ms", interval] if interval != "0" else []
+            srv, port = serve(server, data, flags)
             common = ["--port", str(port), "--devices", str(devices), "--seconds", str(a.seconds),
                       "--threads", str(a.threads_client), "--since", since]
             body = os.path.join(work, "catalog.json")
             subprocess.run(client + common[:2] + ["--devices", "1", "--seconds", "2", "--since", since,
                                                   "--dump", body], check=True)
-            zsm = run_load(client, common, lambda: [srv.pid])
+            zsm = run_load(client, common + pacing, lambda: [srv.pid])
             srv.terminate()
             srv.wait()
 
@@ -234,7 +243,7 @@ http {{
             time.sleep(0.5)
             static = run_load(client, ["--mode", "static", "--path", "/catalog.json", "--port", str(nport),
                                        "--devices", str(devices), "--seconds", str(a.seconds),
-                                       "--threads", str(a.threads_client)],
+                                       "--threads", str(a.threads_client), *pacing],
                               lambda: family(ng.pid))
             ng.terminate()
             ng.wait()

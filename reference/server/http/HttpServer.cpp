@@ -515,8 +515,45 @@ class Connection : public std::enable_shared_from_this<Connection> {
       }
     }
     if (res.stream && request_.method != "HEAD") return Stream(std::move(res));
-    asio::post(socket_.get_executor(), [self = shared_from_this(), res = std::move(res)]() mutable {
-      self->Reply(std::move(res));
+    if (res.file) {
+      asio::post(socket_.get_executor(),
+                 [self = shared_from_this(), res = std::move(res)]() mutable {
+                   self->Reply(std::move(res));
+                 });
+      return;
+    }
+    // A body at hand leaves from here, head and body in one write, without waiting
+    // for an I/O thread; the connection's strand has nothing pending meanwhile. What
+    // the socket does not take at once is written from the strand.
+    const bool keepAlive = KeepAlive();
+    auto out = std::make_shared<std::string>(Head(res, keepAlive, res.body.size()));
+    if (request_.method != "HEAD" && !HasNoBody(res.status)) *out += res.body;
+    size_t sent = 0;
+    bool failed = false;
+    while (sent < out->size()) {
+      const ssize_t n = ::send(socket_.native_handle(), out->data() + sent, out->size() - sent,
+                               MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (n > 0) {
+        sent += static_cast<size_t>(n);
+      } else if (n < 0 && errno == EINTR) {
+        continue;
+      } else {
+        failed = n < 0 && errno != EAGAIN && errno != EWOULDBLOCK;
+        break;
+      }
+    }
+    asio::post(socket_.get_executor(), [self = shared_from_this(), out, sent, failed, keepAlive] {
+      if (failed) return self->Close(true);
+      if (sent == out->size()) return self->Finish(keepAlive);
+      self->head_ = std::move(*out);
+      self->Arm(Clock::now() + self->limits_.writeTimeout);
+      asio::async_write(self->socket_,
+                        asio::buffer(self->head_.data() + sent, self->head_.size() - sent),
+                        [self, keepAlive](boost::system::error_code ec, size_t) {
+                          self->Disarm();
+                          if (ec) return self->Close();
+                          self->Finish(keepAlive);
+                        });
     });
   }
 

@@ -24,7 +24,18 @@ class Statement {
   Statement(sqlite3* db, const char* sql) : db_(db) {
     prepared_ = sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) == SQLITE_OK;
   }
-  ~Statement() { sqlite3_finalize(stmt_); }
+  // Borrows a statement prepared once and kept by its owner (null: failed to
+  // prepare): reset, not finalised, when this ends.
+  Statement(sqlite3* db, sqlite3_stmt* borrowed)
+      : db_(db), stmt_(borrowed), prepared_(borrowed != nullptr), owned_(false) {}
+  ~Statement() {
+    if (owned_) {
+      sqlite3_finalize(stmt_);
+    } else if (stmt_ != nullptr) {
+      sqlite3_reset(stmt_);
+      sqlite3_clear_bindings(stmt_);
+    }
+  }
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
 
@@ -64,6 +75,7 @@ class Statement {
   sqlite3* db_;
   sqlite3_stmt* stmt_ = nullptr;
   bool prepared_ = false;
+  bool owned_ = true;
 };
 
 inline Status Exec(sqlite3* db, const char* sql) {

@@ -117,6 +117,8 @@ constexpr const char* kCatalogFeedItems =
 constexpr const char* kCatalogDirectItems =
     "SELECT uuid, feed, user, created_ms, media_path, metadata FROM items "
     "WHERE feed IS NULL AND user = ?1 AND created_ms > ?2 ORDER BY created_ms, uuid";
+constexpr const char* kBeginRead = "BEGIN";
+constexpr const char* kEndRead = "COMMIT";
 constexpr const char* kFindAccount =
     "SELECT user, public_key, secret FROM accounts WHERE user = ?1";
 constexpr const char* kListSubscriptions =
@@ -169,8 +171,24 @@ Status SqliteStore::Open(const std::filesystem::path& dataDir,
 }
 
 SqliteStore::~SqliteStore() {
-  for (sqlite3* reader : readers_) sqlite3_close(reader);
+  readers_.clear();
   sqlite3_close(db_);
+}
+
+SqliteStore::Reader::~Reader() {
+  for (auto& [sql, statement] : statements) sqlite3_finalize(statement);
+  sqlite3_close(db);
+}
+
+sqlite3_stmt* SqliteStore::ReaderLease::Prepared(const char* sql) {
+  auto [it, added] = reader_->statements.try_emplace(sql, nullptr);
+  if (added && sqlite3_prepare_v3(reader_->db, sql, -1, SQLITE_PREPARE_PERSISTENT, &it->second,
+                                  nullptr) != SQLITE_OK) {
+    sqlite3_finalize(it->second);
+    reader_->statements.erase(it);
+    return nullptr;
+  }
+  return it->second;
 }
 
 // With readersMutex_ held, or before the store is shared.
@@ -185,8 +203,10 @@ Status SqliteStore::OpenReaders(int count) {
       sqlite3_close(reader);
       return s;
     }
-    readers_.push_back(reader);
-    idleReaders_.push_back(reader);
+    auto entry = std::make_unique<Reader>();
+    entry->db = reader;
+    idleReaders_.push_back(entry.get());
+    readers_.push_back(std::move(entry));
   }
   return Status::OK();
 }
@@ -198,14 +218,14 @@ SqliteStore::ReaderLease::ReaderLease(SqliteStore* store) : store_(store) {
     if (!s.ok()) spdlog::warn("cannot open another reading connection: {}", s.ToString());
   }
   store_->readerFree_.wait(lock, [this] { return !store_->idleReaders_.empty(); });
-  db_ = store_->idleReaders_.back();
+  reader_ = store_->idleReaders_.back();
   store_->idleReaders_.pop_back();
 }
 
 SqliteStore::ReaderLease::~ReaderLease() {
   {
     std::lock_guard lock(store_->readersMutex_);
-    store_->idleReaders_.push_back(db_);
+    store_->idleReaders_.push_back(reader_);
   }
   store_->readerFree_.notify_one();
 }
@@ -234,7 +254,7 @@ Status SqliteStore::AddAccount(const Account& account) {
 
 Status SqliteStore::FindAccount(const std::string& user, Account* account) {
   ReaderLease reader(this);
-  Statement st(reader.db(), kFindAccount);
+  Statement st(reader.db(), reader.Prepared(kFindAccount));
   if (!st.prepared()) return st.Error("find account");
   st.Bind(1, user);
   const int rc = st.Step();
@@ -575,7 +595,7 @@ Status SqliteStore::Unsubscribe(const std::string& user, const std::string& devi
 Status SqliteStore::Subscriptions(const std::string& user, const std::string& device,
                                   std::vector<std::string>* feeds) {
   ReaderLease reader(this);
-  Statement st(reader.db(), kListSubscriptions);
+  Statement st(reader.db(), reader.Prepared(kListSubscriptions));
   if (!st.prepared()) return st.Error("list subscriptions");
   st.Bind(1, user).Bind(2, device);
   feeds->clear();
@@ -649,14 +669,22 @@ Status SqliteStore::StreamCatalog(const std::string& user, const std::string& de
                                   CatalogSink* sink) {
   ReaderLease reader(this);
   sqlite3* db = reader.db();
-  Transaction tx(db, false);
-  if (!tx.status().ok()) return tx.status();
+  // One snapshot for every read below.
+  Statement begin(db, reader.Prepared(kBeginRead));
+  if (Status s = Run(begin, "begin"); !s.ok()) return s;
+  struct EndRead {
+    ReaderLease& reader;
+    ~EndRead() {
+      Statement commit(reader.db(), reader.Prepared(kEndRead));
+      (void)Run(commit, "end read");
+    }
+  } endRead{reader};
   const int64_t since = sinceMs.value_or(INT64_MIN);
 
   std::vector<std::string> subscriptions;
   std::map<std::string, FeedRules> rules;
   {
-    Statement st(db, kCatalogSubscriptions);
+    Statement st(db, reader.Prepared(kCatalogSubscriptions));
     if (!st.prepared()) return st.Error("read subscriptions");
     st.Bind(1, user).Bind(2, device);
     int rc;
@@ -670,7 +698,7 @@ Status SqliteStore::StreamCatalog(const std::string& user, const std::string& de
   }
   int64_t newestItemMs = 0;
   {
-    Statement st(db, kNewestItem);
+    Statement st(db, reader.Prepared(kNewestItem));
     if (!st.prepared() || st.Step() != SQLITE_ROW) return st.Error("read newest item");
     newestItemMs = st.Int(0);
   }
@@ -678,7 +706,7 @@ Status SqliteStore::StreamCatalog(const std::string& user, const std::string& de
   if (!s.ok()) return s;
 
   if (subscribedOnly) {
-    Statement st(db, kCatalogSubscribedItems);
+    Statement st(db, reader.Prepared(kCatalogSubscribedItems));
     if (!st.prepared()) return st.Error("read items");
     st.Bind(1, user).Bind(2, device).Bind(3, since);
     std::string feedId;
@@ -702,7 +730,7 @@ Status SqliteStore::StreamCatalog(const std::string& user, const std::string& de
     if (rc != SQLITE_DONE) return st.Error("read items");
   } else {
     std::vector<Feed> feeds;
-    Statement st(db, kCatalogAllFeeds);
+    Statement st(db, reader.Prepared(kCatalogAllFeeds));
     if (!st.prepared()) return st.Error("read feeds");
     int rc;
     while ((rc = st.Step()) == SQLITE_ROW) {
@@ -713,7 +741,7 @@ Status SqliteStore::StreamCatalog(const std::string& user, const std::string& de
       feeds.push_back(std::move(feed));
     }
     if (rc != SQLITE_DONE) return st.Error("read feeds");
-    Statement items(db, kCatalogFeedItems);
+    Statement items(db, reader.Prepared(kCatalogFeedItems));
     if (!items.prepared()) return items.Error("read items");
     for (const auto& feed : feeds) {
       s = sink->BeginFeed(feed);
@@ -729,7 +757,7 @@ Status SqliteStore::StreamCatalog(const std::string& user, const std::string& de
   }
 
   {
-    Statement st(db, kCatalogDirectItems);
+    Statement st(db, reader.Prepared(kCatalogDirectItems));
     if (!st.prepared()) return st.Error("read direct items");
     st.Bind(1, user).Bind(2, since);
     int rc;
@@ -739,7 +767,7 @@ Status SqliteStore::StreamCatalog(const std::string& user, const std::string& de
     }
     if (rc != SQLITE_DONE) return st.Error("read direct items");
   }
-  return tx.Commit();
+  return Status::OK();
 }
 
 Status SqliteStore::ListPushes(const std::string& user, const std::string& device, bool pendingOnly,

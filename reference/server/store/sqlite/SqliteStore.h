@@ -25,6 +25,7 @@
 #include "reference/server/store/Store.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace zolvani::refserver {
 
@@ -152,6 +153,14 @@ class SqliteStore final : public Store {
   Status InitSchema();
   Status OpenReaders(int count);
 
+  // A reading connection and the statements prepared on it, each prepared once:
+  // parsing SQL costs more than running these small queries.
+  struct Reader {
+    sqlite3* db = nullptr;
+    std::map<const char*, sqlite3_stmt*> statements;  // by the SQL text's address
+    ~Reader();
+  };
+
   // A reading connection, handed back when the lease ends.
   class ReaderLease {
    public:
@@ -159,11 +168,13 @@ class SqliteStore final : public Store {
     ~ReaderLease();
     ReaderLease(const ReaderLease&) = delete;
     ReaderLease& operator=(const ReaderLease&) = delete;
-    sqlite3* db() const { return db_; }
+    sqlite3* db() const { return reader_->db; }
+    // `sql` must be a string constant: its address identifies the statement.
+    sqlite3_stmt* Prepared(const char* sql);
 
    private:
     SqliteStore* store_;
-    sqlite3* db_;
+    Reader* reader_;
   };
   // With mutex_ held and a write transaction open: takes `claim`'s signature in the
   // table replay_guard (nothing when null), or fails with Replayed.
@@ -181,8 +192,8 @@ class SqliteStore final : public Store {
   std::filesystem::path dataDir_;
   std::mutex readersMutex_;
   std::condition_variable readerFree_;
-  std::vector<sqlite3*> readers_;      // every reading connection
-  std::vector<sqlite3*> idleReaders_;  // those not leased
+  std::vector<std::unique_ptr<Reader>> readers_;  // every reading connection
+  std::vector<Reader*> idleReaders_;              // those not leased
   std::filesystem::path file_;
   uint64_t fileDevice_ = 0;  // identity of file_ when opened
   uint64_t fileInode_ = 0;
