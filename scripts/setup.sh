@@ -11,6 +11,7 @@ packages=(
   clang libclang-rt-14-dev curl openssl sqlite3 help2man
   libxml2-dev ffmpeg
   libargon2-dev chromium
+  postgresql libpq-dev haproxy
   python3-pytest python3-venv python3-pip python3-setuptools
 )
 

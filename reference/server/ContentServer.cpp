@@ -13,6 +13,7 @@
 #include "reference/server/console/ConsoleSite.h"
 #include "reference/server/media/MediaLibrary.h"
 #include "reference/server/protocol/ProtocolHandler.h"
+#include "reference/server/store/postgres/PgStore.h"
 #include "reference/server/store/sqlite/SqliteStore.h"
 
 namespace zolvani::refserver {
@@ -21,6 +22,8 @@ namespace {
 
 void SendJson(httplib::Response& res, int status, const nlohmann::json& body) {
   res.status = status;
+  // 503 is only answered while the store cannot serve; a second later it may.
+  if (status == 503) res.set_header("Retry-After", "1");
   res.set_content(body.dump(), "application/json");
 }
 
@@ -74,8 +77,19 @@ Status ContentServer::Create(ServerOptions options, std::unique_ptr<ContentServe
                            ? std::string(host)
                            : std::string("node");
   }
-  std::unique_ptr<SqliteStore> store;
-  Status s = SqliteStore::Open(options.dataDir, &store);
+  std::unique_ptr<Store> store;
+  Status s;
+  if (options.databaseUrl.empty()) {
+    std::unique_ptr<SqliteStore> sqlite;
+    s = SqliteStore::Open(options.dataDir, &sqlite);
+    store = std::move(sqlite);
+  } else {
+    PgStoreOptions pg;
+    pg.pool.size = options.databasePool;
+    std::unique_ptr<PgStore> postgres;
+    s = PgStore::Open(options.databaseUrl, pg, &postgres);
+    store = std::move(postgres);
+  }
   if (!s.ok()) return s;
   std::unique_ptr<ConsoleStore> consoleStore;
   if (options.console) {

@@ -34,7 +34,12 @@ class MediaLibrary;
 class ProtocolHandler;
 
 struct ServerOptions {
-  std::filesystem::path dataDir;  // holds server.sqlite and the media folder
+  // Holds server.sqlite and the media folder; with a database only the media folder.
+  std::filesystem::path dataDir;
+  // A PostgreSQL URL ("postgresql://user@host:port/db") that replicas share; empty:
+  // the embedded SQLite store in dataDir.
+  std::string databaseUrl;
+  int databasePool = 8;  // connections to the database per server
   std::string address = "127.0.0.1";
   int port = 0;  // 0: any free port; see ContentServer::port()
   // How devices reach this server, "http://host:port", used for media URLs in the

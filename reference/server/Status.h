@@ -20,6 +20,7 @@ class Status {
     kAlreadyExists,       // the thing to add is there already
     kPermissionDenied,    // the caller may not do this
     kFailedPrecondition,  // the target is not in a state that allows it
+    kUnavailable,         // a shared resource (the database) cannot serve now; try again
     kReplayed             // a signed change whose signature was accepted before
   };
 
@@ -46,6 +47,9 @@ class Status {
     return Status(Kind::kFailedPrecondition, std::move(message));
   }
 
+  static Status Unavailable(std::string message) {
+    return Status(Kind::kUnavailable, std::move(message));
+  }
   static Status Replayed(std::string message) {
     return Status(Kind::kReplayed, std::move(message));
   }
@@ -56,6 +60,7 @@ class Status {
   bool IsAlreadyExists() const { return kind_ == Kind::kAlreadyExists; }
   bool IsPermissionDenied() const { return kind_ == Kind::kPermissionDenied; }
   bool IsFailedPrecondition() const { return kind_ == Kind::kFailedPrecondition; }
+  bool IsUnavailable() const { return kind_ == Kind::kUnavailable; }
   bool IsReplayed() const { return kind_ == Kind::kReplayed; }
   Kind kind() const { return kind_; }
   const std::string& message() const { return message_; }
@@ -79,6 +84,8 @@ class Status {
         return "Permission denied: " + message_;
       case Kind::kFailedPrecondition:
         return "Failed precondition: " + message_;
+      case Kind::kUnavailable:
+        return "Unavailable: " + message_;
       case Kind::kReplayed:
         return "Replayed: " + message_;
     }

@@ -16,6 +16,9 @@
 #include "reference/server/admin/ConsoleStore.h"
 #include "reference/server/admin/PasswordHasher.h"
 #include "reference/server/media/SampleGenerator.h"
+#include "reference/server/store/postgres/PgImport.h"
+#include "reference/server/store/postgres/PgSchema.h"
+#include "reference/server/store/postgres/PgStore.h"
 #include "reference/server/store/sqlite/SqliteStore.h"
 
 namespace {
@@ -45,8 +48,23 @@ std::optional<spdlog::level::level_enum> LogLevel(const std::string& text) {
   return spdlog::level::debug;
 }
 
-Status OpenStore(const std::string& dataDir, std::unique_ptr<SqliteStore>* store) {
-  return SqliteStore::Open(dataDir, store);
+// The PostgreSQL store at `databaseUrl` when one is given, else the SQLite store
+// in `dataDir`.
+Status OpenStore(const std::string& dataDir, const std::string& databaseUrl,
+                 std::unique_ptr<Store>* store) {
+  if (!databaseUrl.empty()) {
+    std::unique_ptr<PgStore> pg;
+    PgStoreOptions options;
+    options.pool.size = 1;  // one command, one connection
+    Status s = PgStore::Open(databaseUrl, options, &pg);
+    if (s.ok()) *store = std::move(pg);
+    return s;
+  }
+  if (dataDir.empty()) return Status::InvalidArgument("--data or --database is required");
+  std::unique_ptr<SqliteStore> sqlite;
+  Status s = SqliteStore::Open(dataDir, &sqlite);
+  if (s.ok()) *store = std::move(sqlite);
+  return s;
 }
 
 Status Generate(const std::string& dataDir, Store* store) {
@@ -67,6 +85,8 @@ Status Generate(const std::string& dataDir, Store* store) {
 }
 
 struct ServeFlags {
+  std::string databaseUrl;
+  int databasePool = 8;
   std::string address = "127.0.0.1";
   int port = 0;
   std::string seedFile;
@@ -97,6 +117,8 @@ int Serve(const std::string& dataDir, const ServeFlags& flags) {
 
   ServerOptions options;
   options.dataDir = dataDir;
+  options.databaseUrl = flags.databaseUrl;
+  options.databasePool = flags.databasePool;
   options.address = flags.address;
   options.port = flags.port;
   options.publicUrl = flags.publicUrl;
@@ -191,13 +213,23 @@ int main(int argc, char** argv) {
           "LEVEL"));
 
   std::string dataDir;
-  auto addData = [&dataDir](CLI::App* cmd) {
-    cmd->add_option("--data", dataDir, "data folder (server.sqlite, media/)")->required();
+  std::string databaseUrl;
+  // Every command works on the SQLite store of a data folder, or on a PostgreSQL
+  // database that replicas share.
+  auto addData = [&dataDir, &databaseUrl](CLI::App* cmd) {
+    cmd->add_option("--data", dataDir,
+                    "data folder (server.sqlite, media/); with --database only media/");
+    cmd->add_option("--database", databaseUrl,
+                    "PostgreSQL URL (postgresql://user@host:port/db) of a shared store")
+        ->envname("ZSM_DATABASE_URL");
   };
 
   auto* serve = app.add_subcommand("serve", "serve the protocol and the media folder");
   addData(serve);
   ServeFlags flags;
+  serve->add_option("--db-pool", flags.databasePool, "connections to the database (--database)")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000));
   serve->add_option("--address", flags.address, "address to listen on")->capture_default_str();
   serve->add_option("--port", flags.port, "port; 0 picks a free one")
       ->capture_default_str()
@@ -347,6 +379,23 @@ int main(int argc, char** argv) {
   listPushes->add_flag("--all", all, "include notices already delivered");
   listPushes->add_flag("--consume", consume, "mark the listed notices delivered");
 
+  auto* migrate =
+      app.add_subcommand("migrate", "bring a PostgreSQL database to the schema this program needs");
+  std::string migrateUrl;
+  migrate->add_option("--database", migrateUrl, "PostgreSQL URL")
+      ->envname("ZSM_DATABASE_URL")
+      ->required();
+
+  auto* importSqlite = app.add_subcommand(
+      "import-sqlite", "copy a data folder's SQLite store into an empty PostgreSQL database");
+  std::string importData, importUrl;
+  importSqlite->add_option("--data", importData, "data folder holding server.sqlite")
+      ->required()
+      ->check(CLI::ExistingDirectory);
+  importSqlite->add_option("--database", importUrl, "PostgreSQL URL, migrated")
+      ->envname("ZSM_DATABASE_URL")
+      ->required();
+
   CLI11_PARSE(app, argc, argv);
   spdlog::set_level(*LogLevel(logLevel));
   if (serve->parsed() && !flags.nodeName.empty()) {
@@ -354,10 +403,32 @@ int main(int argc, char** argv) {
     spdlog::set_pattern("[%Y-%m-%d %H:%M:%S.%e] [" + flags.nodeName + "] [%^%l%$] %v");
   }
 
+  if (migrate->parsed()) {
+    int from = 0, to = 0;
+    Status s = PgSchema::Migrate(migrateUrl, &from, &to);
+    if (!s.ok()) return Fail(s);
+    std::cout << (from == to ? "schema already at version " + std::to_string(to)
+                             : "schema migrated from version " + std::to_string(from) + " to " +
+                                   std::to_string(to))
+              << "\n";
+    return 0;
+  }
+  if (importSqlite->parsed()) {
+    ImportSummary summary;
+    Status s = ImportSqlite(importData, importUrl, &summary);
+    if (!s.ok()) return Fail(s);
+    std::cout << summary.ToString() << "\n";
+    return 0;
+  }
+  if (dataDir.empty() && (serve->parsed() || setPassword->parsed() || generateCmd->parsed())) {
+    return Fail(Status::InvalidArgument(
+        "--data is required: it holds the media folder (and, without --database, the store)"));
+  }
+  flags.databaseUrl = databaseUrl;
   if (serve->parsed()) return Serve(dataDir, flags);
   if (setPassword->parsed()) return SetConsolePassword(dataDir);
-  std::unique_ptr<SqliteStore> store;
-  Status s = OpenStore(dataDir, &store);
+  std::unique_ptr<Store> store;
+  Status s = OpenStore(dataDir, databaseUrl, &store);
   if (!s.ok()) return Fail(s);
   const int64_t now = ContentServer::WallClockMs();
   if (addAccount->parsed()) {
@@ -380,7 +451,7 @@ int main(int argc, char** argv) {
     item.feed = itemFeed;
     item.user = itemUser;
     std::vector<PushNotice> notices;
-    if (s.ok() && !itemMedia.empty() &&
+    if (s.ok() && !itemMedia.empty() && !dataDir.empty() &&
         !std::filesystem::is_regular_file(std::filesystem::path(dataDir) / "media" / itemMedia)) {
       spdlog::warn("{} is not in {}/media yet; devices will get 404 until it is", itemMedia,
                    dataDir);

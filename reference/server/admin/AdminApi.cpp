@@ -44,6 +44,8 @@ AdminReply FromStatus(const Status& s) {
     case Status::Kind::kPermissionDenied:
     case Status::Kind::kReplayed:
       return Error(403, s.message());
+    case Status::Kind::kUnavailable:
+      return Error(503, s.message());
     case Status::Kind::kIOError:
     case Status::Kind::kCorruption:
       break;

@@ -33,6 +33,12 @@ ProtocolReply Forbidden(const std::string& why) {
 }
 
 ProtocolReply InternalError(const Status& s) {
+  if (s.IsUnavailable()) {
+    // The database is busy or out of reach: a device retries later, as it does
+    // for a server that is overloaded.
+    spdlog::warn("store unavailable: {}", s.message());
+    return {503, {{"response_header", Header(503, "Service unavailable")}}};
+  }
   spdlog::error("store failure: {}", s.ToString());
   return {500, {{"response_header", Header(500, "Internal server error")}}};
 }
@@ -151,6 +157,9 @@ ProtocolReply ProtocolHandler::Handle(const ProtocolRequest& request) {
   const auto verdict = auth_.Check(input, nowMs / 1000);
   if (verdict == RequestAuthenticator::Verdict::kStoreFailure) {
     return InternalError(Status::IOError("account lookup"));
+  }
+  if (verdict == RequestAuthenticator::Verdict::kStoreUnavailable) {
+    return InternalError(Status::Unavailable("account lookup"));
   }
   if (verdict != RequestAuthenticator::Verdict::kAccepted) {
     spdlog::info("refused {} from {}/{}: {}", request.endpoint, input.header.userId,

@@ -50,6 +50,7 @@ RequestAuthenticator::Verdict RequestAuthenticator::Check(const AuthenticationIn
   Account account;
   Status s = store_->FindAccount(input.header.userId, &account);
   if (s.IsNotFound()) return Verdict::kUnknownAccount;
+  if (s.IsUnavailable()) return Verdict::kStoreUnavailable;
   if (!s.ok()) return Verdict::kStoreFailure;
   if (!RequestSigner::ConstantTimeEquals(RequestSigner::Base64(account.publicKey),
                                          input.header.key)) {
@@ -114,6 +115,8 @@ const char* RequestAuthenticator::Describe(Verdict verdict) {
       return "signature already used";
     case Verdict::kStoreFailure:
       return "store failure";
+    case Verdict::kStoreUnavailable:
+      return "store unavailable";
   }
   return "refused";
 }

@@ -42,7 +42,8 @@ class RequestAuthenticator {
     kStale,
     kBadSignature,
     kReplayed,
-    kStoreFailure
+    kStoreFailure,
+    kStoreUnavailable  // the store is busy or out of reach for now
   };
 
   RequestAuthenticator(Store* store, int64_t windowSeconds)

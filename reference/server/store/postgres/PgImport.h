@@ -1,0 +1,30 @@
+// ImportSqlite: copies a data folder's SQLite store (server.sqlite) into an empty,
+// migrated PostgreSQL database, so that a server that outgrew one machine moves
+// to replicas keeping every account, device, feed, item, subscription, rule,
+// grant and push notice (push notice ids kept, their sequence moved past them).
+//
+// One transaction: a failure leaves the database as it was. The SQLite file is
+// only read. Thread-safe (no shared state).
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include "reference/server/Status.h"
+
+namespace zolvani::refserver {
+
+struct ImportSummary {
+  std::map<std::string, int64_t> rows;  // table -> rows copied
+  std::string ToString() const;
+};
+
+// Fails with FailedPrecondition when the database already holds accounts, feeds,
+// items or devices (an import never merges), and with NotFound when the folder has
+// no server.sqlite.
+Status ImportSqlite(const std::filesystem::path& dataDir, const std::string& url,
+                    ImportSummary* summary);
+
+}  // namespace zolvani::refserver
