@@ -494,10 +494,11 @@ Status PgStore::ReadCatalog(const std::string& user, const std::string& device,
     for (int i = 0; i < direct.rows(); ++i) read.directItems.push_back(ReadItem(direct, i));
 
     // Never newer than the database's now: an item stamped by a client clock ahead
-    // of it must not carry last_updated past items still to come.
+    // of it must not carry last_updated past items still to come. With no item at
+    // all it is 0 (LEAST ignores a NULL, which would make it now).
     PgResult newest;
     st = lease.Exec("read newest item",
-                    "SELECT COALESCE(LEAST(MAX(created_ms), " ZSM_PG_NOW_MS "), 0) FROM items", {},
+                    "SELECT LEAST(COALESCE(MAX(created_ms), 0), " ZSM_PG_NOW_MS ") FROM items", {},
                     &newest);
     if (!st.ok()) return st;
     read.newestItemMs = newest.Int(0, 0);
