@@ -8,7 +8,7 @@ packages=(
   nlohmann-json3-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev
   libfmt-dev uuid-dev libcpp-httplib-dev libcli11-dev libspdlog-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev curl sqlite3 help2man
+  clang libclang-rt-14-dev curl openssl sqlite3 help2man
   libxml2-dev ffmpeg
   libargon2-dev chromium
   postgresql libpq-dev haproxy

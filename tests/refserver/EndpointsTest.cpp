@@ -222,10 +222,10 @@ TEST_F(EndpointsTest, AStoredItemBeyondTheMetadataLimitsReachesCatalogsTrimmed) 
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open((dir_ / "server.sqlite").c_str(), &db), SQLITE_OK);
   sqlite3_busy_timeout(db, 5000);
-  const std::string deep =
-      "{\"title\":\"Old\",\"downloadURL\":\"http://cdn.test/old.mp4\","
-      "\"mediaType\":0,\"duration\":" +
-      std::string(70000, '[') + std::string(70000, ']') + ",\"desc\":\"kept\"}";
+  const std::string deep = "{\"title\":\"Old\",\"downloadURL\":\"http://cdn.test/old.mp4\","
+                           "\"mediaType\":0,\"duration\":" +
+                           std::string(70000, '[') + std::string(70000, ']') +
+                           ",\"desc\":\"kept\"}";
   sqlite3_stmt* st = nullptr;
   ASSERT_EQ(sqlite3_prepare_v2(db,
                                "INSERT INTO items (uuid, feed, user, created_ms, media_path, "

@@ -43,8 +43,7 @@ std::filesystem::path TempFile(const std::string& stem) {
 
 // Spawns zsm-server with `args`, standard output into a pipe (its read end in
 // `outFd`) and standard error into `errFile`.
-pid_t Spawn(const std::vector<std::string>& args, int* outFd,
-            const std::filesystem::path& errFile) {
+pid_t Spawn(const std::vector<std::string>& args, int* outFd, const std::filesystem::path& errFile) {
   int pipeFds[2];
   if (::pipe2(pipeFds, O_CLOEXEC) != 0) return -1;
   const int errFd = ::open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -105,8 +104,7 @@ std::unique_ptr<ServerProcess> ServerProcess::Start(const std::filesystem::path&
   }
   server->outFd_ = outFd;  // kept open: the server must not meet a closed pipe
   const size_t at = out.find(marker);
-  const size_t colon =
-      at == std::string::npos ? std::string::npos : out.find(':', at + marker.size());
+  const size_t colon = at == std::string::npos ? std::string::npos : out.find(':', at + marker.size());
   if (colon == std::string::npos) {
     *error = "no \"listening on\" line; stdout: " + out + " stderr: " + server->Log();
     server->Stop(std::chrono::seconds(2));
@@ -297,8 +295,7 @@ std::optional<HttpReply> RawConnection::ReadReply(std::chrono::milliseconds time
       const std::string length = reply.header("Content-Length");
       const size_t want = length.empty() ? 0 : std::stoul(length);
       while (buffer_.size() < headEnd + 4 + want && Clock::now() < deadline) {
-        if (!Receive(
-                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now())))
+        if (!Receive(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now())))
           break;
       }
       if (buffer_.size() < headEnd + 4 + want) return std::nullopt;
@@ -307,8 +304,7 @@ std::optional<HttpReply> RawConnection::ReadReply(std::chrono::milliseconds time
       reply.json = nlohmann::json::parse(reply.body, nullptr, false);
       return reply;
     }
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0 || !Receive(left)) return std::nullopt;
   }
 }
@@ -316,8 +312,7 @@ std::optional<HttpReply> RawConnection::ReadReply(std::chrono::milliseconds time
 bool RawConnection::ClosedWithin(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
   while (!peerClosed_) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) return false;
     Receive(left);
   }
@@ -394,10 +389,9 @@ std::string Device::Target(int port, const std::string& endpoint, const std::str
 
 std::string Device::Request(int port, const std::string& endpoint, const std::string& body,
                             const std::string& extraHeaders) const {
-  return "POST " + Target(port, endpoint, body) +
-         " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
-         "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
-         "\r\n" + extraHeaders + "\r\n" + body;
+  return "POST " + Target(port, endpoint, body) + " HTTP/1.1\r\nHost: 127.0.0.1:" +
+         std::to_string(port) + "\r\nContent-Type: application/json\r\nContent-Length: " +
+         std::to_string(body.size()) + "\r\n" + extraHeaders + "\r\n" + body;
 }
 
 HttpReply Device::Call(int port, const std::string& endpoint, const nlohmann::json& members,
