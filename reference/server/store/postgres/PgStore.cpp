@@ -497,10 +497,11 @@ Status PgStore::ReadCatalog(const std::string& user, const std::string& device,
     // of it must not carry last_updated past items still to come.
     PgResult newest;
     st = lease.Exec("read newest item",
-                    "SELECT COALESCE(LEAST(MAX(created_ms), " ZSM_PG_NOW_MS "), 0) FROM items", {},
+                    "SELECT COALESCE(MAX(created_ms), 0), " ZSM_PG_NOW_MS " FROM items", {},
                     &newest);
     if (!st.ok()) return st;
-    read.newestItemMs = newest.Int(0, 0);
+    // 0 when there is no item, as in every store.
+    read.newestItemMs = std::min(newest.Int(0, 0), newest.Int(0, 1));
     return Status::OK();
   });
   if (!s.ok()) return s;
