@@ -1,6 +1,7 @@
 #include "tests/scaleout/PgCluster.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <libpq-fe.h>
 #include <netinet/in.h>
 #include <pwd.h>
@@ -8,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -113,6 +115,7 @@ Status PgCluster::Start(std::unique_ptr<PgCluster>* cluster) {
             log) == 0;
   }
   if (!made->running_) return Status::IOError("PostgreSQL did not start: " + made->Log());
+  made->StartWatchdog();
   *cluster = std::move(made);
   return Status::OK();
 }
@@ -128,7 +131,40 @@ Status PgCluster::Stop() {
   return Status::OK();
 }
 
+void PgCluster::StartWatchdog() {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return;
+  const pid_t pid = fork();
+  if (pid < 0) {
+    close(fds[0]);
+    close(fds[1]);
+    return;
+  }
+  if (pid == 0) {
+    // Called while the test program runs one thread; the child only waits.
+    close(fds[1]);
+    char c;
+    while (read(fds[0], &c, 1) != 0) {
+      if (errno != EINTR) break;
+    }
+    Stop();
+    std::error_code ec;
+    std::filesystem::remove_all(folder_, ec);
+    _exit(0);
+  }
+  close(fds[0]);
+  watchdogFd_ = fds[1];
+  watchdog_ = pid;
+}
+
 PgCluster::~PgCluster() {
+  if (watchdog_ > 0) {
+    // The watchdog stops the cluster and deletes the folder.
+    close(watchdogFd_);
+    int status = 0;
+    waitpid(watchdog_, &status, 0);
+    return;
+  }
   Stop();
   std::error_code ec;
   if (!folder_.empty()) std::filesystem::remove_all(folder_, ec);

@@ -8,6 +8,8 @@
 // makes are used from any number of threads and processes.
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -39,9 +41,15 @@ class PgCluster {
   PgCluster() = default;
   Status Stop();
 
+  // Starts the process that stops the cluster and deletes its folder once this
+  // process is gone, however it ends (a crash, a kill by the test runner).
+  void StartWatchdog();
+
   std::filesystem::path folder_;
   int port_ = 0;
   bool running_ = false;
+  int watchdogFd_ = -1;  // the watchdog waits for this pipe to close
+  pid_t watchdog_ = -1;
 };
 
 // Where PostgreSQL 15's programs are.

@@ -221,6 +221,48 @@ TEST_F(PgRaceTest, NoPushNoticeOutlivesItsItem) {
   }
 }
 
+TEST_F(PgRaceTest, TwoEditorsOfOneFeedOrOneDeviceNeverOverwriteEachOther) {
+  ASSERT_TRUE(a_->Subscribe("alice", "d", "f1").ok());
+  Feed seen;
+  ASSERT_TRUE(a_->FindFeed("f1", &seen).ok());
+  for (int round = 0; round < 20; ++round) {
+    // Two consoles on two replicas save different edits of what both read.
+    Feed mine = seen, theirs = seen;
+    mine.title = "mine " + std::to_string(round);
+    mine.defaults.maxAssets = 200 + round;
+    theirs.title = "theirs " + std::to_string(round);
+    theirs.defaults.maxAssets = 300 + round;
+    Status sa, sb;
+    int64_t na = -1, nb = -1;
+    AtOnce([&] { sa = a_->UpdateFeed(seen, mine, true, &na); },
+           [&] { sb = b_->UpdateFeed(seen, theirs, true, &nb); });
+    ASSERT_TRUE(sa.ok() != sb.ok()) << sa.ToString() << " / " << sb.ToString();
+    EXPECT_TRUE((sa.ok() ? sb : sa).IsFailedPrecondition());
+    const Feed& winner = sa.ok() ? mine : theirs;
+    EXPECT_EQ(sa.ok() ? na : nb, 1);
+    ASSERT_TRUE(a_->FindFeed("f1", &seen).ok());
+    EXPECT_EQ(seen.title, winner.title);
+    CatalogSnapshot snapshot;
+    ASSERT_TRUE(a_->ReadCatalog("alice", "d", std::nullopt, true, &snapshot).ok());
+    EXPECT_EQ(snapshot.rules["f1"].maxAssets, winner.defaults.maxAssets)
+        << "the subscriber's rules come from the edit that was kept";
+
+    const FeedRules before = snapshot.rules["f1"];
+    FeedRules r1 = before, r2 = before;
+    r1.maxAssets = 1;
+    r2.maxAssets = 2;
+    AtOnce([&] { sa = a_->UpdateRules("alice", "d", "f1", before, r1); },
+           [&] { sb = b_->UpdateRules("alice", "d", "f1", before, r2); });
+    ASSERT_TRUE(sa.ok() != sb.ok()) << sa.ToString() << " / " << sb.ToString();
+    EXPECT_TRUE((sa.ok() ? sb : sa).IsFailedPrecondition());
+  }
+  EXPECT_TRUE(a_->UpdateFeed(seen, seen, false, nullptr).ok());
+  Feed unknown = seen;
+  unknown.id = "nope";
+  EXPECT_TRUE(a_->UpdateFeed(unknown, unknown, false, nullptr).IsNotFound());
+  EXPECT_TRUE(a_->UpdateRules("alice", "d", "nope", {}, {}).IsNotFound());
+}
+
 TEST_F(PgRaceTest, ASignatureIsAdmittedOnceAcrossReplicas) {
   for (int round = 0; round < 30; ++round) {
     const SignatureClaim claim{"sig-" + std::to_string(round), 2000, 1000};

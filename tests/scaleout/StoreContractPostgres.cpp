@@ -1,10 +1,7 @@
-// The store contract run against PgStore: each test gets a migrated database of its
-// own on the program's throwaway cluster, and each handle is a pool of its own, as
-// each replica has.
+// The store contract run against PgStore; another handle is another replica's
+// pool on the same database, in the program's throwaway cluster.
 #include <atomic>
-#include <string>
 
-#include "reference/server/store/postgres/PgStore.h"
 #include "tests/refserver/store/StoreContract.h"
 #include "tests/scaleout/PgTestSupport.h"
 
@@ -14,16 +11,16 @@ namespace {
 class PostgresFactory : public StoreFactory {
  public:
   Status Prepare() override {
-    static std::atomic<int> made{0};
+    static std::atomic<int> next{0};
     std::string error;
     PgCluster* cluster = SharedPgCluster(&error);
-    if (cluster == nullptr) return Status::IOError("PostgreSQL is required: " + error);
-    return cluster->CreateMigratedDatabase("contract_" + std::to_string(++made), &url_);
+    if (cluster == nullptr) return Status::Unavailable("PostgreSQL is required: " + error);
+    return cluster->CreateMigratedDatabase("contract_" + std::to_string(next++), &url_);
   }
   Status Open(std::unique_ptr<Store>* store) override {
+    std::unique_ptr<PgStore> opened;
     PgStoreOptions options;
     options.pool.size = 4;
-    std::unique_ptr<PgStore> opened;
     Status s = PgStore::Open(url_, options, &opened);
     if (s.ok()) *store = std::move(opened);
     return s;

@@ -494,14 +494,14 @@ Status PgStore::ReadCatalog(const std::string& user, const std::string& device,
     for (int i = 0; i < direct.rows(); ++i) read.directItems.push_back(ReadItem(direct, i));
 
     // Never newer than the database's now: an item stamped by a client clock ahead
-    // of it must not carry last_updated past items still to come. With no item at
-    // all it is 0 (LEAST ignores a NULL, which would make it now).
+    // of it must not carry last_updated past items still to come.
     PgResult newest;
     st = lease.Exec("read newest item",
-                    "SELECT LEAST(COALESCE(MAX(created_ms), 0), " ZSM_PG_NOW_MS ") FROM items", {},
+                    "SELECT COALESCE(MAX(created_ms), 0), " ZSM_PG_NOW_MS " FROM items", {},
                     &newest);
     if (!st.ok()) return st;
-    read.newestItemMs = newest.Int(0, 0);
+    // 0 when there is no item, as in every store.
+    read.newestItemMs = std::min(newest.Int(0, 0), newest.Int(0, 1));
     return Status::OK();
   });
   if (!s.ok()) return s;
@@ -779,6 +779,72 @@ Status PgStore::ReadTraffic(int64_t sinceMinute, bool perMinute,
 Status PgStore::Ping() {
   PgResult r;
   return pool_.Run("ping", "SELECT 1", {}, &r);
+}
+
+Status PgStore::UpdateFeed(const Feed& expected, const Feed& updated, bool applyToSubscribers,
+                           int64_t* changed) {
+  if (changed != nullptr) *changed = 0;
+  int64_t count = 0;
+  Status s = pool_.Transact(PgIsolation::kSerializable, [&](PgLease& lease) -> Status {
+    count = 0;
+    Feed current;
+    Status st = FindFeedIn(lease, updated.id, &current);
+    if (!st.ok()) return st;
+    if (current.title != expected.title || current.subscribable != expected.subscribable ||
+        current.defaults.maxAssets != expected.defaults.maxAssets ||
+        current.defaults.autoDelete != expected.defaults.autoDelete ||
+        current.defaults.maxBitrate != expected.defaults.maxBitrate) {
+      return Status::FailedPrecondition("feed " + updated.id + " changed since it was read");
+    }
+    st = lease.Exec("update feed",
+                    "UPDATE feeds SET title = $2, subscribable = $3, max_assets = $4, "
+                    "auto_delete = $5, max_bitrate = $6 WHERE id = $1",
+                    {updated.id, updated.title, updated.subscribable, updated.defaults.maxAssets,
+                     updated.defaults.autoDelete, updated.defaults.maxBitrate});
+    if (!st.ok() || !applyToSubscribers) return st;
+    PgResult r;
+    st = lease.Exec("set subscribers' rules",
+                    "INSERT INTO rules (user_id, device, feed, max_assets, auto_delete, "
+                    "max_bitrate) SELECT user_id, device, feed, $2, $3, $4 FROM subscriptions "
+                    "WHERE feed = $1 ON CONFLICT (user_id, device, feed) DO UPDATE SET "
+                    "max_assets = EXCLUDED.max_assets, auto_delete = EXCLUDED.auto_delete, "
+                    "max_bitrate = EXCLUDED.max_bitrate",
+                    {updated.id, updated.defaults.maxAssets, updated.defaults.autoDelete,
+                     updated.defaults.maxBitrate},
+                    &r);
+    if (!st.ok()) return st;
+    count = r.affected();
+    return Status::OK();
+  });
+  if (s.ok() && changed != nullptr) *changed = count;
+  return s;
+}
+
+Status PgStore::UpdateRules(const std::string& user, const std::string& device,
+                            const std::string& feedId, const FeedRules& expected,
+                            const FeedRules& rules) {
+  return pool_.Transact(PgIsolation::kSerializable, [&](PgLease& lease) -> Status {
+    PgResult r;
+    Status st = lease.Exec("read rules",
+                           "SELECT COALESCE(r.max_assets, f.max_assets), COALESCE(r.auto_delete, "
+                           "f.auto_delete), COALESCE(r.max_bitrate, f.max_bitrate) FROM feeds f "
+                           "LEFT JOIN rules r ON r.user_id = $1 AND r.device = $2 AND "
+                           "r.feed = f.id WHERE f.id = $3",
+                           {user, device, feedId}, &r);
+    if (!st.ok()) return st;
+    if (r.rows() == 0) return Status::NotFound("unknown feed " + feedId);
+    if (r.Int(0, 0) != expected.maxAssets || r.Bool(0, 1) != expected.autoDelete ||
+        r.Int(0, 2) != expected.maxBitrate) {
+      return Status::FailedPrecondition("the rules of " + user + "/" + device + " for " + feedId +
+                                        " changed since they were read");
+    }
+    return lease.Exec("set rules",
+                      "INSERT INTO rules (user_id, device, feed, max_assets, auto_delete, "
+                      "max_bitrate) VALUES ($1, $2, $3, $4, $5, $6) ON CONFLICT (user_id, device, "
+                      "feed) DO UPDATE SET max_assets = EXCLUDED.max_assets, "
+                      "auto_delete = EXCLUDED.auto_delete, max_bitrate = EXCLUDED.max_bitrate",
+                      {user, device, feedId, rules.maxAssets, rules.autoDelete, rules.maxBitrate});
+  });
 }
 
 }  // namespace zolvani::refserver

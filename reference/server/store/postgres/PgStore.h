@@ -80,6 +80,18 @@ class PgStore final : public Store {
                                 int64_t* changed) override;
   Status AddPushNotice(const std::string& user, const std::string& device,
                        const std::string& itemUuid, int64_t nowMs, PushNotice* notice) override;
+
+  // The console's edits made from what the editor saw (compare and set, in one
+  // serializable transaction, so that of two editors on two replicas the second
+  // fails with FailedPrecondition instead of overwriting the first). UpdateFeed
+  // replaces the feed's title, flag and defaults while they equal `expected`'s and,
+  // with `applyToSubscribers`, gives every subscribed device the new defaults;
+  // UpdateRules sets one device's rules while the rules its catalog reports equal
+  // `expected`. NotFound for an unknown feed.
+  Status UpdateFeed(const Feed& expected, const Feed& updated, bool applyToSubscribers,
+                    int64_t* changed);
+  Status UpdateRules(const std::string& user, const std::string& device, const std::string& feed,
+                     const FeedRules& expected, const FeedRules& rules);
   Status ListPushes(const std::string& user, const std::string& device, bool pendingOnly,
                     bool markDelivered, std::vector<PushNotice>* notices) override;
 
