@@ -55,6 +55,7 @@ LoadReply DeviceClient::Send(const SignedPost& post) {
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   if (!result) return reply;
   reply.status = result->status;
+  reply.retryAfter = result->get_header_value("Retry-After");
   reply.body = nlohmann::json::parse(result->body, nullptr, false);
   return reply;
 }

@@ -21,8 +21,9 @@ namespace zolvani::refserver::testing {
 struct LoadReply {
   int status = 0;  // 0: no reply (the connection failed or was closed)
   nlohmann::json body;
-  double ms = 0;     // round trip
-  int code() const;  // "response_header"."response_code", -999 when absent
+  double ms = 0;           // round trip
+  std::string retryAfter;  // the Retry-After header, when sent
+  int code() const;        // "response_header"."response_code", -999 when absent
   bool ok() const { return status == 200 && code() == 0; }
 };
 

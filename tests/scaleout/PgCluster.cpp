@@ -105,18 +105,36 @@ Status PgCluster::Start(std::unique_ptr<PgCluster>* cluster) {
   // A port found free can be taken before the server binds it: try a few.
   for (int attempt = 0; attempt < 5 && !made->running_; ++attempt) {
     made->port_ = FreeLoopbackPort();
-    const std::string options = "-c listen_addresses=127.0.0.1 -p " + std::to_string(made->port_) +
-                                " -k " + made->folder_.string() +
-                                " -c fsync=off -c synchronous_commit=off -c full_page_writes=off"
-                                " -c max_connections=200";
-    made->running_ =
-        Run({(bin / "pg_ctl").string(), "-D", data.string(), "-l",
-             (made->folder_ / "server.log").string(), "-w", "-t", "30", "-o", options, "start"},
-            log) == 0;
+    made->Resume();
   }
   if (!made->running_) return Status::IOError("PostgreSQL did not start: " + made->Log());
   made->StartWatchdog();
   *cluster = std::move(made);
+  return Status::OK();
+}
+
+Status PgCluster::Resume() {
+  if (running_) return Status::OK();
+  const std::string options = "-c listen_addresses=127.0.0.1 -p " + std::to_string(port_) + " -k " +
+                              folder_.string() +
+                              " -c fsync=off -c synchronous_commit=off -c full_page_writes=off"
+                              " -c max_connections=200";
+  running_ = Run({(PgBinDir() / "pg_ctl").string(), "-D", (folder_ / "data").string(), "-l",
+                  (folder_ / "server.log").string(), "-w", "-t", "30", "-o", options, "start"},
+                 folder_ / "setup.log") == 0;
+  return running_ ? Status::OK() : Status::IOError("PostgreSQL did not start: " + Log());
+}
+
+Status PgCluster::Pause() {
+  // A clean stop: with synchronous_commit off, an immediate one could lose the
+  // last commits, which an outage of a real database does not.
+  if (!running_) return Status::OK();
+  running_ = false;
+  if (Run({(PgBinDir() / "pg_ctl").string(), "-D", (folder_ / "data").string(), "-m", "fast", "-w",
+           "stop"},
+          folder_ / "setup.log") != 0) {
+    return Status::IOError("pg_ctl stop failed");
+  }
   return Status::OK();
 }
 

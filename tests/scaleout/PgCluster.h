@@ -32,6 +32,11 @@ class PgCluster {
   // A new database with the store's schema applied.
   Status CreateMigratedDatabase(const std::string& name, std::string* url);
 
+  // Stops the server cleanly (an outage: every connection breaks, nothing
+  // committed is lost) and starts it again on the same port with the same data.
+  Status Pause();
+  Status Resume();
+
   int port() const { return port_; }
   const std::filesystem::path& folder() const { return folder_; }
   // The server's log so far, for a failing test's message.

@@ -6,10 +6,14 @@
 #include <libpq-fe.h>
 
 #include <chrono>
+#include <filesystem>
+#include <sstream>
 #include <thread>
 #include <vector>
 
+#include "reference/server/store/postgres/PgImport.h"
 #include "reference/server/store/postgres/PgSchema.h"
+#include "reference/server/store/sqlite/SqliteStore.h"
 #include "tests/scaleout/PgTestSupport.h"
 
 namespace zolvani::refserver::testing {
@@ -153,6 +157,109 @@ TEST_F(PgPoolTest, ACallNeverHandsAnOpenTransactionToTheNext) {
   ASSERT_TRUE(pool.Run("count", "SELECT COUNT(*) FROM accounts", {}, &r).ok());
   EXPECT_EQ(r.Int(0, 0), 0);
   EXPECT_EQ(pool.open(), 1);
+}
+
+class PgImportTest : public PgTest {};
+
+// What the console would show of a store, ids and times included.
+std::string Contents(Store* store) {
+  std::ostringstream out;
+  std::vector<AccountSummary> accounts;
+  EXPECT_TRUE(store->ListAccounts(&accounts).ok());
+  for (const auto& a : accounts)
+    out << "account " << a.user << " " << a.publicKey << " " << a.devices << "\n";
+  std::vector<FeedSummary> feeds;
+  EXPECT_TRUE(store->ListFeeds(&feeds).ok());
+  for (const auto& f : feeds) {
+    out << "feed " << f.feed.id << " " << f.feed.title << " " << f.feed.subscribable << " "
+        << f.feed.defaults.maxAssets << " " << f.items << " " << f.subscribers << "\n";
+  }
+  std::vector<Item> items;
+  EXPECT_TRUE(store->ListItems("", "", 100, &items).ok());
+  for (const auto& i : items) {
+    out << "item " << i.uuid << " " << i.feed << " " << i.user << " " << i.createdMs << " "
+        << i.mediaPath << " " << i.metadata.dump() << "\n";
+  }
+  std::vector<DeviceSummary> devices;
+  EXPECT_TRUE(store->ListDevices(&devices).ok());
+  for (const auto& d : devices) {
+    out << "device " << d.user << "/" << d.device << " " << d.firstSeenMs << " " << d.lastSeenMs
+        << " " << d.pushService << " " << d.pendingPushes << " " << d.subscriptions.size() << "\n";
+  }
+  std::vector<PushNotice> pushes;
+  EXPECT_TRUE(store->ListPushes("", "", false, false, &pushes).ok());
+  for (const auto& n : pushes) {
+    out << "push " << n.id << " " << n.device << " " << n.token << " " << n.itemUuid << " "
+        << n.createdMs << " " << n.delivered << "\n";
+  }
+  std::vector<PublisherGrant> grants;
+  EXPECT_TRUE(store->ListPublishers("", &grants).ok());
+  for (const auto& g : grants) out << "grant " << g.feed << " " << g.user << "\n";
+  CatalogSnapshot snapshot;
+  EXPECT_TRUE(store->ReadCatalog("alice", "d1", std::nullopt, true, &snapshot).ok());
+  for (const auto& [feed, r] : snapshot.rules)
+    out << "rules " << feed << " " << r.maxAssets << "\n";
+  return out.str();
+}
+
+TEST_F(PgImportTest, CopiesAServerKeepingIdsAndContinuesAfterThem) {
+  const auto dir =
+      std::filesystem::temp_directory_path() / ("zsm-import-" + std::to_string(getpid()));
+  std::string before;
+  {
+    std::unique_ptr<SqliteStore> sqlite;
+    ASSERT_TRUE(SqliteStore::Open(dir, &sqlite).ok());
+    ASSERT_TRUE(sqlite->AddAccount({"alice", "pk", "s"}).ok());
+    ASSERT_TRUE(sqlite->AddFeed(Feed{"news", "News", true, {4, true, 0}}).ok());
+    ASSERT_TRUE(sqlite->AddFeed(Feed{"closed", "Closed", false, {2, false, 9}}).ok());
+    ASSERT_TRUE(sqlite->TouchDevice("alice", "d1", 100).ok());
+    ASSERT_TRUE(sqlite->TouchDevice("alice", "d2", 200).ok());
+    ASSERT_TRUE(sqlite->SetPushRegistration("alice", "d1", "fcm", "tok", 150).ok());
+    ASSERT_TRUE(sqlite->Subscribe("alice", "d1", "news").ok());
+    ASSERT_TRUE(sqlite->SetRules("alice", "d1", "news", {8, false, 1}).ok());
+    ASSERT_TRUE(sqlite->GrantPublisher("", "alice").ok());
+    Item item;
+    item.uuid = "i1";
+    item.feed = "news";
+    item.createdMs = 1000;
+    item.mediaPath = "v/one.mp4";
+    item.metadata = {{"title", "Ünïcode \"quoted\""}, {"mediaType", 3}};
+    ASSERT_TRUE(sqlite->AddItem(item, 1001).ok());
+    Item direct;
+    direct.uuid = "direct";
+    direct.user = "alice";
+    direct.createdMs = 2000;
+    ASSERT_TRUE(sqlite->AddItem(direct, 2001).ok());
+    std::vector<PushNotice> consumed;
+    ASSERT_TRUE(sqlite->ListPushes("alice", "d2", true, true, &consumed).ok());
+    ASSERT_EQ(consumed.size(), 1u);
+    before = Contents(sqlite.get());
+  }
+  ImportSummary summary;
+  Status s = ImportSqlite(dir, url_, &summary);
+  ASSERT_TRUE(s.ok()) << s.ToString();
+  EXPECT_EQ(summary.rows["pushes"], 3);
+  EXPECT_EQ(summary.rows["items"], 2);
+  auto pg = OpenStore();
+  ASSERT_NE(pg, nullptr);
+  EXPECT_EQ(Contents(pg.get()), before);
+
+  // New notices continue after the copied ids.
+  PushNotice notice;
+  ASSERT_TRUE(pg->AddPushNotice("alice", "d1", "i1", 3000, &notice).ok());
+  EXPECT_EQ(notice.id, 4);
+
+  // Never into a database that holds content, nor one that was never migrated.
+  s = ImportSqlite(dir, url_, &summary);
+  EXPECT_TRUE(s.IsFailedPrecondition()) << s.ToString();
+  std::string empty;
+  ASSERT_TRUE(cluster_->CreateDatabase("import_unmigrated", &empty).ok());
+  s = ImportSqlite(dir, empty, &summary);
+  EXPECT_TRUE(s.IsFailedPrecondition()) << s.ToString();
+  s = ImportSqlite(dir / "nowhere", url_, &summary);
+  EXPECT_TRUE(s.IsNotFound()) << s.ToString();
+  std::error_code ec;
+  std::filesystem::remove_all(dir, ec);
 }
 
 }  // namespace

@@ -437,5 +437,46 @@ TEST_F(ScaleOutTest, ReplicaKilledMidLoadLosesNothing) {
             0);
 }
 
+// A database outage: replicas answer 503 with Retry-After and fail /ready, so
+// HAProxy takes them out; once the database is back, their broken connections are
+// replaced at first use and everything is served again without a restart.
+TEST_F(ScaleOutTest, ReplicasRideOutADatabaseOutage) {
+  DeviceClient direct = Device("outage", replicas_[0]->port());
+  ASSERT_TRUE(direct.Call("subscribe", {{"feed", "f1"}}).ok());
+  ASSERT_TRUE(cluster_->Pause().ok());
+  LoadReply down = direct.Call("catalog");
+  EXPECT_EQ(down.status, 503) << down.body.dump();
+  EXPECT_EQ(down.retryAfter, "1");
+  httplib::Client probe("127.0.0.1", replicas_[0]->port());
+  auto ready = probe.Get("/ready");
+  ASSERT_TRUE(ready);
+  EXPECT_EQ(ready->status, 503);
+  bool allDown = false;
+  for (const auto deadline = Clock::now() + 3s; !allDown && Clock::now() < deadline;) {
+    allDown = true;
+    for (auto& [server, status] : balancer_.States()) allDown &= status.rfind("DOWN", 0) == 0;
+    if (!allDown) std::this_thread::sleep_for(50ms);
+  }
+  EXPECT_TRUE(allDown) << "HAProxy kept sending to replicas without a database";
+
+  ASSERT_TRUE(cluster_->Resume().ok()) << cluster_->Log();
+  LoadReply back = direct.Call("catalog");
+  EXPECT_TRUE(back.ok()) << back.status << " " << back.body.dump();
+  EXPECT_EQ(back.body["subscriptions"], nlohmann::json::array({"f1"}));
+  bool allUp = false;
+  for (const auto deadline = Clock::now() + 5s; !allUp && Clock::now() < deadline;) {
+    auto states = balancer_.States();
+    allUp = states.size() == 2 * kReplicas;
+    for (auto& [server, status] : states) allUp &= status == "UP";
+    if (!allUp) std::this_thread::sleep_for(50ms);
+  }
+  EXPECT_TRUE(allUp);
+  DeviceClient balanced = Device("outage");
+  for (int i = 0; i < 6; ++i) {
+    LoadReply r = balanced.Call("catalog");
+    EXPECT_TRUE(r.ok()) << r.status << " " << r.body.dump();
+  }
+}
+
 }  // namespace
 }  // namespace zolvani::refserver::testing
