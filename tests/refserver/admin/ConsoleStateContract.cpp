@@ -1,5 +1,7 @@
 #include "tests/refserver/admin/ConsoleStateContract.h"
 
+#include <algorithm>
+#include <barrier>
 #include <thread>
 #include <vector>
 
@@ -229,33 +231,37 @@ TEST_P(ConsoleStateContractTest, TwoServersAtOnceCountEveryFailureAndKeepTheSess
   ASSERT_TRUE(other->ReadLoginFailures("client 10.0.0.7", &read).ok());
   EXPECT_EQ(read.failures, 4 * kPerThread);
 
-  // Sign-ins on both servers at once never leave more sessions than the limit,
-  // and the newest of each server's survive.
+  // Sign-ins on both servers at once never leave more sessions than the limit:
+  // rounds of simultaneous sign-ins, counted after each.
   SessionLimits limits;
   limits.maxSessions = 5;
-  constexpr int kSignIns = 12;
-  for (int t = 0; t < 2; ++t) {
-    threads.emplace_back([&, t] {
-      ConsoleState* state = t ? other.get() : state_.get();
-      for (int i = 0; i < kSignIns; ++i) {
-        const std::string id = std::string(62, 'a' + t) + std::to_string(10 + i);
-        ConsoleSession s{id, "token", "", 100 + i, 100 + i};
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 12;
+  auto sessionId = [](int thread, int round) {
+    return std::string(62, static_cast<char>('a' + thread)) + std::to_string(10 + round);
+  };
+  for (int round = 0; round < kRounds; ++round) {
+    std::barrier start(kThreads);
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        ConsoleState* state = t % 2 ? other.get() : state_.get();
+        ConsoleSession s{sessionId(t, round), "token", "", 100 + round, 100 + round};
+        start.arrive_and_wait();
         Status status = state->CreateSession(s, limits);
         EXPECT_TRUE(status.ok()) << status.ToString();
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-  int live = 0;
-  for (int t = 0; t < 2; ++t) {
-    for (int i = 0; i < kSignIns; ++i) {
-      live += Live(std::string(62, 'a' + t) + std::to_string(10 + i), 200, limits);
+      });
     }
-  }
-  EXPECT_EQ(live, 5);
-  for (char server : {'a', 'b'}) {
-    EXPECT_TRUE(Live(std::string(62, server) + std::to_string(10 + kSignIns - 1), 200, limits))
-        << server;
+    for (auto& t : threads) t.join();
+    threads.clear();
+    int live = 0;
+    for (int t = 0; t < kThreads; ++t) {
+      for (int r = 0; r <= round; ++r) live += Live(sessionId(t, r), 100 + round, limits);
+    }
+    ASSERT_EQ(live, std::min(kThreads * (round + 1), 5)) << "after round " << round;
+    // This round's sign-ins are the newest: all of them stay.
+    for (int t = 0; t < kThreads; ++t) {
+      EXPECT_TRUE(Live(sessionId(t, round), 100 + round, limits)) << round << " " << t;
+    }
   }
 }
 
