@@ -512,7 +512,9 @@ int main(int argc, char** argv) {
       ->required();
 
   auto* importSqlite = app.add_subcommand(
-      "import-sqlite", "copy a data folder's SQLite store into an empty PostgreSQL database");
+      "import-sqlite",
+      "copy a data folder's SQLite store (and console.sqlite) into an empty PostgreSQL "
+      "database");
   std::string importData, importUrl;
   importSqlite->add_option("--data", importData, "data folder holding server.sqlite")
       ->required()

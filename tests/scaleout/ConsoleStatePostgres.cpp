@@ -1,9 +1,16 @@
 // The console-state contract run against PgConsoleState: another handle is
 // another replica's pool on the same database, in the program's throwaway cluster.
+#include <sqlite3.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <filesystem>
 
 #include "reference/server/store/postgres/PgConsoleState.h"
+#include "reference/server/store/postgres/PgImport.h"
 #include "reference/server/store/postgres/PgSchema.h"
+#include "reference/server/store/sqlite/SqliteConsoleState.h"
+#include "reference/server/store/sqlite/SqliteStore.h"
 #include "tests/refserver/admin/ConsoleStateContract.h"
 #include "tests/scaleout/PgTestSupport.h"
 
@@ -80,6 +87,105 @@ TEST_F(PgConsoleStateTest, AnUnreachableDatabaseFailsEveryCall) {
     EXPECT_FALSE(s.ok());
     EXPECT_FALSE(s.IsNotFound()) << s.ToString();
   }
+}
+
+// A folder's console.sqlite moves with its store, ids and sessions kept; a
+// console already set up in the database is kept instead, never merged.
+TEST_F(PgConsoleStateTest, ImportCarriesTheConsoleUnlessTheDatabaseHasOne) {
+  const auto dir =
+      std::filesystem::temp_directory_path() / ("zsm-console-import-" + std::to_string(::getpid()));
+  std::filesystem::remove_all(dir);
+  {
+    std::unique_ptr<SqliteStore> store;
+    ASSERT_TRUE(SqliteStore::Open(dir, &store).ok());
+    ASSERT_TRUE(store->AddFeed({"f1", "Feed", true, {}}).ok());
+    std::unique_ptr<SqliteConsoleState> console;
+    ASSERT_TRUE(SqliteConsoleState::Open(dir, &console).ok());
+    ASSERT_TRUE(console->SetPasswordHash("hash-1", 10).ok());
+    ASSERT_TRUE(console->AddOperator({"alice", OperatorRole::kAdministrator, "ha", 11, 11}).ok());
+    ASSERT_TRUE(console->CreateSession({std::string(64, 's'), "csrf", "alice", 12, 12}, {}).ok());
+    for (int i = 0; i < 3; ++i) {
+      AuditEntry e;
+      e.atMs = 20 + i;
+      e.operatorName = "alice";
+      e.action = "feed.create";
+      e.target = "f" + std::to_string(i);
+      e.details = {{"n", i}};
+      ASSERT_TRUE(console->Record(e).ok());
+    }
+  }
+  ImportSummary summary;
+  Status s = ImportSqlite(dir, url_, &summary);
+  ASSERT_TRUE(s.ok()) << s.ToString();
+  EXPECT_EQ(summary.rows["audit entries"], 3);
+  EXPECT_FALSE(summary.consoleKept);
+
+  std::unique_ptr<PgConsoleState> state;
+  ASSERT_TRUE(PgConsoleState::Open(url_, 1, &state).ok());
+  std::string hash;
+  ASSERT_TRUE(state->PasswordHash(&hash).ok());
+  EXPECT_EQ(hash, "hash-1");
+  Operator alice;
+  ASSERT_TRUE(state->FindOperator("alice", &alice).ok());
+  EXPECT_EQ(alice.role, OperatorRole::kAdministrator);
+  ConsoleSession session;
+  ASSERT_TRUE(state->FindSession(std::string(64, 's'), 13, {}, &session).ok());
+  EXPECT_EQ(session.csrfToken, "csrf");
+  std::vector<AuditEntry> entries;
+  AuditQuery all;
+  ASSERT_TRUE(state->ListAudit(all, &entries).ok());
+  ASSERT_EQ(entries.size(), 3u);
+  EXPECT_EQ(entries[0].target, "f2");
+  EXPECT_EQ(entries[0].details["n"], 2);
+  // New entries continue after the copied ids, so paging stays in order.
+  AuditEntry next;
+  next.atMs = 30;
+  next.action = "feed.update";
+  ASSERT_TRUE(state->Record(next).ok());
+  ASSERT_TRUE(state->ListAudit(all, &entries).ok());
+  ASSERT_EQ(entries.size(), 4u);
+  EXPECT_GT(entries[0].id, entries[1].id);
+  EXPECT_EQ(entries[0].action, "feed.update");
+
+  // Into a database whose console is set up but whose content is empty: the
+  // content comes, the database's console stays.
+  std::string other;
+  ASSERT_TRUE(cluster_->CreateMigratedDatabase("console_import_kept", &other).ok());
+  std::unique_ptr<PgConsoleState> kept;
+  ASSERT_TRUE(PgConsoleState::Open(other, 1, &kept).ok());
+  ASSERT_TRUE(kept->SetPasswordHash("hash-db", 5).ok());
+  s = ImportSqlite(dir, other, &summary);
+  ASSERT_TRUE(s.ok()) << s.ToString();
+  EXPECT_TRUE(summary.consoleKept);
+  ASSERT_TRUE(kept->PasswordHash(&hash).ok());
+  EXPECT_EQ(hash, "hash-db");
+  int64_t operators = -1;
+  ASSERT_TRUE(kept->CountOperators(&operators).ok());
+  EXPECT_EQ(operators, 0);
+
+  // A console file that cannot be read to its end (its log lost a column) fails
+  // the import after the content was copied: nothing of either stays.
+  {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((dir / "console.sqlite").c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(
+        sqlite3_exec(db, "ALTER TABLE audit_log DROP COLUMN details", nullptr, nullptr, nullptr),
+        SQLITE_OK)
+        << sqlite3_errmsg(db);
+    sqlite3_close(db);
+  }
+  ASSERT_TRUE(cluster_->CreateMigratedDatabase("console_import_torn", &other).ok());
+  s = ImportSqlite(dir, other, &summary);
+  EXPECT_FALSE(s.ok());
+  std::unique_ptr<PgStore> torn;
+  ASSERT_TRUE(PgStore::Open(other, PgStoreOptions{}, &torn).ok());
+  std::vector<FeedSummary> feeds;
+  ASSERT_TRUE(torn->ListFeeds(&feeds).ok());
+  EXPECT_TRUE(feeds.empty());
+  std::unique_ptr<PgConsoleState> tornConsole;
+  ASSERT_TRUE(PgConsoleState::Open(other, 1, &tornConsole).ok());
+  EXPECT_TRUE(tornConsole->PasswordHash(&hash).IsNotFound());
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
