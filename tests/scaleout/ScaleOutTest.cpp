@@ -1,7 +1,8 @@
 // Three zsm-server replicas on one PostgreSQL database behind HAProxy, all on
 // loopback, driven by simulated devices: signatures through the balancer, the
-// spread over replicas, a duplicate publish raced on two replicas, and a replica
-// killed with SIGKILL in the middle of load with nothing lost.
+// spread over replicas, a duplicate publish raced on two replicas, the console's
+// sessions and sign-in throttle shared by replicas, and a replica killed with
+// SIGKILL in the middle of load with nothing lost.
 //
 // PostgreSQL 15 and HAProxy are required: the test fails when either is missing.
 #include <arpa/inet.h>
@@ -309,6 +310,21 @@ TEST_F(ScaleOutTest, ConsoleSessionsAndThrottleAreSharedByReplicas) {
   EXPECT_EQ(
       SqlInt(url_, "SELECT failures FROM console_login_failures WHERE key = 'client 203.0.113.9'"),
       AdminApi::kFreeFailuresPerClient);
+
+  // An operator added on the command line with --database is every replica's:
+  // the one password stops signing in and the operator signs in anywhere.
+  ::setenv("ZSM_CONSOLE_PASSWORD", "operator password 1", 1);
+  ProgramResult added =
+      RunServerProgram({"add-operator", "alice", "--role", "administrator", "--database", url_});
+  ::unsetenv("ZSM_CONSOLE_PASSWORD");
+  ASSERT_EQ(added.exitCode, 0) << added.err;
+  auto old = ConsolePost(r1, "login", {{"password", kConsolePassword}}, {});
+  ASSERT_TRUE(old);
+  EXPECT_EQ(old->status, 400) << old->body;
+  auto alice = ConsolePost(replicas_[2]->port(), "login",
+                           {{"name", "alice"}, {"password", "operator password 1"}}, {});
+  ASSERT_TRUE(alice);
+  EXPECT_EQ(alice->status, 200) << alice->body;
 }
 
 // S8: SIGKILL of a replica during the subscribe phase of 120 devices.
