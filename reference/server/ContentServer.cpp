@@ -13,6 +13,7 @@
 #include "reference/server/console/ConsoleSite.h"
 #include "reference/server/media/MediaLibrary.h"
 #include "reference/server/protocol/ProtocolHandler.h"
+#include "reference/server/store/postgres/PgConsoleState.h"
 #include "reference/server/store/postgres/PgStore.h"
 #include "reference/server/store/sqlite/SqliteConsoleState.h"
 #include "reference/server/store/sqlite/SqliteStore.h"
@@ -65,23 +66,30 @@ Status ContentServer::Create(ServerOptions options, std::unique_ptr<ContentServe
                            : std::string("node");
   }
   std::unique_ptr<Store> store;
+  std::unique_ptr<ConsoleState> consoleState;
   Status s;
   if (options.databaseUrl.empty()) {
     std::unique_ptr<SqliteStore> sqlite;
     s = SqliteStore::Open(options.dataDir, &sqlite);
+    if (!s.ok()) return s;
     store = std::move(sqlite);
+    if (options.console) {
+      std::unique_ptr<SqliteConsoleState> console;
+      s = SqliteConsoleState::Open(options.dataDir, &console);
+      if (!s.ok()) return s;
+      consoleState = std::move(console);
+    }
   } else {
     PgStoreOptions pg;
     pg.pool.size = options.databasePool;
     std::unique_ptr<PgStore> postgres;
     s = PgStore::Open(options.databaseUrl, pg, &postgres);
-    store = std::move(postgres);
-  }
-  if (!s.ok()) return s;
-  std::unique_ptr<SqliteConsoleState> consoleState;
-  if (options.console) {
-    s = SqliteConsoleState::Open(options.dataDir, &consoleState);
     if (!s.ok()) return s;
+    // Console state lives in the same database, so every replica shares its
+    // sessions, throttle and audit log; it borrows the store's connections (the
+    // server destroys the console state before the store).
+    if (options.console) consoleState = std::make_unique<PgConsoleState>(postgres->pool());
+    store = std::move(postgres);
   }
   server->reset(new ContentServer(std::move(options), std::move(store), std::move(consoleState)));
   return Status::OK();

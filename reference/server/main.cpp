@@ -18,6 +18,7 @@
 #include "reference/server/SeedLoader.h"
 #include "reference/server/admin/PasswordHasher.h"
 #include "reference/server/media/SampleGenerator.h"
+#include "reference/server/store/postgres/PgConsoleState.h"
 #include "reference/server/store/postgres/PgImport.h"
 #include "reference/server/store/postgres/PgSchema.h"
 #include "reference/server/store/postgres/PgStore.h"
@@ -67,6 +68,23 @@ Status OpenStore(const std::string& dataDir, const std::string& databaseUrl,
   std::unique_ptr<SqliteStore> sqlite;
   Status s = SqliteStore::Open(dataDir, &sqlite);
   if (s.ok()) *store = std::move(sqlite);
+  return s;
+}
+
+// The console state in the database at `databaseUrl` when one is given (shared by
+// every replica on it), else `dataDir`/console.sqlite.
+Status OpenConsole(const std::string& dataDir, const std::string& databaseUrl,
+                   std::unique_ptr<ConsoleState>* console) {
+  if (!databaseUrl.empty()) {
+    std::unique_ptr<PgConsoleState> pg;
+    Status s = PgConsoleState::Open(databaseUrl, 1, &pg);
+    if (s.ok()) *console = std::move(pg);
+    return s;
+  }
+  if (dataDir.empty()) return Status::InvalidArgument("--data or --database is required");
+  std::unique_ptr<SqliteConsoleState> sqlite;
+  Status s = SqliteConsoleState::Open(dataDir, &sqlite);
+  if (s.ok()) *console = std::move(sqlite);
   return s;
 }
 
@@ -204,13 +222,13 @@ std::string ReadPassword(const char* prompt) {
   return password;
 }
 
-int SetConsolePassword(const std::string& dataDir) {
+int SetConsolePassword(const std::string& dataDir, const std::string& databaseUrl) {
   const std::string password = ReadPassword("new console password: ");
   std::string encoded;
   Status s = PasswordHasher::Hash(password, PasswordHashParams{}, &encoded);
   if (!s.ok()) return Fail(s);
-  std::unique_ptr<SqliteConsoleState> console;
-  s = SqliteConsoleState::Open(dataDir, &console);
+  std::unique_ptr<ConsoleState> console;
+  s = OpenConsole(dataDir, databaseUrl, &console);
   if (!s.ok()) return Fail(s);
   int64_t operators = 0;
   s = console->CountOperators(&operators);
@@ -236,13 +254,14 @@ int SetConsolePassword(const std::string& dataDir) {
 }
 
 // Creates a named operator; the first one ends the one-password console.
-int AddOperator(const std::string& dataDir, const std::string& name, const std::string& roleName) {
+int AddOperator(const std::string& dataDir, const std::string& databaseUrl, const std::string& name,
+                const std::string& roleName) {
   OperatorRole role;
   if (!ParseRole(roleName, &role)) {
     return Fail(Status::InvalidArgument("--role is one of viewer, editor, administrator"));
   }
-  std::unique_ptr<SqliteConsoleState> console;
-  Status s = SqliteConsoleState::Open(dataDir, &console);
+  std::unique_ptr<ConsoleState> console;
+  Status s = OpenConsole(dataDir, databaseUrl, &console);
   if (!s.ok()) return Fail(s);
   int64_t operators = 0;
   s = console->CountOperators(&operators);
@@ -493,7 +512,9 @@ int main(int argc, char** argv) {
       ->required();
 
   auto* importSqlite = app.add_subcommand(
-      "import-sqlite", "copy a data folder's SQLite store into an empty PostgreSQL database");
+      "import-sqlite",
+      "copy a data folder's SQLite store (and console.sqlite) into an empty PostgreSQL "
+      "database");
   std::string importData, importUrl;
   importSqlite->add_option("--data", importData, "data folder holding server.sqlite")
       ->required()
@@ -526,14 +547,16 @@ int main(int argc, char** argv) {
     std::cout << summary.ToString() << "\n";
     return 0;
   }
-  if (dataDir.empty() && (serve->parsed() || setPassword->parsed() || generateCmd->parsed())) {
+  if (dataDir.empty() && (serve->parsed() || generateCmd->parsed())) {
     return Fail(Status::InvalidArgument(
         "--data is required: it holds the media folder (and, without --database, the store)"));
   }
   flags.databaseUrl = databaseUrl;
   if (serve->parsed()) return Serve(dataDir, flags);
-  if (setPassword->parsed()) return SetConsolePassword(dataDir);
-  if (addOperatorCmd->parsed()) return AddOperator(dataDir, operatorName, operatorRole);
+  if (setPassword->parsed()) return SetConsolePassword(dataDir, databaseUrl);
+  if (addOperatorCmd->parsed()) {
+    return AddOperator(dataDir, databaseUrl, operatorName, operatorRole);
+  }
   std::unique_ptr<Store> store;
   Status s = OpenStore(dataDir, databaseUrl, &store);
   if (!s.ok()) return Fail(s);

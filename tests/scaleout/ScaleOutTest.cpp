@@ -1,7 +1,8 @@
 // Three zsm-server replicas on one PostgreSQL database behind HAProxy, all on
 // loopback, driven by simulated devices: signatures through the balancer, the
-// spread over replicas, a duplicate publish raced on two replicas, and a replica
-// killed with SIGKILL in the middle of load with nothing lost.
+// spread over replicas, a duplicate publish raced on two replicas, the console's
+// sessions and sign-in throttle shared by replicas, and a replica killed with
+// SIGKILL in the middle of load with nothing lost.
 //
 // PostgreSQL 15 and HAProxy are required: the test fails when either is missing.
 #include <arpa/inet.h>
@@ -25,6 +26,7 @@
 #include <sstream>
 #include <thread>
 
+#include "reference/server/admin/AdminApi.h"
 #include "tests/refserver/ServerProcess.h"
 #include "tests/scaleout/Balancer.h"
 #include "tests/scaleout/LoadClient.h"
@@ -68,6 +70,33 @@ int64_t SqlInt(const std::string& url, const std::string& sql) {
 constexpr int kReplicas = 3;
 const char* const kSecret = "load-secret";
 const char* const kKey = "load-key";
+const char* const kConsolePassword = "console password 1";
+
+// A browser on a replica's console: the cookie it was given and the CSRF token.
+struct ConsoleBrowser {
+  std::string cookie;  // "zsm_console=..."
+  std::string csrf;
+};
+
+// `forwardedFor`, when given, is the client's address as the trusted proxy
+// (127.0.0.1 here) reports it.
+httplib::Result ConsolePost(int port, const std::string& route, const nlohmann::json& body,
+                            const ConsoleBrowser& browser, const std::string& forwardedFor = "") {
+  httplib::Client client("127.0.0.1", port);
+  client.set_read_timeout(10, 0);
+  const std::string origin = "http://127.0.0.1:" + std::to_string(port);
+  httplib::Headers headers = {{"Origin", origin}};
+  if (!browser.cookie.empty()) headers.emplace("Cookie", browser.cookie);
+  if (!browser.csrf.empty()) headers.emplace("X-Zsm-Csrf", browser.csrf);
+  if (!forwardedFor.empty()) headers.emplace("X-Forwarded-For", forwardedFor);
+  return client.Post("/admin/api/" + route, headers, body.dump(), "application/json");
+}
+
+httplib::Result ConsoleGet(int port, const std::string& route, const ConsoleBrowser& browser) {
+  httplib::Client client("127.0.0.1", port);
+  client.set_read_timeout(10, 0);
+  return client.Get("/admin/api/" + route, {{"Cookie", browser.cookie}});
+}
 
 class ScaleOutTest : public ::testing::Test {
  protected:
@@ -88,6 +117,9 @@ class ScaleOutTest : public ::testing::Test {
     for (const char* feed : {"f1", "f2", "f4", "f5"}) run({"add-feed", "--id", feed});
     run({"add-feed", "--id", "f3", "--not-subscribable"});
     run({"grant-publisher", "--user", "load", "--feed", "f1"});
+    ::setenv("ZSM_CONSOLE_PASSWORD", kConsolePassword, 1);
+    run({"set-console-password"});  // into the database: no --data
+    ::unsetenv("ZSM_CONSOLE_PASSWORD");
     ASSERT_FALSE(HasFailure());
 
     media_ = std::filesystem::temp_directory_path() / ("zsm-scaleout-" + std::to_string(getpid()));
@@ -113,9 +145,9 @@ class ScaleOutTest : public ::testing::Test {
     std::string error;
     auto replica = ServerProcess::Start(
         media_,
-        {"--database", url_, "--port", std::to_string(port), "--no-console", "--node-name",
-         "r" + std::to_string(i + 1), "--max-connections-per-address", "1024", "--max-connections",
-         "2048", "--threads", "16", "--db-pool", "8"},
+        {"--database", url_, "--port", std::to_string(port), "--console-trusted-proxy", "127.0.0.1",
+         "--node-name", "r" + std::to_string(i + 1), "--max-connections-per-address", "1024",
+         "--max-connections", "2048", "--threads", "16", "--db-pool", "8"},
         &error);
     EXPECT_NE(replica, nullptr) << "replica r" << i + 1 << ": " << error;
     return replica;
@@ -211,6 +243,88 @@ TEST_F(ScaleOutTest, BalancedRequestsAndADuplicatePublishRacedOnTwoReplicas) {
         SqlInt(url_, "SELECT COUNT(DISTINCT device) FROM pushes WHERE item_uuid = '" + uuid + "'"),
         subscribers);
   }
+}
+
+// S5 and S6: the console's sessions and sign-in throttle are the database's, so
+// a browser may be answered by any replica and a stranger's guesses count
+// together wherever the balancer sends them.
+TEST_F(ScaleOutTest, ConsoleSessionsAndThrottleAreSharedByReplicas) {
+  const int r1 = replicas_[0]->port();
+  const int r2 = replicas_[1]->port();
+  // S5: signed in on r1, the session (and its CSRF token) works on r2.
+  auto signIn = ConsolePost(r1, "login", {{"password", kConsolePassword}}, {});
+  ASSERT_TRUE(signIn);
+  ASSERT_EQ(signIn->status, 200) << signIn->body;
+  ConsoleBrowser browser;
+  const std::string setCookie = signIn->get_header_value("Set-Cookie");
+  browser.cookie = setCookie.substr(0, setCookie.find(';'));
+  ASSERT_EQ(browser.cookie.rfind("zsm_console=", 0), 0u) << setCookie;
+  browser.csrf = nlohmann::json::parse(signIn->body).value("csrf_token", "");
+  ASSERT_EQ(browser.csrf.size(), 64u);
+  // The replicas share a data folder here, so check where the session went: the
+  // database, not a console.sqlite beside the media.
+  EXPECT_EQ(SqlInt(url_, "SELECT COUNT(*) FROM console_sessions"), 1);
+  EXPECT_FALSE(std::filesystem::exists(media_ / "console.sqlite"));
+  auto session = ConsoleGet(r2, "session", browser);
+  ASSERT_TRUE(session);
+  ASSERT_EQ(session->status, 200) << session->body;
+  EXPECT_EQ(nlohmann::json::parse(session->body).value("csrf_token", ""), browser.csrf);
+  // A change on r2 with r1's token goes through, and r3 sees it in the shared log.
+  auto feed =
+      ConsolePost(r2, "feeds/create", {{"id", "console-feed"}, {"title", "made on r2"}}, browser);
+  ASSERT_TRUE(feed);
+  EXPECT_EQ(feed->status, 200) << feed->body;
+  auto audit = ConsoleGet(replicas_[2]->port(), "audit", browser);
+  ASSERT_TRUE(audit);
+  ASSERT_EQ(audit->status, 200) << audit->body;
+  EXPECT_NE(audit->body.find("console-feed"), std::string::npos) << audit->body;
+  // Signed out on r2: r1 and r3 refuse the cookie at once.
+  auto out = ConsolePost(r2, "logout", nlohmann::json::object(), browser);
+  ASSERT_TRUE(out);
+  ASSERT_EQ(out->status, 200) << out->body;
+  for (int port : {r1, replicas_[2]->port()}) {
+    auto after = ConsoleGet(port, "session", browser);
+    ASSERT_TRUE(after);
+    EXPECT_EQ(after->status, 401) << port;
+  }
+
+  // S6: a stranger's wrong passwords, alternating between r1 and r2, count as one
+  // client's: once the free failures are spent, both make the stranger wait, even
+  // with the right password, while the operator elsewhere signs in at once.
+  const std::string stranger = "203.0.113.9";
+  for (int i = 0; i < AdminApi::kFreeFailuresPerClient; ++i) {
+    auto r = ConsolePost(i % 2 ? r2 : r1, "login", {{"password", "guess " + std::to_string(i)}}, {},
+                         stranger);
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->status, 401) << i;
+  }
+  for (int port : {r1, r2, replicas_[2]->port()}) {
+    auto r = ConsolePost(port, "login", {{"password", kConsolePassword}}, {}, stranger);
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->status, 429) << port << ": " << r->body;
+    EXPECT_FALSE(r->get_header_value("Retry-After").empty());
+  }
+  auto mine = ConsolePost(r2, "login", {{"password", kConsolePassword}}, {});
+  ASSERT_TRUE(mine);
+  EXPECT_EQ(mine->status, 200) << mine->body;
+  EXPECT_EQ(
+      SqlInt(url_, "SELECT failures FROM console_login_failures WHERE key = 'client 203.0.113.9'"),
+      AdminApi::kFreeFailuresPerClient);
+
+  // An operator added on the command line with --database is every replica's:
+  // the one password stops signing in and the operator signs in anywhere.
+  ::setenv("ZSM_CONSOLE_PASSWORD", "operator password 1", 1);
+  ProgramResult added =
+      RunServerProgram({"add-operator", "alice", "--role", "administrator", "--database", url_});
+  ::unsetenv("ZSM_CONSOLE_PASSWORD");
+  ASSERT_EQ(added.exitCode, 0) << added.err;
+  auto old = ConsolePost(r1, "login", {{"password", kConsolePassword}}, {});
+  ASSERT_TRUE(old);
+  EXPECT_EQ(old->status, 400) << old->body;
+  auto alice = ConsolePost(replicas_[2]->port(), "login",
+                           {{"name", "alice"}, {"password", "operator password 1"}}, {});
+  ASSERT_TRUE(alice);
+  EXPECT_EQ(alice->status, 200) << alice->body;
 }
 
 // S8: SIGKILL of a replica during the subscribe phase of 120 devices.

@@ -14,9 +14,12 @@
 
 #include "reference/server/admin/PasswordHasher.h"
 #include "reference/server/store/sqlite/SqliteConsoleState.h"
+#include "tests/refserver/admin/ConsoleStateContract.h"
 
 namespace zolvani::refserver {
 namespace {
+
+using testing::ConsoleStateContractTest;
 
 // Light parameters keep the suite quick; the format is the same as the default's.
 constexpr PasswordHashParams kQuick{1, 1024, 1};
@@ -74,203 +77,56 @@ TEST(PasswordHasherTest, EachHashHasItsOwnSaltAndWeakPasswordsAreRefused) {
 
 namespace fs = std::filesystem;
 
-AuditQuery Query(std::string op, std::string action, int64_t fromMs = 0, int64_t toMs = 0,
-                 int64_t beforeId = 0, int limit = 100) {
-  AuditQuery q;
-  q.operatorName = std::move(op);
-  q.action = std::move(action);
-  q.fromMs = fromMs;
-  q.toMs = toMs;
-  q.beforeId = beforeId;
-  q.limit = limit;
-  return q;
-}
-
-class ConsoleStateTest : public ::testing::Test {
- protected:
-  void SetUp() override {
+class SqliteFactory : public testing::ConsoleStateFactory {
+ public:
+  Status Prepare() override {
+    static int next = 0;
     dir_ = fs::temp_directory_path() /
-           ("zsm-console-state-" + std::to_string(::getpid()) + "-" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    ASSERT_TRUE(SqliteConsoleState::Open(dir_, &state_).ok());
+           ("zsm-console-state-" + std::to_string(::getpid()) + "-" + std::to_string(next++));
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+    return Status::OK();
   }
-  void TearDown() override {
-    state_.reset();
-    fs::remove_all(dir_);
-  }
-
-  ConsoleSession Create(const std::string& id, int64_t nowMs, const SessionLimits& limits = {},
-                        const std::string& op = "") {
-    ConsoleSession s{id, "token-" + id.substr(0, 8), op, nowMs, nowMs};
-    EXPECT_TRUE(state_->CreateSession(s, limits).ok());
+  Status Open(std::unique_ptr<ConsoleState>* state) override {
+    std::unique_ptr<SqliteConsoleState> opened;
+    Status s = SqliteConsoleState::Open(dir_, &opened);
+    if (s.ok()) *state = std::move(opened);
     return s;
   }
-  bool Live(const std::string& id, int64_t nowMs, const SessionLimits& limits = {}) {
-    ConsoleSession found;
-    Status s = state_->FindSession(id, nowMs, limits, &found);
-    EXPECT_TRUE(s.ok() || s.IsNotFound()) << s.ToString();
-    return s.ok();
+  void Discard() override {
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
   }
-  static std::string Id(char c) { return std::string(64, c); }
+  const fs::path& dir() const { return dir_; }
 
+ private:
   fs::path dir_;
-  std::unique_ptr<SqliteConsoleState> state_;
 };
 
-TEST_F(ConsoleStateTest, SessionsEndWhenIdleOrOldOrSignedOut) {
-  constexpr int64_t kMinute = 60000;
-  Create(Id('a'), 0);
-  // Used every 29 minutes it lives until its lifetime is over.
-  int64_t now = 0;
-  while (now + 29 * kMinute <= 12 * 60 * kMinute) {
-    now += 29 * kMinute;
-    EXPECT_TRUE(Live(Id('a'), now)) << now / kMinute;
+INSTANTIATE_TEST_SUITE_P(Sqlite, ConsoleStateContractTest,
+                         ::testing::Values(testing::ConsoleStateParam{
+                             "Sqlite", [] { return std::make_unique<SqliteFactory>(); }}),
+                         testing::ConsoleStateParamName);
+
+TEST(SqliteConsoleStateTest, OnlyADigestOfTheSessionIdentifierIsOnDisk) {
+  SqliteFactory factory;
+  ASSERT_TRUE(factory.Prepare().ok());
+  const std::string id(64, 'd');
+  {
+    std::unique_ptr<ConsoleState> state;
+    ASSERT_TRUE(factory.Open(&state).ok());
+    ASSERT_TRUE(state->CreateSession({id, "token", "", 0, 0}, {}).ok());
+    ConsoleSession found;
+    ASSERT_TRUE(state->FindSession(id, 1, {}, &found).ok());
   }
-  EXPECT_FALSE(Live(Id('a'), 12 * 60 * kMinute + 1));
-
-  Create(Id('b'), 0);
-  EXPECT_TRUE(Live(Id('b'), 30 * kMinute));
-  EXPECT_FALSE(Live(Id('b'), 60 * kMinute + 1));
-
-  Create(Id('c'), 0);
-  ASSERT_TRUE(state_->EndSession(Id('c')).ok());
-  EXPECT_FALSE(Live(Id('c'), 1));
-
-  // Lookalikes of a live identifier find nothing; the token is not an identifier.
-  const ConsoleSession live = Create(Id('d'), 0);
-  std::string other = live.id;
-  other[0] = 'e';
-  for (const std::string& id :
-       {other, live.id.substr(1), live.id + "0", std::string(), live.csrfToken}) {
-    EXPECT_FALSE(Live(id, 1)) << id;
+  std::string bytes;
+  for (const auto& entry : fs::directory_iterator(factory.dir())) {
+    std::ifstream file(entry.path(), std::ios::binary);
+    bytes.append(std::istreambuf_iterator<char>(file), {});
   }
-  ConsoleSession found;
-  ASSERT_TRUE(state_->FindSession(live.id, 1, {}, &found).ok());
-  EXPECT_EQ(found.csrfToken, live.csrfToken);
-
-  // Only a digest of the identifier is on disk.
-  state_.reset();
-  std::ifstream file(dir_ / "console.sqlite", std::ios::binary);
-  const std::string bytes((std::istreambuf_iterator<char>(file)), {});
-  EXPECT_EQ(bytes.find(live.id), std::string::npos);
-}
-
-TEST_F(ConsoleStateTest, TheLeastRecentlyUsedSessionMakesRoom) {
-  SessionLimits limits;
-  limits.maxSessions = 3;
-  Create(Id('a'), 0, limits);
-  Create(Id('b'), 1, limits);
-  Create(Id('c'), 2, limits);
-  ASSERT_TRUE(Live(Id('a'), 3, limits));  // a is now the most recently used
-  Create(Id('d'), 4, limits);
-  EXPECT_TRUE(Live(Id('a'), 5, limits));
-  EXPECT_FALSE(Live(Id('b'), 5, limits));
-  EXPECT_TRUE(Live(Id('c'), 5, limits));
-  EXPECT_TRUE(Live(Id('d'), 5, limits));
-}
-
-TEST_F(ConsoleStateTest, TwoProcessesOnOneFolderShareSessionsFailuresAndOperators) {
-  std::unique_ptr<SqliteConsoleState> other;
-  ASSERT_TRUE(SqliteConsoleState::Open(dir_, &other).ok());
-  Create(Id('a'), 0, {}, "alice");
-  ConsoleSession found;
-  ASSERT_TRUE(other->FindSession(Id('a'), 1, {}, &found).ok());
-  EXPECT_EQ(found.operatorName, "alice");
-  ASSERT_TRUE(other->EndSession(Id('a')).ok());
-  EXPECT_FALSE(Live(Id('a'), 2));
-
-  LoginFailures after;
-  for (int i = 0; i < 3; ++i) {
-    ASSERT_TRUE((i % 2 ? other : state_)
-                    ->RecordLoginFailure("client 10.0.0.9", 100 + i, 60000, &after)
-                    .ok());
-  }
-  EXPECT_EQ(after.failures, 3);
-  LoginFailures read;
-  ASSERT_TRUE(state_->ReadLoginFailures("client 10.0.0.9", &read).ok());
-  EXPECT_EQ(read.failures, 3);
-  EXPECT_EQ(read.lastFailureMs, 102);
-  ASSERT_TRUE(state_->ReadLoginFailures("client 10.0.0.8", &read).ok());
-  EXPECT_EQ(read.failures, 0);
-  // Failures older than the forgetting time start again from one.
-  ASSERT_TRUE(other->RecordLoginFailure("client 10.0.0.9", 100000, 60000, &after).ok());
-  EXPECT_EQ(after.failures, 1);
-  ASSERT_TRUE(state_->ClearLoginFailures("client 10.0.0.9").ok());
-  ASSERT_TRUE(other->ReadLoginFailures("client 10.0.0.9", &read).ok());
-  EXPECT_EQ(read.failures, 0);
-
-  ASSERT_TRUE(state_->AddOperator({"alice", OperatorRole::kAdministrator, "h", 1, 1}).ok());
-  EXPECT_TRUE(other->AddOperator({"alice", OperatorRole::kViewer, "h2", 2, 2}).IsAlreadyExists());
-  int64_t count = 0;
-  ASSERT_TRUE(other->CountOperators(&count).ok());
-  EXPECT_EQ(count, 1);
-}
-
-TEST_F(ConsoleStateTest, SomeoneAlwaysRemainsToManageOperators) {
-  ASSERT_TRUE(state_->AddOperator({"alice", OperatorRole::kAdministrator, "ha", 1, 1}).ok());
-  ASSERT_TRUE(state_->AddOperator({"bob", OperatorRole::kEditor, "hb", 1, 1}).ok());
-  // The last administrator can neither go nor lose the role while others remain.
-  EXPECT_TRUE(state_->RemoveOperator("alice").IsFailedPrecondition());
-  EXPECT_TRUE(state_->UpdateOperator("alice", OperatorRole::kEditor, "", 5).IsFailedPrecondition());
-  ASSERT_TRUE(state_->UpdateOperator("bob", OperatorRole::kAdministrator, "", 6).ok());
-  ASSERT_TRUE(state_->UpdateOperator("alice", OperatorRole::kViewer, "new", 7).ok());
-  Operator alice;
-  ASSERT_TRUE(state_->FindOperator("alice", &alice).ok());
-  EXPECT_EQ(alice.role, OperatorRole::kViewer);
-  EXPECT_EQ(alice.passwordHash, "new");
-  EXPECT_EQ(alice.changedMs, 7);
-  Operator bob;
-  ASSERT_TRUE(state_->FindOperator("bob", &bob).ok());
-  EXPECT_EQ(bob.passwordHash, "hb");  // an empty hash keeps the password
-  // Removing an operator ends their sessions.
-  Create(Id('a'), 10, {}, "alice");
-  Create(Id('b'), 10, {}, "bob");
-  ASSERT_TRUE(state_->RemoveOperator("alice").ok());
-  EXPECT_FALSE(Live(Id('a'), 11));
-  EXPECT_TRUE(Live(Id('b'), 11));
-  EXPECT_TRUE(state_->RemoveOperator("alice").IsNotFound());
-  EXPECT_TRUE(state_->UpdateOperator("zed", OperatorRole::kViewer, "", 1).IsNotFound());
-}
-
-TEST_F(ConsoleStateTest, TheAuditLogFiltersByOperatorKindAndTimeAndPages) {
-  struct Row {
-    const char* op;
-    const char* action;
-    int64_t at;
-  } rows[] = {{"alice", "feed.create", 100},
-              {"bob", "feed.update", 200},
-              {"alice", "item.publish", 300},
-              {"bob", "feed.updates", 400},
-              {"alice", "feed.update", 500}};
-  for (const auto& r : rows) {
-    AuditEntry e;
-    e.operatorName = r.op;
-    e.action = r.action;
-    e.atMs = r.at;
-    e.target = "t";
-    ASSERT_TRUE(state_->Record(e).ok());
-  }
-  auto list = [&](AuditQuery q) {
-    std::vector<AuditEntry> entries;
-    EXPECT_TRUE(state_->ListAudit(q, &entries).ok());
-    std::vector<int64_t> at;
-    for (const auto& e : entries) at.push_back(e.atMs);
-    return at;
-  };
-  using V = std::vector<int64_t>;
-  EXPECT_EQ(list(Query("", "")), (V{500, 400, 300, 200, 100}));
-  EXPECT_EQ(list(Query("alice", "")), (V{500, 300, 100}));
-  EXPECT_EQ(list(Query("", "feed.update")), (V{500, 200}));
-  EXPECT_EQ(list(Query("", "feed.")), (V{500, 400, 200, 100}));
-  EXPECT_EQ(list(Query("", "feed")), V{});  // an action, not a prefix
-  EXPECT_EQ(list(Query("bob", "feed.", 300)), (V{400}));
-  EXPECT_EQ(list(Query("", "", 200, 400)), (V{300, 200}));
-  // Paging: two at a time, each page continuing below the last id seen.
-  std::vector<AuditEntry> page;
-  ASSERT_TRUE(state_->ListAudit(Query("", "", 0, 0, 0, 2), &page).ok());
-  ASSERT_EQ(page.size(), 2u);
-  EXPECT_EQ(list(Query("", "", 0, 0, page.back().id, 2)), (V{300, 200}));
+  EXPECT_FALSE(bytes.empty());
+  EXPECT_EQ(bytes.find(id), std::string::npos);
+  factory.Discard();
 }
 
 }  // namespace

@@ -69,6 +69,43 @@ const std::vector<TableCopy>& Tables() {
   return tables;
 }
 
+// The console's state (console.sqlite beside the store), copied when the
+// database's console holds nothing yet. Audit ids are kept so that paging links
+// stay valid; sessions are kept so that nobody signed in has to sign in again.
+// Sign-in failures are left behind: they are forgotten within the hour anyway.
+const std::vector<TableCopy>& ConsoleTables(bool auditHasOperator) {
+  using C = Column;
+  static const auto make = [](const char* auditSelect) {
+    return std::vector<TableCopy>{
+        {"console password",
+         "SELECT only_row, hash, set_ms FROM console_password",
+         "INSERT INTO console_password (only_row, hash, set_ms) VALUES ($1, $2, $3)",
+         {C::kInt, C::kText, C::kInt}},
+        {"operators",
+         "SELECT name, role, hash, created_ms, changed_ms FROM operators",
+         "INSERT INTO console_operators (name, role, hash, created_ms, changed_ms) "
+         "VALUES ($1, $2, $3, $4, $5)",
+         {C::kText, C::kInt, C::kText, C::kInt, C::kInt}},
+        {"console sessions",
+         "SELECT id_sha256, csrf_token, operator, created_ms, last_used_ms FROM console_sessions",
+         "INSERT INTO console_sessions (id_sha256, csrf_token, operator, created_ms, "
+         "last_used_ms) VALUES ($1, $2, $3, $4, $5)",
+         {C::kText, C::kText, C::kText, C::kInt, C::kInt}},
+        {"audit entries",
+         auditSelect,
+         "INSERT INTO console_audit (id, at_ms, operator, peer, action, target, details) "
+         "OVERRIDING SYSTEM VALUE VALUES ($1, $2, $3, $4, $5, $6, $7)",
+         {C::kInt, C::kInt, C::kText, C::kText, C::kText, C::kText, C::kText}},
+    };
+  };
+  // Folders from before named operators have no operator column in the log.
+  static const std::vector<TableCopy> withOperator =
+      make("SELECT id, at_ms, operator, peer, action, target, details FROM audit_log ORDER BY id");
+  static const std::vector<TableCopy> withoutOperator =
+      make("SELECT id, at_ms, '', peer, action, target, details FROM audit_log ORDER BY id");
+  return auditHasOperator ? withOperator : withoutOperator;
+}
+
 // Closes the SQLite file however the import ends.
 struct SqliteFile {
   sqlite3* db = nullptr;
@@ -132,6 +169,7 @@ std::string ImportSummary::ToString() const {
     text += (first ? " " : ", ") + std::to_string(n) + " " + table;
     first = false;
   }
+  if (consoleKept) text += "; the database's console state was kept, console.sqlite not copied";
   return text;
 }
 
@@ -152,6 +190,33 @@ Status ImportSqlite(const std::filesystem::path& dataDir, const std::string& url
     const std::string message = error != nullptr ? error : "";
     sqlite3_free(error);
     return Status::IOError("read " + file.string() + ": " + message);
+  }
+
+  // The console's state, when the folder has one, read in a transaction of its own.
+  SqliteFile console;
+  bool auditHasOperator = true;
+  const auto consoleFile = dataDir / "console.sqlite";
+  if (std::filesystem::is_regular_file(consoleFile)) {
+    if (sqlite3_open_v2(consoleFile.c_str(), &console.db, SQLITE_OPEN_READONLY, nullptr) !=
+        SQLITE_OK) {
+      return Status::IOError("cannot open " + consoleFile.string() + ": " +
+                             sqlite3_errmsg(console.db));
+    }
+    sqlite3_busy_timeout(console.db, 5000);
+    if (sqlite3_exec(console.db, "BEGIN", nullptr, nullptr, &error) != SQLITE_OK) {
+      const std::string message = error != nullptr ? error : "";
+      sqlite3_free(error);
+      return Status::IOError("read " + consoleFile.string() + ": " + message);
+    }
+    sqlite3_stmt* st = nullptr;
+    if (sqlite3_prepare_v2(console.db,
+                           "SELECT 1 FROM pragma_table_info('audit_log') WHERE name = 'operator'",
+                           -1, &st, nullptr) != SQLITE_OK) {
+      sqlite3_finalize(st);
+      return Status::Corruption("read " + consoleFile.string() + ": " + sqlite3_errmsg(console.db));
+    }
+    auditHasOperator = sqlite3_step(st) == SQLITE_ROW;
+    sqlite3_finalize(st);
   }
 
   PgPool pool(url, PgPoolOptions{1, std::chrono::milliseconds(5000), 5});
@@ -177,10 +242,34 @@ Status ImportSqlite(const std::filesystem::path& dataDir, const std::string& url
       made.rows[table.table] = copied;
     }
     // New notices continue after the copied ids.
-    return lease.Exec("move the notice sequence",
-                      "SELECT setval(pg_get_serial_sequence('pushes', 'id'), "
-                      "GREATEST((SELECT COALESCE(MAX(id), 0) FROM pushes), 1), "
-                      "(SELECT COUNT(*) > 0 FROM pushes))",
+    st = lease.Exec("move the notice sequence",
+                    "SELECT setval(pg_get_serial_sequence('pushes', 'id'), "
+                    "GREATEST((SELECT COALESCE(MAX(id), 0) FROM pushes), 1), "
+                    "(SELECT COUNT(*) > 0 FROM pushes))",
+                    {});
+    if (!st.ok() || console.db == nullptr) return st;
+    // A console already set up in the database (set-console-password --database
+    // run before the import) is kept as it is, never merged.
+    st = lease.Exec("check the console is empty",
+                    "SELECT (SELECT COUNT(*) FROM console_password) + "
+                    "(SELECT COUNT(*) FROM console_operators) + "
+                    "(SELECT COUNT(*) FROM console_audit)",
+                    {}, &r);
+    if (!st.ok()) return st;
+    if (r.Int(0, 0) != 0) {
+      made.consoleKept = true;
+      return Status::OK();
+    }
+    for (const auto& table : ConsoleTables(auditHasOperator)) {
+      int64_t copied = 0;
+      st = CopyTable(console.db, lease, table, &copied);
+      if (!st.ok()) return st;
+      made.rows[table.table] = copied;
+    }
+    return lease.Exec("move the audit sequence",
+                      "SELECT setval(pg_get_serial_sequence('console_audit', 'id'), "
+                      "GREATEST((SELECT COALESCE(MAX(id), 0) FROM console_audit), 1), "
+                      "(SELECT COUNT(*) > 0 FROM console_audit))",
                       {});
   });
   if (!s.ok()) return s;

@@ -1,7 +1,9 @@
 // ImportSqlite: copies a data folder's SQLite store (server.sqlite) into an empty,
 // migrated PostgreSQL database, so that a server that outgrew one machine moves
 // to replicas keeping every account, device, feed, item, subscription, rule,
-// grant and push notice (push notice ids kept, their sequence moved past them).
+// grant and push notice (push notice ids kept, their sequence moved past them),
+// and, when the folder has a console.sqlite and the database's console holds
+// nothing yet, the console's password, operators, sessions and audit log.
 //
 // One transaction: a failure leaves the database as it was. The SQLite file is
 // only read. Thread-safe (no shared state).
@@ -18,6 +20,9 @@ namespace zolvani::refserver {
 
 struct ImportSummary {
   std::map<std::string, int64_t> rows;  // table -> rows copied
+  // The folder had console state but the database's console was already set up,
+  // so the database's was kept.
+  bool consoleKept = false;
   std::string ToString() const;
 };
 

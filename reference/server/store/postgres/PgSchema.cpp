@@ -64,6 +64,28 @@ CREATE TABLE traffic_minutes (
   requests bigint NOT NULL, errors bigint NOT NULL, signature_refusals bigint NOT NULL,
   PRIMARY KEY (minute, node, endpoint));
 )sql",
+      // 2: the operator's console, shared by every replica: its one password, the
+      // named operators, the signed-in sessions (found by the SHA-256 of the
+      // cookie, never the cookie itself), sign-in failures per key and the audit log.
+      R"sql(
+CREATE TABLE console_password (
+  only_row integer PRIMARY KEY CHECK (only_row = 1), hash text NOT NULL, set_ms bigint NOT NULL);
+CREATE TABLE console_operators (
+  name text COLLATE "C" PRIMARY KEY, role integer NOT NULL, hash text NOT NULL,
+  created_ms bigint NOT NULL, changed_ms bigint NOT NULL);
+CREATE TABLE console_sessions (
+  id_sha256 text PRIMARY KEY, csrf_token text NOT NULL, operator text COLLATE "C" NOT NULL,
+  created_ms bigint NOT NULL, last_used_ms bigint NOT NULL);
+CREATE INDEX console_sessions_by_operator ON console_sessions (operator);
+CREATE TABLE console_login_failures (
+  key text COLLATE "C" PRIMARY KEY, failures bigint NOT NULL, last_ms bigint NOT NULL);
+CREATE TABLE console_audit (
+  id bigint GENERATED ALWAYS AS IDENTITY PRIMARY KEY, at_ms bigint NOT NULL,
+  operator text COLLATE "C" NOT NULL, peer text NOT NULL, action text COLLATE "C" NOT NULL,
+  target text NOT NULL, details text NOT NULL);
+CREATE INDEX console_audit_by_operator ON console_audit (operator, id);
+CREATE INDEX console_audit_by_time ON console_audit (at_ms);
+)sql",
   };
   return migrations;
 }
