@@ -248,6 +248,40 @@ TEST_F(ScaleOutTest, BalancedRequestsAndADuplicatePublishRacedOnTwoReplicas) {
 // S5 and S6: the console's sessions and sign-in throttle are the database's, so
 // a browser may be answered by any replica and a stranger's guesses count
 // together wherever the balancer sends them.
+// S7: the dashboard of one replica adds up what every replica answered; each
+// replica adds its counts to the database every ten seconds.
+TEST_F(ScaleOutTest, OneDashboardAddsUpEveryReplica) {
+  const int r1 = replicas_[0]->port();
+  auto signIn = ConsolePost(r1, "login", {{"password", kConsolePassword}}, {});
+  ASSERT_TRUE(signIn);
+  ASSERT_EQ(signIn->status, 200) << signIn->body;
+  ConsoleBrowser browser;
+  const std::string setCookie = signIn->get_header_value("Set-Cookie");
+  browser.cookie = setCookie.substr(0, setCookie.find(';'));
+
+  constexpr int kRequests = 60;
+  DeviceClient device = Device("counted");
+  for (int i = 0; i < kRequests; ++i) ASSERT_TRUE(device.Call("subscriptions").ok()) << i;
+
+  nlohmann::json figures;
+  auto counted = [&] {
+    auto reply = ConsoleGet(r1, "figures", browser);
+    if (!reply || reply->status != 200) return false;
+    figures = nlohmann::json::parse(reply->body, nullptr, false);
+    return figures["totals"]["subscriptions"].value("requests", 0) == kRequests &&
+           figures["nodes"].size() == kReplicas;
+  };
+  const auto deadline = Clock::now() + 25s;
+  while (!counted() && Clock::now() < deadline) std::this_thread::sleep_for(500ms);
+  ASSERT_TRUE(figures.is_object()) << "no figures";
+  EXPECT_EQ(figures["totals"]["subscriptions"].value("requests", 0), kRequests) << figures.dump();
+  // Round robin gave each replica a third; the split names every one.
+  for (int i = 1; i <= kReplicas; ++i) {
+    const auto& node = figures["nodes"]["r" + std::to_string(i)];
+    EXPECT_GE(node.value("requests", 0), kRequests / kReplicas - 2) << figures["nodes"].dump();
+  }
+}
+
 TEST_F(ScaleOutTest, ConsoleSessionsAndThrottleAreSharedByReplicas) {
   const int r1 = replicas_[0]->port();
   const int r2 = replicas_[1]->port();
