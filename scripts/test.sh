@@ -7,6 +7,7 @@
 #                                 server or command-line host)
 #   ZSM_DEBUG_INFO=lines          line tables only (-g1): enough for stack traces, and
 #                                 a build about a third quicker than with full debug info
+#   ZSM_TEST_EXCLUDE_LABELS=scaleout  run every test but those with this label
 #   ZSM_BUILD_TARGETS="a b"       build only these targets (pair with ZSM_TEST_LABELS:
 #                                 tests of targets left unbuilt carry no label)
 set -euo pipefail
@@ -43,6 +44,7 @@ cmake --build "$build_dir" -j2 "${build_targets[@]}"
 
 label_args=()
 if [ -n "${ZSM_TEST_LABELS:-}" ]; then label_args=(-L "$ZSM_TEST_LABELS"); fi
+if [ -n "${ZSM_TEST_EXCLUDE_LABELS:-}" ]; then label_args+=(-LE "$ZSM_TEST_EXCLUDE_LABELS"); fi
 export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/scripts/tsan-suppressions.txt}"
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1 halt_on_error=1}"

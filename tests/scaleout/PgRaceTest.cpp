@@ -9,6 +9,7 @@
 #include <barrier>
 #include <map>
 #include <set>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -121,8 +122,11 @@ TEST_F(PgRaceTest, EachPushNoticeIsConsumedOnce) {
 TEST_F(PgRaceTest, CatalogNewestTimeMatchesTheItemsItLists) {
   ASSERT_TRUE(a_->Subscribe("alice", "reader", "f1").ok());
   std::atomic<bool> stop{false};
+  // The writer is paced and bounded: every catalog lists the whole feed, so an
+  // unbounded one would make each read slower than the last.
   std::thread writer([&] {
-    for (int i = 0; !stop; ++i) {
+    for (int i = 0; !stop && i < 3000; ++i) {
+      if (i % 10 == 9) std::this_thread::sleep_for(std::chrono::milliseconds(1));
       Item item = FeedItem("w" + std::to_string(i));
       item.createdMs = 10'000 + i;
       ASSERT_TRUE(b_->AddItem(item, 1).ok());
