@@ -184,6 +184,12 @@ TEST(DataFolderTest, TheWaitAfterTransientFailuresOutlastsARestart) {
 }
 
 TEST(DataFolderTest, AShortWriteOfAMediaFileFailsTheDownloadAndLeavesNothingHalfWritten) {
+#if defined(__SANITIZE_THREAD__)
+  // The child starts an engine's threads after a fork from a process that has
+  // threads of its own, which the thread sanitizer cannot follow; the other
+  // builds run this test.
+  GTEST_SKIP() << "threads started after a fork are not supported by the thread sanitizer";
+#endif
   TempFolder folder;
   MediaServer server;
   server.add("/big.mp4", patternBytes(6 << 20, 9));
