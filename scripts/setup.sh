@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config ninja-build
+  build-essential cmake pkg-config ninja-build ccache
   nlohmann-json3-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev
   libfmt-dev uuid-dev libcpp-httplib-dev libboost1.81-dev libcli11-dev libspdlog-dev
   libgtest-dev libgmock-dev libbenchmark-dev

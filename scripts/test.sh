@@ -29,7 +29,16 @@ if [ "${ZSM_DEBUG_INFO:-}" = lines ]; then
     -DCMAKE_CXX_FLAGS_DEBUG="-g1" -DCMAKE_C_FLAGS_DEBUG="-g1")
 fi
 
-cmake -S . -B "$build_dir" -G Ninja "${debug_args[@]}" \
+# A compiler cache makes the builds after the first one quick (CI builds four
+# times); paths are hashed relative to the folder above the project, so a fresh
+# clone elsewhere finds what an earlier one compiled.
+launcher_args=()
+if command -v ccache >/dev/null; then
+  export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$(cd .. && pwd)}"
+  launcher_args=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+fi
+
+cmake -S . -B "$build_dir" -G Ninja "${debug_args[@]}" "${launcher_args[@]}" \
   -DCMAKE_BUILD_TYPE="${ZSM_BUILD_TYPE:-RelWithDebInfo}" \
   -DZSM_WERROR="${ZSM_WERROR:-ON}" \
   -DZSM_SANITIZE="$sanitize" \
