@@ -35,6 +35,10 @@ fi
 launcher_args=()
 if command -v ccache >/dev/null; then
   export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$(cd .. && pwd)}"
+  # Debug information then names the build folder as it was where an object was
+  # first compiled: line tables and stack traces, which use relative paths, are
+  # unaffected.
+  export CCACHE_NOHASHDIR="${CCACHE_NOHASHDIR:-1}"
   launcher_args=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 fi
 
