@@ -192,23 +192,34 @@ void ItemAdmission::processFeeds(const std::shared_ptr<ZolvaniSubscriptionManage
       if (newItemAlreadyInEngine(*manager, itemText(*item, SubscriptionAssetDataAssetIDKey)))
         continue;
       logNewItem(*manager, *item);
-      auto asset = manager->addSubscriptionItemFromFeedItem(*item, feed, source);
-      if (!asset) continue;  // the engine refused it; nothing to track
-      if (manager->canAddItem(asset, feed)) {
-        added.emplace_back(asset);
-        std::vector<std::string> removed = manager->addItem(asset, feed);
-        if (!removed.empty()) {
-          manager->logString(fmt::format("While adding items to feed from sync, feed has more than "
-                                         "the max items in it, reset "
-                                         "content for ({})",
-                                         feed),
-                             1);
-          for (auto& uuid : removed) deleted.emplace_back(std::move(uuid));
+      // The asset and the feed's record of it are one admission: an engine
+      // that commits in batches lands both or neither, so a commit failing
+      // between them (a full disk) never leaves an asset that no feed tracks
+      // and every later sync would ignore as already there.
+      auto admit = [&] {
+        auto asset = manager->addSubscriptionItemFromFeedItem(*item, feed, source);
+        if (!asset) return;  // the engine refused it; nothing to track
+        if (manager->canAddItem(asset, feed)) {
+          added.emplace_back(asset);
+          std::vector<std::string> removed = manager->addItem(asset, feed);
+          if (!removed.empty()) {
+            manager->logString(
+                fmt::format("While adding items to feed from sync, feed has more than "
+                            "the max items in it, reset "
+                            "content for ({})",
+                            feed),
+                1);
+            for (auto& uuid : removed) deleted.emplace_back(std::move(uuid));
+          }
+        } else {
+          manager->addDeferredItem(asset, feed);
+          deferred.emplace_back(std::move(asset));
         }
-      } else {
-        manager->addDeferredItem(asset, feed);
-        deferred.emplace_back(std::move(asset));
-      }
+      };
+      if (env.engine.utilities)
+        env.engine.utilities->performAdmission(admit);
+      else
+        admit();
     }
     // This feed's asset-data maps are done with; the engine now holds its assets.
     items.clear();

@@ -174,6 +174,23 @@ TEST(ServicesTest, DeletionRemovesFilesRecordsAndAnnouncesIt) {
   EXPECT_EQ(engine->roles().assets->assetWithUUID(uuid, 0), nullptr);
 }
 
+// A deletion asked for inside an admission (a sync trimming a full feed) runs
+// once the admission ends: a deletion commits, and may wait for a transfer
+// that itself waits to commit.
+TEST(ServicesTest, ADeletionInsideAnAdmissionRunsOnceItEnds) {
+  TempFolder folder;
+  auto engine = startEngine(testOptions(folder.path()));
+  auto asset = makeFileAsset(*engine, "http://127.0.0.1:1/x.mp4", "x");
+  std::optional<bool> ok;
+  engine->roles().utilities->performAdmission([&] {
+    asset->deleteAssetWithReason(2, [&](bool r, std::optional<Error>) { ok = r; });
+    EXPECT_FALSE(ok.has_value());
+    EXPECT_NE(engine->roles().assets->assetWithUUID(asset->uuid(), 0), nullptr);
+  });
+  EXPECT_EQ(ok, std::optional<bool>(true));
+  EXPECT_EQ(engine->roles().assets->assetWithUUID(asset->uuid(), 0), nullptr);
+}
+
 TEST(ServicesTest, EveryFactoryFieldSurvivesARestart) {
   TempFolder folder;
   std::string uuid;

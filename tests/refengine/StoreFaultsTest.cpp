@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <future>
+#include <thread>
 
 #include "EngineTestSupport.h"
 #include "SqliteFaults.h"
@@ -50,18 +52,26 @@ std::string landed(const std::filesystem::path& file) {
 
 // Holds an asset's row and a feed record tracking it, as an admitted item
 // leaves them before their commit.
-void admit(EngineStore& store, SqliteStoreContext& context, const std::string& uuid) {
+void makeAsset(EngineStore& store, const std::string& uuid) {
   AssetFields f;
   f.uuid = uuid;
   f.assetID = "id-" + uuid;
   f.seq = 1;
   ASSERT_TRUE(store.assets().insert(f));
+}
+
+void track(SqliteStoreContext& context, const std::string& uuid) {
   context.performBlockAndWait([&] {
     auto record = context.insertSubscriptionData();
     record->setUuid("feed");
     record->feedItemsSet().add(std::make_shared<Item>(uuid));
   });
   ASSERT_TRUE(context.save());
+}
+
+void admit(EngineStore& store, SqliteStoreContext& context, const std::string& uuid) {
+  makeAsset(store, uuid);
+  track(context, uuid);
 }
 
 TEST(StoreFaultsTest, AStoreClosedOnAFullDiskLandsAnAssetWithItsFeedRecordOrNeither) {
@@ -126,6 +136,47 @@ TEST(StoreFaultsTest, FailedCommitsKeepEveryHeldWriteForTheNextOne) {
   ASSERT_TRUE(store.flush());
   EXPECT_EQ(landed(file), "1|1\n");
   EXPECT_EQ(query(file, "SELECT value FROM meta WHERE key='device_uuid';"), "d-1\n");
+  EXPECT_EQ(query(file, "PRAGMA integrity_check;"), "ok\n");
+}
+
+// Commits that fall due between an asset's row and its feed record wait for
+// the admission holding both: were the asset to land alone and the next commit
+// to fail, no feed would ever track it.
+TEST(StoreFaultsTest, NoCommitLandsInsideAnAdmission) {
+  TempFolder folder;
+  const auto file = folder.path() / "engine.sqlite3";
+  using namespace std::chrono_literals;
+  // Windows that close at once: only the admission keeps them from committing.
+  EngineStore store(reference::GroupCommitOptions{1ms, 1ms});
+  ASSERT_FALSE(store.open(file));
+  auto context = std::make_shared<SqliteStoreContext>(store.db(), store.commits());
+  std::future<bool> flushed;
+  {
+    reference::GroupCommit::Admission admission(store.commits());
+    makeAsset(store, "a1");
+    {
+      reference::GroupCommit::Admission nested(store.commits());  // a thread's own nesting
+      std::this_thread::sleep_for(150ms);
+    }
+    EXPECT_EQ(landed(file), "0|0\n") << "the asset landed without its feed record";
+    flushed = std::async(std::launch::async, [&] { return store.flush(); });
+    EXPECT_EQ(flushed.wait_for(100ms), std::future_status::timeout)
+        << "another thread's flush committed inside the admission";
+    EXPECT_EQ(landed(file), "0|0\n");
+    track(*context, "a1");
+  }
+  EXPECT_TRUE(flushed.get());
+  EXPECT_EQ(landed(file), "1|1\n");
+
+  // A thread that asks for a commit from inside its own admission gets it.
+  {
+    reference::GroupCommit::Admission admission(store.commits());
+    admit(store, *context, "a2");
+    EXPECT_TRUE(store.flush());
+    EXPECT_EQ(landed(file), "2|2\n");
+  }
+  context.reset();
+  store.close();
   EXPECT_EQ(query(file, "PRAGMA integrity_check;"), "ok\n");
 }
 

@@ -8,6 +8,9 @@
 namespace zolvani::testing {
 namespace {
 
+// The admission the calling thread is in; 0 outside any.
+thread_local std::uint64_t tAdmission = 0;
+
 thread_local const InMemoryStoreContext* blockContext = nullptr;
 thread_local int blockDepth = 0;
 
@@ -590,7 +593,15 @@ class EngineRoleSet {
     std::shared_ptr<ZolvaniManagedObjectContext> managedObjectContext() override {
       return e_->context_;
     }
-    void saveContext() override { e_->context_->save(); }
+    void saveContext() override {
+      e_->record([&] { e_->saveAdmissions_.push_back(tAdmission); });
+      e_->context_->save();
+    }
+    void performAdmission(const std::function<void()>& work) override {
+      const std::uint64_t outer = std::exchange(tAdmission, e_->nextAdmission_++);
+      work();
+      tAdmission = outer;
+    }
 
    private:
     EnginePtr e_;
@@ -754,6 +765,7 @@ std::shared_ptr<InMemoryAsset> InMemoryEngine::makeAsset(AssetCreation creation,
                                                          AssetReadyCallback ready,
                                                          AssetParseCallback parse) {
   if (refuseAssetCreation) return nullptr;
+  creation.admission = tAdmission;
   std::shared_ptr<InMemoryAsset> a;
   {
     std::lock_guard l(mutex_);
@@ -915,6 +927,11 @@ std::vector<std::shared_ptr<ZolvaniEventHandlerDelegate>> InMemoryEngine::handle
 }
 
 int InMemoryEngine::saveCount() const { return context_->saves(); }
+
+std::vector<std::uint64_t> InMemoryEngine::saveAdmissions() const {
+  std::lock_guard l(mutex_);
+  return saveAdmissions_;
+}
 
 void InMemoryEngine::record(std::function<void()> change) {
   std::lock_guard l(mutex_);

@@ -47,6 +47,8 @@ struct AssetCreation {
   std::int32_t assetDownloadLimit = 0;
   bool enableFastPlay = false;
   std::optional<Value::Map> userInfo;
+  // The admission (performAdmission) the asset was made in; 0 for none.
+  std::uint64_t admission = 0;
 };
 
 class InMemoryAsset final : public ZolvaniAsset,
@@ -164,6 +166,8 @@ class InMemoryEngine : public std::enable_shared_from_this<InMemoryEngine> {
   std::vector<std::shared_ptr<ZolvaniEventHandlerDelegate>> handlers() const;
   std::shared_ptr<InMemoryStoreContext> context() const { return context_; }
   int saveCount() const;
+  // The admission each saveContext() call ran in, in order; 0 for none.
+  std::vector<std::uint64_t> saveAdmissions() const;
 
   // Used by the roles.
   void record(std::function<void()> change);
@@ -203,6 +207,8 @@ class InMemoryEngine : public std::enable_shared_from_this<InMemoryEngine> {
   std::vector<std::string> queued_;
   std::vector<Startup> startups_;
   std::vector<std::string> keepAlive_;
+  std::vector<std::uint64_t> saveAdmissions_;
+  std::atomic<std::uint64_t> nextAdmission_{1};
   std::vector<std::weak_ptr<ZolvaniEventHandlerDelegate>> handlers_;
   std::shared_ptr<InMemoryStoreContext> context_;
   std::shared_ptr<void> roleSet_;

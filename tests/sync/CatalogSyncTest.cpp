@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <set>
 #include <thread>
 
 #include "sync/CatalogSync.h"
@@ -129,6 +130,37 @@ TEST_F(CatalogSyncTest, FirstSyncAdmitsDefersAndTrimsThenASecondSeesOnlyNewerIte
   EXPECT_EQ(notifiedIDs(notes.named(kSubscriptionManagerAssetDeferredNotification).back()),
             (std::vector<std::string>{"A6"}));
   EXPECT_EQ(lastSync(), 1770000000.0);
+}
+
+// Each asset a sync makes for a feed is made and recorded in the feed (tracked
+// or deferred) inside one admission of its own, so an engine that commits in
+// batches lands the two together or neither.
+TEST_F(CatalogSyncTest, EachFeedItemIsMadeAndRecordedInsideOneAdmission) {
+  const std::int64_t t = static_cast<std::int64_t>(kLastSync);
+  nlohmann::json reply =
+      catalog({feed("A", {item("A1", t + 1), item("A2", t + 2), item("A3", t + 3)}),
+               feed("B", {item("B1", t + 10)})},
+              {"A", "B"}, {{"A", rule(2, true)}, {"B", rule(-1, false)}});
+  reply["contentItems"] = nlohmann::json::array({item("D1", t + 5)});
+  ASSERT_TRUE(sync(FakeHttpTransport::ok(reply.dump())).success);
+
+  const std::vector<std::uint64_t> saves = bed.engine->saveAdmissions();
+  std::set<std::uint64_t> admissions;
+  std::vector<std::string> admitted;
+  for (const auto& asset : bed.engine->createdAssets()) {
+    const std::uint64_t admission = asset->creation().admission;
+    if (asset->assetID() == "D1") {
+      EXPECT_EQ(admission, 0u) << "a direct item belongs to no feed";
+      continue;
+    }
+    admitted.push_back(asset->assetID());
+    EXPECT_NE(admission, 0u) << asset->assetID() << " was made outside an admission";
+    EXPECT_TRUE(admissions.insert(admission).second) << asset->assetID() << " shares one";
+    EXPECT_NE(std::find(saves.begin(), saves.end(), admission), saves.end())
+        << asset->assetID() << " was not recorded in its feed inside its admission";
+  }
+  EXPECT_EQ(admitted, (std::vector<std::string>{"A1", "A2", "B1"}));
+  EXPECT_EQ(bed.manager->deferredEpisodes(), (std::vector<std::string>{"B1"}));
 }
 
 TEST_F(CatalogSyncTest, AForcedSyncOverlapsARunningOneAndSharesItsBackgroundTask) {

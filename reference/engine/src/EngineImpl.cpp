@@ -326,6 +326,16 @@ std::shared_ptr<ReferenceAsset> ReferenceEngine::Impl::findByAssetID(
 void ReferenceEngine::Impl::deleteAsset(
     const std::string& uuid, std::int64_t reason,
     std::function<void(bool, std::optional<Error>)> onComplete) {
+  // Inside an admission nothing may commit, and a deletion commits its row
+  // before its files go (and may wait for a transfer that waits to commit):
+  // it runs once the admission has ended.
+  if (store.commits().admitting()) {
+    store.commits().afterAdmission(
+        [self = shared_from_this(), uuid, reason, onComplete = std::move(onComplete)]() mutable {
+          self->deleteAsset(uuid, reason, std::move(onComplete));
+        });
+    return;
+  }
   std::shared_ptr<ReferenceAsset> asset;
   {
     std::unique_lock l(mutex_);

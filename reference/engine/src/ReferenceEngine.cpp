@@ -138,6 +138,10 @@ class UtilitiesRole final : public ZFM_Utilities {
     if (!e_->context->save())
       e_->log("Saving the store context failed: " + e_->store.db().lastError(), 0);
   }
+  void performAdmission(const std::function<void()>& work) override {
+    reference::GroupCommit::Admission admission(e_->store.commits());
+    work();
+  }
 
  private:
   ImplPtr e_;

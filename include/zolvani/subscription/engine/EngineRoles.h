@@ -151,6 +151,12 @@ class ZSM_EXPORT ZFM_Utilities {
   virtual std::shared_ptr<ZolvaniManagedObjectContext> managedObjectContext() = 0;
   // Commits every pending change of the shared context.
   virtual void saveContext() = 0;
+  // Runs `work`, which makes an asset and records it in a feed, as one
+  // admission: an engine that commits its store in batches commits none of
+  // what `work` changes before it returns, so the asset never lands without
+  // the feed record that tracks it. Deletions asked for inside may run once
+  // it ends. An engine that writes every change at once just runs `work`.
+  virtual void performAdmission(const std::function<void()>& work) { work(); }
 };
 
 class ZSM_EXPORT NSURLSessionHelper {

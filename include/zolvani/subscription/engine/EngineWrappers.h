@@ -111,8 +111,9 @@ class ZSM_EXPORT ZolvaniAppPersistenceWrapper : public ZolvaniAppPersistence {
   std::shared_ptr<ZolvaniAppPersistence> t_;
 };
 
-class ZSM_EXPORT ZFM_ReachabilityWrapper : public ZFM_Reachability,
-                                public std::enable_shared_from_this<ZFM_ReachabilityWrapper> {
+class ZSM_EXPORT ZFM_ReachabilityWrapper
+    : public ZFM_Reachability,
+      public std::enable_shared_from_this<ZFM_ReachabilityWrapper> {
  public:
   explicit ZFM_ReachabilityWrapper(std::shared_ptr<ZFM_Reachability> target)
       : t_(std::move(target)) {}
@@ -145,6 +146,7 @@ class ZSM_EXPORT ZFM_UtilitiesWrapper : public ZFM_Utilities {
     return t_->managedObjectContext();
   }
   void saveContext() override { t_->saveContext(); }
+  void performAdmission(const std::function<void()>& work) override { t_->performAdmission(work); }
 
  protected:
   std::shared_ptr<ZFM_Utilities> t_;

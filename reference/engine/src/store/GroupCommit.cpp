@@ -82,8 +82,80 @@ void GroupCommit::deferred() {
 }
 
 bool GroupCommit::flush() {
-  std::lock_guard dbLock(db_.mutex());
-  return commitLocked();
+  const bool closed = closeGate();
+  bool ok;
+  {
+    std::lock_guard dbLock(db_.mutex());
+    ok = commitLocked();
+  }
+  if (closed) openGate();
+  return ok;
+}
+
+std::vector<GroupCommit::ThreadAdmission>& GroupCommit::threadAdmissions() {
+  // A thread is rarely inside more than one store's admission; a list keeps
+  // two engines in one process apart.
+  thread_local std::vector<ThreadAdmission> open;
+  return open;
+}
+
+GroupCommit::ThreadAdmission* GroupCommit::threadAdmission(const GroupCommit* commits) {
+  for (auto& a : threadAdmissions())
+    if (a.commits == commits) return &a;
+  return nullptr;
+}
+
+bool GroupCommit::closeGate() {
+  if (admitting()) return false;  // this thread asked for it from inside
+  std::unique_lock gate(gateMutex_);
+  ++commitsWaiting_;
+  gateChanged_.wait(gate, [&] { return admissions_ == 0 && !committing_; });
+  --commitsWaiting_;
+  committing_ = true;
+  return true;
+}
+
+void GroupCommit::openGate() {
+  {
+    std::lock_guard gate(gateMutex_);
+    committing_ = false;
+  }
+  gateChanged_.notify_all();
+}
+
+GroupCommit::Admission::Admission(GroupCommit& commits) : commits_(commits) {
+  if (ThreadAdmission* mine = threadAdmission(&commits)) {
+    ++mine->depth;
+    return;
+  }
+  std::unique_lock gate(commits.gateMutex_);
+  commits.gateChanged_.wait(gate,
+                            [&] { return commits.commitsWaiting_ == 0 && !commits.committing_; });
+  ++commits.admissions_;
+  threadAdmissions().push_back({&commits, 1, {}});
+}
+
+GroupCommit::Admission::~Admission() {
+  ThreadAdmission* mine = threadAdmission(&commits_);
+  if (--mine->depth > 0) return;
+  auto after = std::move(mine->after);
+  std::erase_if(threadAdmissions(), [&](const auto& a) { return a.commits == &commits_; });
+  {
+    std::lock_guard gate(commits_.gateMutex_);
+    --commits_.admissions_;
+  }
+  commits_.gateChanged_.notify_all();
+  // Work handed over inside may open admissions of its own.
+  for (auto& work : after) work();
+}
+
+bool GroupCommit::admitting() const { return threadAdmission(this) != nullptr; }
+
+void GroupCommit::afterAdmission(std::function<void()> work) {
+  if (ThreadAdmission* mine = threadAdmission(this))
+    mine->after.push_back(std::move(work));
+  else
+    work();
 }
 
 void GroupCommit::abandon() {
@@ -183,12 +255,9 @@ void GroupCommit::run() {
       wake_.wait_until(l, due);
       continue;
     }
-    // The database's mutex comes first.
+    // The gate comes first, then the database's mutex.
     l.unlock();
-    {
-      std::lock_guard dbLock(db_.mutex());
-      commitLocked();
-    }
+    flush();
     l.lock();
   }
 }

@@ -21,8 +21,18 @@
 // tracked in a feed needs its asset's row) runs after it, and so lands after
 // it or not at all.
 //
+// Several writes that only make sense together (an asset and the feed record
+// that tracks it) run inside one admission (Admission): while any admission is
+// open no commit begins, so its writes land in one commit or not at all. A
+// commit that falls due waits for the open admissions to end, and a new
+// admission waits for a waiting commit, so a stream of admissions never
+// starves commits. A flush() from a thread inside an admission commits at once:
+// that thread asked for it. Work that must follow the admission's commit (files
+// removed after the row that owns them) is handed to afterAdmission().
+//
 // Thread-safety: write() and flush() may be called from any thread; both take
-// the database's mutex. The committer runs on a thread of its own.
+// the database's mutex. The committer runs on a thread of its own. Admissions
+// nest on one thread; the gate comes before the database's mutex.
 #pragma once
 
 #include <atomic>
@@ -89,6 +99,25 @@ class GroupCommit : public std::enable_shared_from_this<GroupCommit> {
   std::unique_lock<std::mutex> holdRows();
   // Commits now; false when the commit failed (the steps stay pending).
   bool flush();
+
+  // Holds commits back for its lifetime; see above.
+  class Admission {
+   public:
+    explicit Admission(GroupCommit& commits);
+    // Ends the admission; the outermost one of a thread then runs what was
+    // handed to afterAdmission(), in order, outside it.
+    ~Admission();
+    Admission(const Admission&) = delete;
+    Admission& operator=(const Admission&) = delete;
+
+   private:
+    GroupCommit& commits_;
+  };
+  // Whether the calling thread is inside an admission of this store.
+  bool admitting() const;
+  // Runs `work` once the calling thread's admission has ended, or now when
+  // it is in none.
+  void afterAdmission(std::function<void()> work);
   // Gives up what is not committed: every writer and the rows it holds go,
   // and the steps of the open transaction are rolled back. For a store that
   // closes after its last commit failed (a full disk): what could not be
@@ -102,6 +131,18 @@ class GroupCommit : public std::enable_shared_from_this<GroupCommit> {
  private:
   void run();
   bool commitLocked();
+  // The gate: a commit waits for every admission to end, and a new admission
+  // for a waiting commit. A thread inside an admission passes through.
+  // False when the calling thread is inside an admission, which it keeps.
+  bool closeGate();
+  void openGate();
+  struct ThreadAdmission {
+    const GroupCommit* commits;
+    int depth;
+    std::vector<std::function<void()>> after;
+  };
+  static std::vector<ThreadAdmission>& threadAdmissions();
+  static ThreadAdmission* threadAdmission(const GroupCommit* commits);
   // Marks a write at `now`: the committer is woken when the first one opens
   // a batch; later ones only move its deadline, which it reads when it wakes.
   void noteWriteLocked(std::chrono::steady_clock::time_point now);
@@ -109,7 +150,12 @@ class GroupCommit : public std::enable_shared_from_this<GroupCommit> {
 
   Database& db_;
   const GroupCommitOptions options_;
-  std::mutex held_;  // taken after the database's mutex, before mutex_
+  std::mutex gateMutex_;  // taken first, before the database's mutex
+  std::condition_variable gateChanged_;
+  int admissions_ = 0;       // open admissions, one per thread
+  int commitsWaiting_ = 0;   // commits waiting for them to end
+  bool committing_ = false;  // a commit holds the gate
+  std::mutex held_;          // taken after the database's mutex, before mutex_
   std::atomic<bool> commitWaits_{false};
   mutable std::mutex mutex_;  // guards the fields below; taken after the database's
   std::condition_variable wake_;
