@@ -21,7 +21,7 @@ const shots = process.env.ZSM_SCREENSHOTS ?? 'screenshots';
 const work = mkdtempSync(join(tmpdir(), 'zsm-console-team-'));
 const data = join(work, 'server');
 mkdirSync(shots, { recursive: true });
-const passwords = { alice: 'alice has a long password', ed: 'ed edits the feeds', vic: 'vic only looks around' };
+const passwords = { alice: 'alice has a long password', ada: 'ada also runs the place', ed: 'ed edits the feeds', vic: 'vic only looks around' };
 
 function step(text) {
   console.log(`- ${text}`);
@@ -105,6 +105,7 @@ try {
   await assert.rejects(command(['add-operator', 'ed', '--role', 'editor', '--data', data], `${passwords.ed}\n`),
     /first operator must be an administrator/);
   await command(['add-operator', 'alice', '--role', 'administrator', '--data', data], `${passwords.alice}\n`);
+  await command(['add-operator', 'ada', '--role', 'administrator', '--data', data], `${passwords.ada}\n`);
   await command(['add-operator', 'ed', '--role', 'editor', '--data', data], `${passwords.ed}\n`);
   await command(['add-operator', 'vic', '--role', 'viewer', '--data', data], `${passwords.vic}\n`);
   await assert.rejects(command(['add-operator', 'vic', '--role', 'viewer', '--data', data], `${passwords.vic}\n`),
@@ -157,7 +158,8 @@ try {
     { headers: { Origin: url }, data: { name: 'vic', password: passwords.vic } });
   assert.doesNotMatch(plain.headers()['set-cookie'], /Secure/);
 
-  for (const [who, c] of [['ed', ed], ['vic', vic]]) {
+  const ada = await client(browser, '198.51.100.10');
+  for (const [who, c] of [['ada', ada], ['ed', ed], ['vic', vic]]) {
     await signIn(c.page, url, who, passwords[who]);
     await c.page.locator('#page[data-page="dashboard"]').waitFor();
   }
@@ -192,6 +194,38 @@ try {
   feed = (await apiGet(alice.page, 'feeds')).feeds.find((f) => f.id === 'news');
   assert.equal(feed.title, 'Harbour News', "the colleague's title stays");
   assert.equal(feed.rules.max_assets, 3, 'the reapplied change is in');
+
+  step('two administrators edit one account at once: the later save is refused and reapplied');
+  assert.equal((await apiPost(alice.page, 'accounts/save', { user: 'harbour' })).status, 200);
+  await open(alice.page, url, 'accounts');
+  await open(ada.page, url, 'accounts');
+  await alice.page.click('button[data-account="harbour"]');
+  await ada.page.click('button[data-account="harbour"]');
+  await alice.page.fill('#account-edit [name=key]', 'key-from-alice');
+  await alice.page.click('#account-edit button[type=submit]');
+  await alice.page.locator('#toast', { hasText: 'Account harbour saved' }).waitFor();
+  await ada.page.fill('#account-edit [name=key]', 'key-from-ada');
+  await ada.page.click('#account-edit button[type=submit]');
+  const accountConflict = ada.page.locator('#account-conflict');
+  await accountConflict.waitFor();
+  assert.match(await accountConflict.textContent(), /Public key.*key-from-alice.*key-from-ada/s);
+  const harbour = async () => (await apiGet(alice.page, 'accounts')).accounts.find((a) => a.user === 'harbour');
+  assert.equal((await harbour()).key, 'key-from-alice', 'the refused save wrote nothing');
+  await ada.page.screenshot({ path: join(shots, 'team-account-conflict-desktop.png'), fullPage: true });
+  // The refusal waits for the operator through a redraw of the page.
+  await ada.page.waitForTimeout(3500);
+  await accountConflict.waitFor();
+  await ada.page.click('#account-reapply');
+  await ada.page.locator('#toast', { hasText: 'Account harbour saved' }).waitFor();
+  assert.equal((await harbour()).key, 'key-from-ada', 'the reapplied change is in');
+  await ada.page.locator('#account-conflict').waitFor({ state: 'detached' });
+  // Two administrators adding one new account: the second is told, and nothing of theirs is written.
+  await ada.page.fill('#account-save [name=user]', 'lobby');
+  await ada.page.fill('#account-save [name=key]', 'lobby-key-from-ada');
+  assert.equal((await apiPost(alice.page, 'accounts/save', { user: 'lobby', key: 'lobby-key-from-alice' })).status, 200);
+  await ada.page.click('#account-save button');
+  await ada.page.locator('#account-conflict', { hasText: 'Someone else added this account meanwhile' }).waitFor();
+  assert.equal((await apiGet(alice.page, 'accounts')).accounts.find((a) => a.user === 'lobby').key, 'lobby-key-from-alice');
 
   step('each role is refused what it may not do, in the pages and in the API');
   // A viewer sees no form and no change button anywhere.

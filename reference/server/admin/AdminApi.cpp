@@ -286,6 +286,14 @@ std::string AdminApi::FeedVersion(const Feed& feed) {
                          .dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
+std::string AdminApi::AccountVersion(const Account& account) {
+  // The secret is part of what a save may overwrite, so a new secret makes a
+  // new version; 64 bits of a digest give nothing of it away.
+  return ShortDigest(
+      json{{"user", account.user}, {"key", account.publicKey}, {"secret", account.secret}}.dump(
+          -1, ' ', false, json::error_handler_t::replace));
+}
+
 std::string AdminApi::RulesVersion(const FeedRules& rules) {
   return ShortDigest(RulesJson(rules).dump());
 }
@@ -920,7 +928,14 @@ AdminReply AdminApi::Accounts(const AdminRequest&, const Caller&, const json&) {
   if (!s.ok()) return FromStatus(s);
   json list = json::array();
   for (const auto& a : accounts) {
-    list.push_back({{"user", a.user}, {"key", a.publicKey}, {"devices", a.devices}});
+    // The summary keeps the secret in the store; the version needs it.
+    Account full;
+    Status found = content_->FindAccount(a.user, &full);
+    if (!found.ok()) return FromStatus(found);
+    list.push_back({{"user", a.user},
+                    {"key", a.publicKey},
+                    {"devices", a.devices},
+                    {"version", AccountVersion(full)}});
   }
   return Ok({{"accounts", std::move(list)}});
 }
@@ -931,12 +946,28 @@ AdminReply AdminApi::SaveAccount(const AdminRequest&, const Caller& caller, cons
   account.user = m.Text("user", true, 128);
   account.publicKey = m.Text("key", false, 512);
   account.secret = m.Text("secret", false, 512);
+  // The account as the editor saw it; none when the editor meant a new one.
+  const std::string version = m.Text("version", false, 64);
   const bool newSecret = m.Flag("new_secret").value_or(false);
   if (!m.problem().empty()) return Error(400, m.problem());
+  // Somebody changed (or made) this account since the edit began: the operator
+  // sees what is there now and decides, rather than overwriting a key or a
+  // secret that devices may already have been given.
+  auto stale = [&](const Account& current) {
+    AdminReply reply = Error(
+        409, version.empty()
+                 ? "account " + account.user + " was added by someone else"
+                 : "account " + account.user + " was changed by someone else since you opened it");
+    reply.body["current"] = {
+        {"user", current.user}, {"key", current.publicKey}, {"version", AccountVersion(current)}};
+    return reply;
+  };
   Account existing;
   Status s = content_->FindAccount(account.user, &existing);
   if (!s.ok() && !s.IsNotFound()) return FromStatus(s);
   const bool exists = s.ok();
+  if (exists && version != AccountVersion(existing)) return stale(existing);
+  if (!exists && !version.empty()) return Error(404, "unknown account " + account.user);
   if (account.publicKey.empty()) {
     account.publicKey = exists ? existing.publicKey : account.user + "-" + RandomHex(8);
   }
@@ -953,12 +984,17 @@ AdminReply AdminApi::SaveAccount(const AdminRequest&, const Caller& caller, cons
   if (account.publicKey.empty() || account.secret.empty()) {
     return Error(500, "no random bytes for a key");
   }
-  s = content_->AddAccount(account);
+  s = content_->UpdateAccount(exists ? std::optional<Account>(existing) : std::nullopt, account);
+  if (s.IsFailedPrecondition()) {
+    Account current;
+    if (content_->FindAccount(account.user, &current).ok()) return stale(current);
+  }
   if (!s.ok()) return FromStatus(s);
   RecordChange(caller, exists ? "account.update" : "account.create", account.user,
                {{"key", account.publicKey},
                 {"secret_changed", !exists || made || account.secret != existing.secret}});
-  json reply = {{"user", account.user}, {"key", account.publicKey}};
+  json reply = {
+      {"user", account.user}, {"key", account.publicKey}, {"version", AccountVersion(account)}};
   if (made) reply["secret"] = account.secret;
   return Ok(std::move(reply));
 }

@@ -96,6 +96,8 @@ class AdminApi {
   static std::string FeedVersion(const Feed& feed);
   // The version of a device's rules for one feed, as an edit of them carries it.
   static std::string RulesVersion(const FeedRules& rules);
+  // The version of an account an edit is made from: changes with its key or secret.
+  static std::string AccountVersion(const Account& account);
 
  private:
   // Who makes a request, as its session says.

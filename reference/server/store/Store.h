@@ -157,6 +157,11 @@ class Store {
   // Accounts. AddAccount replaces an account of the same user.
   virtual Status AddAccount(const Account& account) = 0;
   virtual Status FindAccount(const std::string& user, Account* account) = 0;
+  // An edit of an account made from what the editor saw: writes `updated` only
+  // while the stored account of that user still equals `expected`, or, with no
+  // `expected`, only while no account of that user exists. Otherwise
+  // FailedPrecondition, and nothing changes.
+  virtual Status UpdateAccount(const std::optional<Account>& expected, const Account& updated) = 0;
 
   // Records that a device of `user` made an authenticated request.
   virtual Status TouchDevice(const std::string& user, const std::string& device, int64_t nowMs) = 0;

@@ -463,6 +463,45 @@ TEST_F(AdminApiTest, AnEditFromAStaleVersionIsRefusedWithWhatIsThereNow) {
           ->UpdateRules("demo", "box-1", "news", FeedRules{1, true, 800000}, FeedRules{9, true, 0})
           .IsFailedPrecondition());
 
+  // An account likewise: a key set from a page opened before another operator
+  // gave the account a new secret would otherwise pass unnoticed.
+  json accountSeen = Call("GET", "accounts", nullptr, second).body["accounts"][0];
+  ASSERT_EQ(accountSeen["user"], "demo");
+  AdminReply renewed =
+      Call("POST", "accounts/save",
+           {{"user", "demo"}, {"new_secret", true}, {"version", accountSeen["version"]}}, first,
+           firstCsrf);
+  ASSERT_EQ(renewed.status, 200) << renewed.body.dump();
+  AdminReply staleKey =
+      Call("POST", "accounts/save",
+           {{"user", "demo"}, {"key", "second-key"}, {"version", accountSeen["version"]}}, second,
+           secondCsrf);
+  ASSERT_EQ(staleKey.status, 409) << staleKey.body.dump();
+  EXPECT_EQ(staleKey.body["current"]["version"], renewed.body["version"]);
+  EXPECT_EQ(staleKey.body.dump().find(renewed.body["secret"].get<std::string>()),
+            std::string::npos);
+  Account demo;
+  ASSERT_TRUE(content_->FindAccount("demo", &demo).ok());
+  EXPECT_EQ(demo.secret, renewed.body["secret"]);
+  EXPECT_NE(demo.publicKey, "second-key");
+  AdminReply keyAgain = Call(
+      "POST", "accounts/save",
+      {{"user", "demo"}, {"key", "second-key"}, {"version", staleKey.body["current"]["version"]}},
+      second, secondCsrf);
+  ASSERT_EQ(keyAgain.status, 200) << keyAgain.body.dump();
+  ASSERT_TRUE(content_->FindAccount("demo", &demo).ok());
+  EXPECT_EQ(demo.publicKey, "second-key");
+  EXPECT_EQ(demo.secret, renewed.body["secret"]);  // both edits stand
+  // Two operators "adding" one new account: the second is told it exists.
+  ASSERT_EQ(Call("POST", "accounts/save", {{"user", "lobby"}}, first, firstCsrf).status, 200);
+  AdminReply twice = Call("POST", "accounts/save", {{"user", "lobby"}}, second, secondCsrf);
+  ASSERT_EQ(twice.status, 409) << twice.body.dump();
+  EXPECT_NE(twice.body["error"].get<std::string>().find("added by someone else"),
+            std::string::npos);
+  EXPECT_EQ(Call("POST", "accounts/save", {{"user", "nobody"}, {"version", "0"}}, first, firstCsrf)
+                .status,
+            404);
+
   // An edit must say which version it was made from.
   EXPECT_EQ(Call("POST", "feeds/update", {{"id", "news"}, {"title", "x"}}, first, firstCsrf).status,
             400);
@@ -537,7 +576,10 @@ TEST_F(AdminApiTest, ChangesReachDevicesAndBadInputIsRefusedWithReasons) {
   EXPECT_GE(secret.size(), 32u);
   EXPECT_EQ(Call("GET", "accounts", nullptr, cookie).body.dump().find(secret), std::string::npos);
   EXPECT_EQ(Call("GET", "audit", nullptr, cookie).body.dump().find(secret), std::string::npos);
-  AdminReply kept = post("accounts/save", {{"user", "kiosk"}, {"key", "new-key"}});
+  AdminReply kept =
+      post("accounts/save",
+           {{"user", "kiosk"}, {"key", "new-key"}, {"version", account.body["version"]}});
+  ASSERT_EQ(kept.status, 200) << kept.body.dump();
   EXPECT_FALSE(kept.body.contains("secret"));
   Account stored;
   ASSERT_TRUE(content_->FindAccount("kiosk", &stored).ok());

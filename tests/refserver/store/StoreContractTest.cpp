@@ -214,6 +214,55 @@ TEST_P(StoreContractTest, OfTwoServersAdmittingOneSignatureExactlyOneWins) {
   EXPECT_EQ(others.load(), 0);
 }
 
+// Two consoles (one per server) edit one account from what each read: the
+// edit made second is refused whatever the interleaving, and a second "new
+// account" of one name never replaces the first's secret.
+TEST_P(StoreContractTest, OfTwoEditsMadeFromOneAccountExactlyOneLands) {
+  auto first = OpenAnother();
+  auto second = OpenAnother();
+  ASSERT_TRUE(first && second);
+  constexpr int kRounds = 40;
+  std::atomic<int> wins{0};
+  std::atomic<int> refused{0};
+  std::atomic<int> others{0};
+  auto run = [&](Store* store, const std::string& who) {
+    for (int i = 0; i < kRounds; ++i) {
+      const Account seen{"acct-" + std::to_string(i), "key", "secret"};
+      for (const auto& expected : {std::optional<Account>(), std::optional<Account>(seen)}) {
+        Account mine = seen;
+        mine.secret = who + "-" + std::to_string(i);
+        if (!expected) mine = seen;
+        const Status s = store->UpdateAccount(expected, mine);
+        (s.ok() ? wins : s.IsFailedPrecondition() ? refused : others)++;
+      }
+    }
+  };
+  std::thread a(run, first.get(), "a");
+  std::thread b(run, second.get(), "b");
+  a.join();
+  b.join();
+  // Per account: one creation and one edit land, one of each is refused.
+  EXPECT_EQ(wins.load(), 2 * kRounds);
+  EXPECT_EQ(refused.load(), 2 * kRounds);
+  EXPECT_EQ(others.load(), 0);
+  for (int i = 0; i < kRounds; ++i) {
+    Account stored;
+    ASSERT_TRUE(store_->FindAccount("acct-" + std::to_string(i), &stored).ok());
+    EXPECT_TRUE(stored.secret == "a-" + std::to_string(i) ||
+                stored.secret == "b-" + std::to_string(i))
+        << stored.secret;
+  }
+  // An edit from a state that never was, or of an account that is not there.
+  EXPECT_TRUE(
+      store_->UpdateAccount(Account{"alice", "alice-key", "old"}, Account{"alice", "k", "s"})
+          .IsFailedPrecondition());
+  EXPECT_TRUE(store_->UpdateAccount(Account{"nobody", "k", "s"}, Account{"nobody", "k", "t"})
+                  .IsFailedPrecondition());
+  Account alice;
+  ASSERT_TRUE(store_->FindAccount("alice", &alice).ok());
+  EXPECT_EQ(alice.secret, "alice-secret");
+}
+
 TEST_P(StoreContractTest, OfTwoServersPublishingOneItemExactlyOneAnnouncesIt) {
   ASSERT_TRUE(store_->GrantPublisher("news", "alice").ok());
   for (const char* device : {"s1", "s2", "s3"}) {

@@ -132,6 +132,28 @@ Status PgStore::AddAccount(const Account& account) {
   });
 }
 
+Status PgStore::UpdateAccount(const std::optional<Account>& expected, const Account& updated) {
+  if (updated.user.empty()) return Status::InvalidArgument("an account needs a user name");
+  PgResult r;
+  // One statement: the row it compares is the row it writes, whichever
+  // replica runs it.
+  Status s =
+      expected ? pool_.Run("update account",
+                           "UPDATE accounts SET public_key = $2, secret = $3 WHERE user_id = $1 "
+                           "AND public_key = $4 AND secret = $5 RETURNING user_id",
+                           {updated.user, updated.publicKey, updated.secret, expected->publicKey,
+                            expected->secret},
+                           &r)
+               : pool_.Run("add account",
+                           "INSERT INTO accounts (user_id, public_key, secret) VALUES ($1, $2, $3) "
+                           "ON CONFLICT (user_id) DO NOTHING RETURNING user_id",
+                           {updated.user, updated.publicKey, updated.secret}, &r);
+  if (!s.ok()) return s;
+  if (r.rows() == 0)
+    return Status::FailedPrecondition("account " + updated.user + " changed since it was read");
+  return Status::OK();
+}
+
 Status PgStore::FindAccount(const std::string& user, Account* account) {
   PgResult r;
   Status s =

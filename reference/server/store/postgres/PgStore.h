@@ -43,6 +43,7 @@ class PgStore final : public Store {
   PgStore& operator=(const PgStore&) = delete;
 
   Status AddAccount(const Account& account) override;
+  Status UpdateAccount(const std::optional<Account>& expected, const Account& updated) override;
   Status FindAccount(const std::string& user, Account* account) override;
   Status TouchDevice(const std::string& user, const std::string& device, int64_t nowMs) override;
   Status SetPushRegistration(const std::string& user, const std::string& device,

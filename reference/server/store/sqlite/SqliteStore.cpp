@@ -252,6 +252,23 @@ Status SqliteStore::AddAccount(const Account& account) {
   return Run(st, "add account");
 }
 
+Status SqliteStore::UpdateAccount(const std::optional<Account>& expected, const Account& updated) {
+  if (updated.user.empty()) return Status::InvalidArgument("an account needs a user name");
+  std::lock_guard lock(mutex_);
+  // One statement: the comparison and the write cannot be split by another writer.
+  Statement st(db_, expected ? "UPDATE accounts SET public_key = ?2, secret = ?3 "
+                               "WHERE user = ?1 AND public_key = ?4 AND secret = ?5"
+                             : "INSERT INTO accounts (user, public_key, secret) "
+                               "VALUES (?1, ?2, ?3) ON CONFLICT(user) DO NOTHING");
+  st.Bind(1, updated.user).Bind(2, updated.publicKey).Bind(3, updated.secret);
+  if (expected) st.Bind(4, expected->publicKey).Bind(5, expected->secret);
+  Status s = Run(st, "update account");
+  if (!s.ok()) return s;
+  if (sqlite3_changes(db_) == 0)
+    return Status::FailedPrecondition("account " + updated.user + " changed since it was read");
+  return Status::OK();
+}
+
 Status SqliteStore::FindAccount(const std::string& user, Account* account) {
   ReaderLease reader(this);
   Statement st(reader.db(), reader.Prepared(kFindAccount));

@@ -40,6 +40,7 @@ class SqliteStore final : public Store {
 
   // Accounts. AddAccount replaces an account of the same user.
   Status AddAccount(const Account& account) override;
+  Status UpdateAccount(const std::optional<Account>& expected, const Account& updated) override;
   Status FindAccount(const std::string& user, Account* account) override;
 
   // Records that a device of `user` made an authenticated request.

@@ -299,17 +299,87 @@ export async function accounts(root, redraw, state) {
     }
     return `Account ${r.user} saved`;
   };
+
+  // An edit starts from the account as listed (`base`, with its version) or
+  // from nothing (a new account). A save refused because someone changed or
+  // made the account meanwhile keeps the operator's values (`mine`) beside
+  // what is stored now, until they reapply or discard them; the live redraw
+  // keeps all of it.
+  const editor = h('div', { id: 'account-editor' });
+  const save = async (base, mine) => {
+    const body = { user: base ? base.user : mine.user, key: mine.key || null, secret: mine.secret || null };
+    if (mine.new_secret) body.new_secret = true;
+    if (base) body.version = base.version;
+    try {
+      const r = await post('accounts/save', body);
+      state.accountEdit = null;
+      toast(reveal(r));
+      await redraw();
+    } catch (e) {
+      if (e.status === 409 && e.data.current) {
+        state.accountEdit = { base: e.data.current, mine: { ...mine, user: body.user }, theirs: base };
+        drawEditor();
+      }
+      toast(e.message, true);
+    }
+  };
+  const drawEditor = () => {
+    const edit = state.accountEdit;
+    if (!edit) {
+      editor.replaceChildren();
+      return;
+    }
+    const { base, mine, theirs } = edit;
+    let conflict = null;
+    if (mine) {
+      const yoursKey = mine.key || 'kept';
+      const yoursSecret = mine.secret ? 'yours, typed' : mine.new_secret ? 'a new one made up' : 'kept';
+      const rows = [
+        { field: 'Public key', was: theirs ? theirs.key : '(no account)', now: base.key, mine: yoursKey },
+        { field: 'Secret', was: theirs ? 'as you saw it' : '(no account)', now: theirs && theirs.key === base.key ? 'changed' : 'unknown to you', mine: yoursSecret },
+      ];
+      conflict = h('div', { class: 'conflict', id: 'account-conflict', role: 'alert' },
+        h('p', {}, h('strong', {}, theirs ? 'Someone else changed this account after you opened it.' : 'Someone else added this account meanwhile.'),
+          ' Nothing of yours was saved. Here is what changed:'),
+        table('account-conflict-table', [['Field', (r) => r.field], ['When you opened it', (r) => r.was],
+          ['Now', (r) => r.now], ['Yours', (r) => r.mine]], rows, ''),
+        h('div', { class: 'row' },
+          h('button', { type: 'button', id: 'account-reapply', onclick: () => save(base, mine) },
+            'Reapply my changes to the current version'),
+          h('button', { type: 'button', class: 'secondary', onclick: () => { state.accountEdit = { base }; drawEditor(); } }, 'Discard mine')));
+    }
+    const form = h('form', { class: 'grid', id: 'account-edit' },
+      field('Public key (empty: keep it)', h('input', { name: 'key', value: mine?.key || base.key, maxlength: 512, autocapitalize: 'off' })),
+      field('Secret (empty: keep it)', h('input', { name: 'secret', type: 'password', maxlength: 512, autocomplete: 'new-password' })),
+      h('div', { class: 'row' },
+        h('button', { type: 'submit' }, 'Save'),
+        h('button', { type: 'button', class: 'secondary', onclick: () => { state.accountEdit = null; drawEditor(); } }, 'Close')));
+    form.addEventListener('submit', (ev) => {
+      ev.preventDefault();
+      const v = formValues(form);
+      save(base, { key: v.key === base.key ? '' : v.key, secret: v.secret });
+    });
+    editor.replaceChildren(h('section', { class: 'card' }, h('h2', {}, `Edit ${base.user}`), conflict, form));
+  };
+
   const form = h('form', { class: 'grid', id: 'account-save' },
     field('User', h('input', { name: 'user', required: true, maxlength: 128, autocapitalize: 'off' })),
     field('Public key (empty: made up)', h('input', { name: 'key', maxlength: 512, autocapitalize: 'off' })),
     field('Secret (empty: made up)', h('input', { name: 'secret', type: 'password', maxlength: 512, autocomplete: 'new-password' })),
-    h('button', { type: 'submit' }, 'Save account'));
+    h('button', { type: 'submit' }, 'Add account'));
   form.addEventListener('submit', async (ev) => {
     ev.preventDefault();
     const v = formValues(form);
-    await change('accounts/save', { user: v.user, key: v.key || null, secret: v.secret || null }, reveal, redraw);
+    await save(null, { user: v.user, key: v.key, secret: v.secret });
   });
   showSecret();
+  // A redraw shows the open edit as it was, on the account as it is listed now
+  // unless a refusal is waiting for the operator.
+  if (state.accountEdit && !state.accountEdit.mine) {
+    const now = list.find((a) => a.user === state.accountEdit.base.user);
+    state.accountEdit = now ? { base: now } : null;
+  }
+  drawEditor();
   const admin = may('administrator');
   root.replaceChildren(
     h('h1', {}, 'Accounts'),
@@ -317,13 +387,16 @@ export async function accounts(root, redraw, state) {
     h('section', { class: 'card' },
       table('accounts-table', [
         ['Account', (a) => h('strong', {}, a.user)], ['Public key', (a) => a.key], ['Devices', (a) => a.devices],
-        ['', (a) => !admin ? '' : h('button', { type: 'button', class: 'secondary', onclick: () => {
-          if (confirm(`Give ${a.user} a new secret? Its devices stop being accepted until they get it.`)) {
-            change('accounts/save', { user: a.user, new_secret: true }, reveal, redraw);
-          }
-        } }, 'New secret')]],
+        ['', (a) => !admin ? '' : h('div', { class: 'row' },
+          h('button', { type: 'button', class: 'secondary', 'data-account': a.user, onclick: () => { state.accountEdit = { base: a }; drawEditor(); editor.scrollIntoView({ behavior: 'smooth' }); } }, 'Edit'),
+          h('button', { type: 'button', class: 'secondary', onclick: () => {
+            if (confirm(`Give ${a.user} a new secret? Its devices stop being accepted until they get it.`)) {
+              save(a, { new_secret: true });
+            }
+          } }, 'New secret'))]],
       list, 'No accounts.')),
-    admin ? h('section', { class: 'card' }, h('h2', {}, 'Add or change an account'), form) : null);
+    editor,
+    admin ? h('section', { class: 'card' }, h('h2', {}, 'Add an account'), form) : null);
 }
 
 const kinds = [['', 'Any change'], ['feed.', 'Feeds'], ['publisher.', 'Publishers'], ['item.', 'Items'],
