@@ -266,6 +266,28 @@ try {
   await alice.page.click('#operator-save button');
   await alice.page.locator('#operators-table tr', { hasText: 'pat' }).locator('text=editor').waitFor();
 
+  step('two administrators change one operator at once: a stale role never comes back');
+  await open(ada.page, url, 'operators');
+  await ada.page.click('button[data-operator="pat"]');
+  await alice.page.click('button[data-operator="pat"]');
+  await alice.page.selectOption('#operator-edit [name=role]', 'viewer');
+  await alice.page.click('#operator-edit button[type=submit]');
+  await alice.page.locator('#toast', { hasText: 'pat is viewer' }).waitFor();
+  // Ada, from the page she opened before, gives pat a new password only.
+  await ada.page.fill('#operator-edit [name=password]', 'pat has another password');
+  await ada.page.click('#operator-edit button[type=submit]');
+  const operatorConflict = ada.page.locator('#operator-conflict');
+  await operatorConflict.waitFor();
+  assert.match(await operatorConflict.textContent(), /Role.*editor.*viewer.*kept/s);
+  await ada.page.click('#operator-reapply');
+  await ada.page.locator('#toast', { hasText: 'pat is viewer' }).waitFor();
+  const pat = (await apiGet(alice.page, 'operators')).operators.find((o) => o.name === 'pat');
+  assert.equal(pat.role, 'viewer', "the colleague's demotion stands");
+  const patClient = await client(browser, '198.51.100.11');
+  await signIn(patClient.page, url, 'pat', 'pat has another password');
+  await patClient.page.locator('#page[data-page="dashboard"]').waitFor();
+  assert.match(await patClient.page.locator('#who').textContent(), /pat \(viewer\)/, 'the reapplied password is in');
+
   step('the audit log names every operator, filters and pages');
   for (let i = 0; i < 12; ++i) {
     await apiPost(ed.page, i % 2 ? 'publishers/revoke' : 'publishers/grant', { feed: 'news', user: 'nobody' });

@@ -294,6 +294,17 @@ std::string AdminApi::AccountVersion(const Account& account) {
           -1, ' ', false, json::error_handler_t::replace));
 }
 
+std::string AdminApi::OperatorVersion(const Operator& op) {
+  // Any change of role or password sets changedMs and so makes a new version;
+  // the hash is in it too, for two changes within one millisecond.
+  return ShortDigest(json{
+      {"name", op.name},
+      {"role", RoleName(op.role)},
+      {"hash", op.passwordHash},
+      {"changed_ms",
+       op.changedMs}}.dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
 std::string AdminApi::RulesVersion(const FeedRules& rules) {
   return ShortDigest(RulesJson(rules).dump());
 }
@@ -1038,7 +1049,8 @@ AdminReply AdminApi::Operators(const AdminRequest&, const Caller&, const json&) 
     list.push_back({{"name", op.name},
                     {"role", RoleName(op.role)},
                     {"created_ms", op.createdMs},
-                    {"changed_ms", op.changedMs}});
+                    {"changed_ms", op.changedMs},
+                    {"version", OperatorVersion(op)}});
   }
   return Ok({{"operators", std::move(list)}});
 }
@@ -1048,31 +1060,60 @@ AdminReply AdminApi::SaveOperator(const AdminRequest&, const Caller& caller, con
   const std::string name = m.Text("name", true, 128);
   const std::string roleName = m.Text("role", true, 32);
   const std::string password = m.Text("password", false, PasswordHasher::kMaxPasswordLength);
+  // The operator as the editor saw them; none when the editor meant a new one.
+  const std::string version = m.Text("version", false, 64);
   if (!m.problem().empty()) return Error(400, m.problem());
   OperatorRole role;
   if (!ParseRole(roleName, &role)) {
     return Error(400, "\"role\" is one of viewer, editor, administrator");
   }
-  std::string encoded;
-  if (!password.empty()) {
-    Status s = PasswordHasher::Hash(password, PasswordHashParams{}, &encoded);
-    if (!s.ok()) return FromStatus(s);
-  }
-  const int64_t now = clockMs_();
+  // Somebody changed (or added) this operator since the edit began: a role
+  // written back from an old page would undo a colleague's demotion.
+  auto stale = [&](const Operator& current) {
+    AdminReply reply =
+        Error(409, version.empty()
+                       ? "operator " + name + " was added by someone else"
+                       : "operator " + name + " was changed by someone else since you opened it");
+    reply.body["current"] = {{"name", current.name},
+                             {"role", RoleName(current.role)},
+                             {"version", OperatorVersion(current)}};
+    return reply;
+  };
   Operator existing;
   Status s = console_->FindOperator(name, &existing);
   if (!s.ok() && !s.IsNotFound()) return FromStatus(s);
   const bool exists = s.ok();
+  if (exists && version != OperatorVersion(existing)) return stale(existing);
+  if (!exists && !version.empty()) return Error(404, "unknown operator " + name);
+  if (!exists && password.empty()) return Error(400, "a new operator needs a \"password\"");
+  std::string encoded;
+  if (!password.empty()) {
+    s = PasswordHasher::Hash(password, PasswordHashParams{}, &encoded);
+    if (!s.ok()) return FromStatus(s);
+  }
+  const int64_t now = clockMs_();
   if (exists) {
-    s = console_->UpdateOperator(name, role, encoded, now);
+    s = console_->UpdateOperator(name, &existing, role, encoded, now);
+    if (s.IsFailedPrecondition()) {
+      Operator current;
+      if (console_->FindOperator(name, &current).ok() &&
+          OperatorVersion(current) != OperatorVersion(existing)) {
+        return stale(current);
+      }
+    }
   } else {
-    if (encoded.empty()) return Error(400, "a new operator needs a \"password\"");
     s = console_->AddOperator({name, role, encoded, now, now});
+    if (s.IsAlreadyExists()) {
+      Operator current;
+      if (console_->FindOperator(name, &current).ok()) return stale(current);
+    }
   }
   if (!s.ok()) return FromStatus(s);
   RecordChange(caller, exists ? "operator.update" : "operator.create", name,
                {{"role", RoleName(role)}, {"password_changed", !encoded.empty()}});
-  return Ok({{"name", name}, {"role", RoleName(role)}});
+  Operator saved{name, role, encoded.empty() ? existing.passwordHash : encoded,
+                 exists ? existing.createdMs : now, now};
+  return Ok({{"name", name}, {"role", RoleName(role)}, {"version", OperatorVersion(saved)}});
 }
 
 AdminReply AdminApi::RemoveOperator(const AdminRequest&, const Caller& caller, const json& body) {

@@ -98,6 +98,8 @@ class AdminApi {
   static std::string RulesVersion(const FeedRules& rules);
   // The version of an account an edit is made from: changes with its key or secret.
   static std::string AccountVersion(const Account& account);
+  // The version of an operator an edit is made from: changes with role or password.
+  static std::string OperatorVersion(const Operator& op);
 
  private:
   // Who makes a request, as its session says.

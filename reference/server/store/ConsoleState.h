@@ -123,12 +123,16 @@ class ConsoleState {
 
   // Operators. AddOperator fails with AlreadyExists for a name in use.
   // UpdateOperator replaces the role, and the password hash when not empty, and
-  // sets changedMs; NotFound for an unknown name. Removing the last
+  // sets changedMs; NotFound for an unknown name. Given `expected` (the
+  // operator as the editor read them), it writes only while role, hash and
+  // changedMs are still those, and fails with FailedPrecondition otherwise.
+  // Removing the last
   // administrator, or taking the role from them, fails with FailedPrecondition
   // while other operators remain, so that someone can always manage operators.
   virtual Status AddOperator(const Operator& op) = 0;
-  virtual Status UpdateOperator(const std::string& name, OperatorRole role,
-                                const std::string& passwordHash, int64_t nowMs) = 0;
+  virtual Status UpdateOperator(const std::string& name, const Operator* expected,
+                                OperatorRole role, const std::string& passwordHash,
+                                int64_t nowMs) = 0;
   virtual Status RemoveOperator(const std::string& name) = 0;
   virtual Status FindOperator(const std::string& name, Operator* op) = 0;
   // Sorted by name.

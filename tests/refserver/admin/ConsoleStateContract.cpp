@@ -148,9 +148,10 @@ TEST_P(ConsoleStateContractTest, SomeoneAlwaysRemainsToManageOperators) {
   ASSERT_TRUE(state_->AddOperator({"bob", OperatorRole::kEditor, "hb", 1, 1}).ok());
   // The last administrator can neither go nor lose the role while others remain.
   EXPECT_TRUE(state_->RemoveOperator("alice").IsFailedPrecondition());
-  EXPECT_TRUE(state_->UpdateOperator("alice", OperatorRole::kEditor, "", 5).IsFailedPrecondition());
-  ASSERT_TRUE(state_->UpdateOperator("bob", OperatorRole::kAdministrator, "", 6).ok());
-  ASSERT_TRUE(state_->UpdateOperator("alice", OperatorRole::kViewer, "new", 7).ok());
+  EXPECT_TRUE(state_->UpdateOperator("alice", nullptr, OperatorRole::kEditor, "", 5)
+                  .IsFailedPrecondition());
+  ASSERT_TRUE(state_->UpdateOperator("bob", nullptr, OperatorRole::kAdministrator, "", 6).ok());
+  ASSERT_TRUE(state_->UpdateOperator("alice", nullptr, OperatorRole::kViewer, "new", 7).ok());
   Operator alice;
   ASSERT_TRUE(state_->FindOperator("alice", &alice).ok());
   EXPECT_EQ(alice.role, OperatorRole::kViewer);
@@ -166,7 +167,20 @@ TEST_P(ConsoleStateContractTest, SomeoneAlwaysRemainsToManageOperators) {
   EXPECT_FALSE(Live(Id('a'), 11));
   EXPECT_TRUE(Live(Id('b'), 11));
   EXPECT_TRUE(state_->RemoveOperator("alice").IsNotFound());
-  EXPECT_TRUE(state_->UpdateOperator("zed", OperatorRole::kViewer, "", 1).IsNotFound());
+  EXPECT_TRUE(state_->UpdateOperator("zed", nullptr, OperatorRole::kViewer, "", 1).IsNotFound());
+  // An edit made from what the editor read lands only while that is still so.
+  ASSERT_TRUE(state_->FindOperator("bob", &bob).ok());
+  const Operator seen = bob;
+  ASSERT_TRUE(state_->UpdateOperator("bob", &seen, OperatorRole::kAdministrator, "hb2", 20).ok());
+  EXPECT_TRUE(state_->UpdateOperator("bob", &seen, OperatorRole::kAdministrator, "", 21)
+                  .IsFailedPrecondition());
+  Operator sameRole = seen;
+  sameRole.passwordHash = "hb2";  // changedMs still tells the edits apart
+  EXPECT_TRUE(state_->UpdateOperator("bob", &sameRole, OperatorRole::kAdministrator, "", 21)
+                  .IsFailedPrecondition());
+  ASSERT_TRUE(state_->FindOperator("bob", &bob).ok());
+  EXPECT_EQ(bob.passwordHash, "hb2");
+  EXPECT_EQ(bob.changedMs, 20);
 }
 
 TEST_P(ConsoleStateContractTest, TheAuditLogFiltersByOperatorKindAndTimeAndPages) {

@@ -109,8 +109,9 @@ Status PgConsoleState::AddOperator(const Operator& op) {
   return Status::OK();
 }
 
-Status PgConsoleState::UpdateOperator(const std::string& name, OperatorRole role,
-                                      const std::string& passwordHash, int64_t nowMs) {
+Status PgConsoleState::UpdateOperator(const std::string& name, const Operator* expected,
+                                      OperatorRole role, const std::string& passwordHash,
+                                      int64_t nowMs) {
   return pool_->Transact(PgIsolation::kReadCommitted, [&](PgLease& lease) -> Status {
     Status s = Lock(lease, kOperatorsLock);
     if (!s.ok()) return s;
@@ -122,6 +123,10 @@ Status PgConsoleState::UpdateOperator(const std::string& name, OperatorRole role
     if (!s.ok()) return s;
     if (r.rows() == 0) return Status::NotFound("unknown operator " + name);
     const Operator op = ReadOperator(r, 0);
+    if (expected && (op.role != expected->role || op.passwordHash != expected->passwordHash ||
+                     op.changedMs != expected->changedMs)) {
+      return Status::FailedPrecondition("operator " + name + " changed since it was read");
+    }
     if (op.role == OperatorRole::kAdministrator && role != OperatorRole::kAdministrator) {
       int64_t others = 0;
       s = OtherAdministrators(lease, name, &others);

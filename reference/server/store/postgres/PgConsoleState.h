@@ -39,8 +39,8 @@ class PgConsoleState final : public ConsoleState {
   Status PasswordSetMs(int64_t* setMs) override;
 
   Status AddOperator(const Operator& op) override;
-  Status UpdateOperator(const std::string& name, OperatorRole role, const std::string& passwordHash,
-                        int64_t nowMs) override;
+  Status UpdateOperator(const std::string& name, const Operator* expected, OperatorRole role,
+                        const std::string& passwordHash, int64_t nowMs) override;
   Status RemoveOperator(const std::string& name) override;
   Status FindOperator(const std::string& name, Operator* op) override;
   Status ListOperators(std::vector<Operator>* operators) override;

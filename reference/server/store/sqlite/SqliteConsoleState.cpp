@@ -137,8 +137,9 @@ Status SqliteConsoleState::OtherAdministrators(const std::string& name, int64_t*
   return Status::OK();
 }
 
-Status SqliteConsoleState::UpdateOperator(const std::string& name, OperatorRole role,
-                                          const std::string& passwordHash, int64_t nowMs) {
+Status SqliteConsoleState::UpdateOperator(const std::string& name, const Operator* expected,
+                                          OperatorRole role, const std::string& passwordHash,
+                                          int64_t nowMs) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_, true);
   if (!tx.status().ok()) return tx.status();
@@ -152,6 +153,10 @@ Status SqliteConsoleState::UpdateOperator(const std::string& name, OperatorRole 
     if (rc == SQLITE_DONE) return Status::NotFound("unknown operator " + name);
     if (rc != SQLITE_ROW) return st.Error("find operator");
     op = ReadOperator(st);
+  }
+  if (expected && (op.role != expected->role || op.passwordHash != expected->passwordHash ||
+                   op.changedMs != expected->changedMs)) {
+    return Status::FailedPrecondition("operator " + name + " changed since it was read");
   }
   if (op.role == OperatorRole::kAdministrator && role != OperatorRole::kAdministrator) {
     int64_t others = 0;

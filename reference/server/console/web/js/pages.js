@@ -446,33 +446,99 @@ export async function audit(root, redraw, state) {
       h('div', { class: 'row pager' }, newer, h('span', { class: 'muted' }, `page ${state.pages.length + 1}`), older)));
 }
 
-export async function operators(root, redraw) {
+export async function operators(root, redraw, state) {
   if (!may('administrator')) {
     root.replaceChildren(h('h1', {}, 'Operators'), h('p', { class: 'muted' }, 'Only an administrator manages operators.'));
     return;
   }
   const { operators: list } = await get('operators');
   const roles = [['viewer', 'viewer: reads only'], ['editor', 'editor: feeds, items, devices'], ['administrator', 'administrator: also accounts and operators']];
+
+  // As for accounts: a change starts from the operator as listed and carries
+  // their version; a refusal shows what changed and offers to reapply.
+  const editor = h('div', { id: 'operator-editor' });
+  const save = async (base, mine) => {
+    // A role left as it was shown is not sent back over a colleague's change.
+    const body = { name: base ? base.name : mine.name, role: mine.role ?? base.role, password: mine.password || null };
+    if (base) body.version = base.version;
+    try {
+      const r = await post('operators/save', body);
+      state.operatorEdit = null;
+      toast(`${r.name} is ${r.role}`);
+      await redraw();
+    } catch (e) {
+      if (e.status === 409 && e.data.current) {
+        state.operatorEdit = { base: e.data.current, mine: { ...mine, name: body.name }, theirs: base };
+        drawEditor();
+      }
+      toast(e.message, true);
+    }
+  };
+  const drawEditor = () => {
+    const edit = state.operatorEdit;
+    if (!edit) {
+      editor.replaceChildren();
+      return;
+    }
+    const { base, mine, theirs } = edit;
+    let conflict = null;
+    if (mine) {
+      const rows = [
+        { field: 'Role', was: theirs ? theirs.role : '(no operator)', now: base.role, mine: mine.role ?? 'kept' },
+        { field: 'Password', was: theirs ? 'as you saw it' : '(no operator)', now: theirs && theirs.role === base.role ? 'changed' : 'unknown to you', mine: mine.password ? 'a new one' : 'kept' },
+      ];
+      conflict = h('div', { class: 'conflict', id: 'operator-conflict', role: 'alert' },
+        h('p', {}, h('strong', {}, theirs ? 'Someone else changed this operator after you opened it.' : 'Someone else added this operator meanwhile.'),
+          ' Nothing of yours was saved. Here is what changed:'),
+        table('operator-conflict-table', [['Field', (r) => r.field], ['When you opened it', (r) => r.was],
+          ['Now', (r) => r.now], ['Yours', (r) => r.mine]], rows, ''),
+        h('div', { class: 'row' },
+          h('button', { type: 'button', id: 'operator-reapply', onclick: () => save(base, mine) },
+            'Reapply my changes to the current version'),
+          h('button', { type: 'button', class: 'secondary', onclick: () => { state.operatorEdit = { base }; drawEditor(); } }, 'Discard mine')));
+    }
+    const form = h('form', { class: 'grid', id: 'operator-edit' },
+      field('Role', h('select', { name: 'role' }, options(roles, mine?.role || base.role))),
+      field('Password (empty: keep)', h('input', { name: 'password', type: 'password', minlength: 8, autocomplete: 'new-password' })),
+      h('div', { class: 'row' },
+        h('button', { type: 'submit' }, 'Save'),
+        h('button', { type: 'button', class: 'secondary', onclick: () => { state.operatorEdit = null; drawEditor(); } }, 'Close')));
+    form.addEventListener('submit', (ev) => {
+      ev.preventDefault();
+      const v = formValues(form);
+      save(base, { role: v.role !== base.role ? v.role : undefined, password: v.password });
+    });
+    editor.replaceChildren(h('section', { class: 'card' }, h('h2', {}, `Change ${base.name}`), conflict, form));
+  };
+  if (state.operatorEdit && !state.operatorEdit.mine) {
+    const now = list.find((o) => o.name === state.operatorEdit.base.name);
+    state.operatorEdit = now ? { base: now } : null;
+  }
+  drawEditor();
+
   const form = h('form', { class: 'grid', id: 'operator-save' },
     field('Name', h('input', { name: 'name', required: true, maxlength: 128, autocapitalize: 'off' })),
     field('Role', h('select', { name: 'role' }, options(roles, 'viewer'))),
-    field('Password (empty: keep)', h('input', { name: 'password', type: 'password', minlength: 8, autocomplete: 'new-password' })),
-    h('button', { type: 'submit' }, 'Save operator'));
+    field('Password', h('input', { name: 'password', type: 'password', minlength: 8, required: true, autocomplete: 'new-password' })),
+    h('button', { type: 'submit' }, 'Add operator'));
   form.addEventListener('submit', async (ev) => {
     ev.preventDefault();
     const v = formValues(form);
-    await change('operators/save', { name: v.name, role: v.role, password: v.password || null }, (r) => `${r.name} is ${r.role}`, redraw);
+    await save(null, { name: v.name, role: v.role, password: v.password });
   });
   root.replaceChildren(
     h('h1', {}, 'Operators'),
     h('section', { class: 'card' },
       table('operators-table', [
         ['Operator', (o) => h('strong', {}, o.name)], ['Role', (o) => o.role], ['Since', (o) => ago(o.created_ms)],
-        ['', (o) => h('button', { type: 'button', class: 'danger', onclick: () => {
-          if (confirm(`Remove ${o.name}? Their sessions end at once.`)) {
-            change('operators/remove', { name: o.name }, () => `${o.name} removed`, redraw);
-          }
-        } }, 'Remove')]],
+        ['', (o) => h('div', { class: 'row' },
+          h('button', { type: 'button', class: 'secondary', 'data-operator': o.name, onclick: () => { state.operatorEdit = { base: o }; drawEditor(); editor.scrollIntoView({ behavior: 'smooth' }); } }, 'Change'),
+          h('button', { type: 'button', class: 'danger', onclick: () => {
+            if (confirm(`Remove ${o.name}? Their sessions end at once.`)) {
+              change('operators/remove', { name: o.name }, () => `${o.name} removed`, redraw);
+            }
+          } }, 'Remove'))]],
       list, 'No operators: the console signs in with its one password.')),
-    h('section', { class: 'card' }, h('h2', {}, 'Add an operator or change one'), form));
+    editor,
+    h('section', { class: 'card' }, h('h2', {}, 'Add an operator'), form));
 }
