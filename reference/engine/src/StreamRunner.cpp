@@ -107,11 +107,8 @@ void ReferenceEngine::Impl::runStream(const std::shared_ptr<ReferenceAsset>& ass
 
   // The asset's row is committed before the stream's first byte, as a
   // single file's is: a restart then finds the asset that owns the folder.
-  // It is committed at the first answer rather than when the transfer
-  // starts: the library tracks a new item in its feed a moment after it
-  // creates the asset, and the later the commit, the less likely it lands
-  // the asset without the feed record (which a full disk may then keep from
-  // ever landing).
+  // The commit waits for an admission still open (the library recording the
+  // new item in its feed), so it never lands the asset without its record.
   auto committed = std::make_shared<std::once_flag>();
   const std::function<void()> commitBeforeFirstByte = [this, committed] {
     std::call_once(*committed, [this] { store.flush(); });

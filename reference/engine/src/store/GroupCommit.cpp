@@ -82,13 +82,19 @@ void GroupCommit::deferred() {
 }
 
 bool GroupCommit::flush() {
-  const bool closed = closeGate();
+  // Every write is held back until a commit takes it, so admissions need
+  // keeping out only until the rows are taken: the commit then writes and
+  // syncs them while the next admissions go on.
+  bool closed = closeGate();
+  auto open = [&] {
+    if (std::exchange(closed, false)) openGate();
+  };
   bool ok;
   {
     std::lock_guard dbLock(db_.mutex());
-    ok = commitLocked();
+    ok = commitLocked(open);
   }
-  if (closed) openGate();
+  open();
   return ok;
 }
 
@@ -177,7 +183,7 @@ std::string GroupCommit::lastError() const {
   return lastError_;
 }
 
-bool GroupCommit::commitLocked() {
+bool GroupCommit::commitLocked(const std::function<void()>& taken) {
   bool held;
   {
     // Cleared before the writer runs: a row kept back while it runs is
@@ -212,6 +218,7 @@ bool GroupCommit::commitLocked() {
       for (const auto& w : writers_) w.second.take();
     }
   }
+  taken();
   auto failWriting = [&](std::string error) {
     if (writing) {
       std::lock_guard heldLock(held_);

@@ -23,7 +23,8 @@
 //
 // Several writes that only make sense together (an asset and the feed record
 // that tracks it) run inside one admission (Admission): while any admission is
-// open no commit begins, so its writes land in one commit or not at all. A
+// open no commit takes the rows held back, so its writes land in one commit or
+// not at all. A
 // commit that falls due waits for the open admissions to end, and a new
 // admission waits for a waiting commit, so a stream of admissions never
 // starves commits. A flush() from a thread inside an admission commits at once:
@@ -130,7 +131,8 @@ class GroupCommit : public std::enable_shared_from_this<GroupCommit> {
 
  private:
   void run();
-  bool commitLocked();
+  // Calls `taken` once the held rows are taken (or when there are none).
+  bool commitLocked(const std::function<void()>& taken);
   // The gate: a commit waits for every admission to end, and a new admission
   // for a waiting commit. A thread inside an admission passes through.
   // False when the calling thread is inside an admission, which it keeps.
