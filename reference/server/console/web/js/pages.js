@@ -17,6 +17,18 @@ async function change(route, body, done, redraw) {
   }
 }
 
+// What a refused save shows: the fields as the operator opened them, as they
+// are now and as the operator wanted them, and the two ways on.
+function conflictBox(prefix, headline, rows, reapply, discard) {
+  return h('div', { class: 'conflict', id: `${prefix}-conflict`, role: 'alert' },
+    h('p', {}, h('strong', {}, headline), ' Nothing of yours was saved. Here is what changed:'),
+    table(`${prefix}-conflict-table`, [['Field', (r) => r.field], ['When you opened it', (r) => r.was],
+      ['Now', (r) => r.now], ['Yours', (r) => r.mine]], rows, 'No field differs.'),
+    h('div', { class: 'row' },
+      h('button', { type: 'button', id: `${prefix}-reapply`, onclick: reapply }, 'Reapply my changes to the current version'),
+      h('button', { type: 'button', class: 'secondary', onclick: discard }, 'Discard mine')));
+}
+
 function rulesInputs(r = { max_assets: 10, auto_delete: true, max_bitrate: 0 }) {
   return [
     field('Max items', h('input', { name: 'max_assets', type: 'number', min: 0, max: 100000, value: r.max_assets, required: true })),
@@ -129,15 +141,9 @@ export async function feeds(root, redraw) {
       const rows = Object.keys(label).filter((k) => value(theirs, k) !== value(base, k) || yours(k) !== value(theirs, k))
         .map((k) => ({ field: label[k], was: value(theirs, k), now: value(base, k), mine: yours(k) }));
       const mineChanged = changedFields(theirs, mine);
-      conflict = h('div', { class: 'conflict', id: 'feed-conflict', role: 'alert' },
-        h('p', {}, h('strong', {}, 'Someone else saved this feed after you opened it.'),
-          ' Nothing of yours was saved. Here is what changed:'),
-        table('feed-conflict-table', [['Field', (r) => r.field], ['When you opened it', (r) => r.was],
-          ['Now', (r) => r.now], ['Yours', (r) => r.mine]], rows, 'No field differs.'),
-        h('div', { class: 'row' },
-          h('button', { type: 'button', id: 'feed-reapply', onclick: () => save({ ...mineChanged, apply_to_subscribers: mine.apply_to_subscribers }, base.version) },
-            'Reapply my changes to the current version'),
-          h('button', { type: 'button', class: 'secondary', onclick: () => edit(base) }, 'Discard mine')));
+      conflict = conflictBox('feed', 'Someone else saved this feed after you opened it.', rows,
+        () => save({ ...mineChanged, apply_to_subscribers: mine.apply_to_subscribers }, base.version),
+        () => edit(base));
     }
     const grant = h('form', { class: 'grid', id: 'publisher-grant' },
       field('Account', h('select', { name: 'user' }, options(users))),
@@ -338,15 +344,8 @@ export async function accounts(root, redraw, state) {
         { field: 'Public key', was: theirs ? theirs.key : '(no account)', now: base.key, mine: yoursKey },
         { field: 'Secret', was: theirs ? 'as you saw it' : '(no account)', now: theirs && theirs.key === base.key ? 'changed' : 'unknown to you', mine: yoursSecret },
       ];
-      conflict = h('div', { class: 'conflict', id: 'account-conflict', role: 'alert' },
-        h('p', {}, h('strong', {}, theirs ? 'Someone else changed this account after you opened it.' : 'Someone else added this account meanwhile.'),
-          ' Nothing of yours was saved. Here is what changed:'),
-        table('account-conflict-table', [['Field', (r) => r.field], ['When you opened it', (r) => r.was],
-          ['Now', (r) => r.now], ['Yours', (r) => r.mine]], rows, ''),
-        h('div', { class: 'row' },
-          h('button', { type: 'button', id: 'account-reapply', onclick: () => save(base, mine) },
-            'Reapply my changes to the current version'),
-          h('button', { type: 'button', class: 'secondary', onclick: () => { state.accountEdit = { base }; drawEditor(); } }, 'Discard mine')));
+      conflict = conflictBox('account', theirs ? 'Someone else changed this account after you opened it.' : 'Someone else added this account meanwhile.',
+        rows, () => save(base, mine), () => { state.accountEdit = { base }; drawEditor(); });
     }
     const form = h('form', { class: 'grid', id: 'account-edit' },
       field('Public key (empty: keep it)', h('input', { name: 'key', value: mine?.key || base.key, maxlength: 512, autocapitalize: 'off' })),
@@ -487,15 +486,8 @@ export async function operators(root, redraw, state) {
         { field: 'Role', was: theirs ? theirs.role : '(no operator)', now: base.role, mine: mine.role ?? 'kept' },
         { field: 'Password', was: theirs ? 'as you saw it' : '(no operator)', now: theirs && theirs.role === base.role ? 'changed' : 'unknown to you', mine: mine.password ? 'a new one' : 'kept' },
       ];
-      conflict = h('div', { class: 'conflict', id: 'operator-conflict', role: 'alert' },
-        h('p', {}, h('strong', {}, theirs ? 'Someone else changed this operator after you opened it.' : 'Someone else added this operator meanwhile.'),
-          ' Nothing of yours was saved. Here is what changed:'),
-        table('operator-conflict-table', [['Field', (r) => r.field], ['When you opened it', (r) => r.was],
-          ['Now', (r) => r.now], ['Yours', (r) => r.mine]], rows, ''),
-        h('div', { class: 'row' },
-          h('button', { type: 'button', id: 'operator-reapply', onclick: () => save(base, mine) },
-            'Reapply my changes to the current version'),
-          h('button', { type: 'button', class: 'secondary', onclick: () => { state.operatorEdit = { base }; drawEditor(); } }, 'Discard mine')));
+      conflict = conflictBox('operator', theirs ? 'Someone else changed this operator after you opened it.' : 'Someone else added this operator meanwhile.',
+        rows, () => save(base, mine), () => { state.operatorEdit = { base }; drawEditor(); });
     }
     const form = h('form', { class: 'grid', id: 'operator-edit' },
       field('Role', h('select', { name: 'role' }, options(roles, mine?.role || base.role))),
