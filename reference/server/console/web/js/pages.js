@@ -29,6 +29,26 @@ function conflictBox(prefix, headline, rows, reapply, discard) {
       h('button', { type: 'button', class: 'secondary', onclick: discard }, 'Discard mine')));
 }
 
+// Saves an edit made from `base` (null: something new) and keeps it in
+// `state[key]`: gone once saved; after a refusal because someone changed or
+// added the thing meanwhile, what is there now beside the operator's `mine`,
+// which survives redraws until they reapply or discard it.
+async function saveVersioned(route, body, base, mine, { state, key, done, redraw, draw }) {
+  if (base) body.version = base.version;
+  try {
+    const r = await post(route, body);
+    state[key] = null;
+    toast(done(r));
+    await redraw();
+  } catch (e) {
+    if (e.status === 409 && e.data.current) {
+      state[key] = { base: e.data.current, mine, theirs: base };
+      draw();
+    }
+    toast(e.message, true);
+  }
+}
+
 function rulesInputs(r = { max_assets: 10, auto_delete: true, max_bitrate: 0 }) {
   return [
     field('Max items', h('input', { name: 'max_assets', type: 'number', min: 0, max: 100000, value: r.max_assets, required: true })),
@@ -315,19 +335,8 @@ export async function accounts(root, redraw, state) {
   const save = async (base, mine) => {
     const body = { user: base ? base.user : mine.user, key: mine.key || null, secret: mine.secret || null };
     if (mine.new_secret) body.new_secret = true;
-    if (base) body.version = base.version;
-    try {
-      const r = await post('accounts/save', body);
-      state.accountEdit = null;
-      toast(reveal(r));
-      await redraw();
-    } catch (e) {
-      if (e.status === 409 && e.data.current) {
-        state.accountEdit = { base: e.data.current, mine: { ...mine, user: body.user }, theirs: base };
-        drawEditor();
-      }
-      toast(e.message, true);
-    }
+    await saveVersioned('accounts/save', body, base, { ...mine, user: body.user },
+      { state, key: 'accountEdit', done: reveal, redraw, draw: () => drawEditor() });
   };
   const drawEditor = () => {
     const edit = state.accountEdit;
@@ -459,19 +468,8 @@ export async function operators(root, redraw, state) {
   const save = async (base, mine) => {
     // A role left as it was shown is not sent back over a colleague's change.
     const body = { name: base ? base.name : mine.name, role: mine.role ?? base.role, password: mine.password || null };
-    if (base) body.version = base.version;
-    try {
-      const r = await post('operators/save', body);
-      state.operatorEdit = null;
-      toast(`${r.name} is ${r.role}`);
-      await redraw();
-    } catch (e) {
-      if (e.status === 409 && e.data.current) {
-        state.operatorEdit = { base: e.data.current, mine: { ...mine, name: body.name }, theirs: base };
-        drawEditor();
-      }
-      toast(e.message, true);
-    }
+    await saveVersioned('operators/save', body, base, { ...mine, name: body.name },
+      { state, key: 'operatorEdit', done: (r) => `${r.name} is ${r.role}`, redraw, draw: () => drawEditor() });
   };
   const drawEditor = () => {
     const edit = state.operatorEdit;
