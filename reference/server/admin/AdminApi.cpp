@@ -470,17 +470,43 @@ AdminReply AdminApi::Handle(const AdminRequest& request) {
 }
 
 Status AdminApi::LoginWaitMs(const std::string& clientKey, const std::string& nameKey,
-                             int64_t nowMs, int64_t* waitMs) {
+                             int64_t nowMs, int64_t* waitMs, int64_t seen[2]) {
   *waitMs = 0;
+  int i = 0;
   for (const auto& [key, free] :
        {std::pair<const std::string&, int>{clientKey, kFreeFailuresPerClient},
         std::pair<const std::string&, int>{nameKey, kFreeFailuresPerName}}) {
     LoginFailures failures;
     Status s = console_->ReadLoginFailures(key, &failures);
     if (!s.ok()) return s;
-    if (nowMs - failures.lastFailureMs > kForgetMs) continue;
+    const bool forgotten = nowMs - failures.lastFailureMs > kForgetMs;
+    seen[i++] = forgotten ? 0 : failures.failures;
+    if (forgotten) continue;
     const int64_t until = failures.lastFailureMs + LoginDelayMs(failures.failures, free);
     *waitMs = std::max(*waitMs, until - nowMs);
+  }
+  return Status::OK();
+}
+
+Status AdminApi::ClaimLoginAttempt(const std::string& clientKey, const std::string& nameKey,
+                                   bool named, int64_t nowMs, const int64_t seen[2],
+                                   int64_t* waitMs) {
+  *waitMs = 0;
+  const std::pair<const std::string&, int> keys[] = {{clientKey, kFreeFailuresPerClient},
+                                                     {nameKey, kFreeFailuresPerName}};
+  for (int i = 0; i < (named ? 2 : 1); ++i) {
+    const auto& [key, free] = keys[i];
+    const int64_t read = seen[i];
+    LoginFailures after;
+    Status s = console_->RecordLoginFailure(key, nowMs, kForgetMs, &after);
+    if (!s.ok()) return s;
+    // This attempt's place among the failures: within the free ones, or the
+    // very place the wait was checked for, it goes on; a place that another
+    // attempt took first waits as a failure there would.
+    const int64_t before = after.failures - 1;
+    if (before >= free && before != read) {
+      *waitMs = std::max(*waitMs, LoginDelayMs(before, free));
+    }
   }
   return Status::OK();
 }
@@ -496,10 +522,7 @@ AdminReply AdminApi::Login(const AdminRequest& request, const json& body) {
   caller.name = name;
   const std::string clientKey = "client " + ClientKey(caller.client);
   const std::string nameKey = "name " + name + " from " + ClientKey(caller.client);
-  int64_t waitMs = 0;
-  Status s = LoginWaitMs(clientKey, nameKey, now, &waitMs);
-  if (!s.ok()) return FromStatus(s);
-  if (waitMs > 0) {
+  auto tooMany = [](int64_t waitMs) {
     // Even the right password waits: guessing must not learn anything meanwhile.
     const int64_t seconds = (waitMs + 999) / 1000;
     AdminReply reply = Error(
@@ -507,7 +530,12 @@ AdminReply AdminApi::Login(const AdminRequest& request, const json& body) {
     reply.body["retry_after_s"] = seconds;
     reply.headers.emplace_back("Retry-After", std::to_string(seconds));
     return reply;
-  }
+  };
+  int64_t waitMs = 0;
+  int64_t seen[2] = {0, 0};
+  Status s = LoginWaitMs(clientKey, nameKey, now, &waitMs, seen);
+  if (!s.ok()) return FromStatus(s);
+  if (waitMs > 0) return tooMany(waitMs);
   int64_t operators = 0;
   s = console_->CountOperators(&operators);
   if (!s.ok()) return FromStatus(s);
@@ -528,6 +556,12 @@ AdminReply AdminApi::Login(const AdminRequest& request, const json& body) {
     if (!s.ok()) return FromStatus(s);
     if (!name.empty()) encoded.clear();  // no operators yet: a name cannot be right
   }
+  // The attempt counts as a failure before the password is checked, and is
+  // forgotten if it was right: guesses sent all at once, each read the count
+  // before any was recorded, would otherwise all get past the wait.
+  s = ClaimLoginAttempt(clientKey, nameKey, !name.empty(), now, seen, &waitMs);
+  if (!s.ok()) return FromStatus(s);
+  if (waitMs > 0) return tooMany(waitMs);
   if (encoded.empty()) {
     // An unknown name takes as long to refuse as a wrong password, so that the
     // time of a refusal does not tell which names exist.
@@ -539,10 +573,6 @@ AdminReply AdminApi::Login(const AdminRequest& request, const json& body) {
     PasswordHasher::Verify(decoy, password);
   }
   if (encoded.empty() || !PasswordHasher::Verify(encoded, password)) {
-    LoginFailures after;
-    s = console_->RecordLoginFailure(clientKey, now, kForgetMs, &after);
-    if (s.ok() && !name.empty()) s = console_->RecordLoginFailure(nameKey, now, kForgetMs, &after);
-    if (!s.ok()) return FromStatus(s);
     RecordChange(caller, "login.refused", "console", json::object());
     return Error(401, operators > 0 ? "wrong name or password" : "wrong password");
   }

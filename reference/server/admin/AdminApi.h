@@ -171,9 +171,15 @@ class AdminApi {
   // Records a change; a failure to record is logged, the change stands.
   void RecordChange(const Caller& caller, const std::string& action, const std::string& target,
                     nlohmann::json details);
-  // The milliseconds the sign-in throttle makes this attempt wait; 0 when none.
+  // The milliseconds the sign-in throttle makes this attempt wait (0 when
+  // none), and the failure counts that was worked out from (`seen`: the
+  // client's, then the name's).
   Status LoginWaitMs(const std::string& clientKey, const std::string& nameKey, int64_t nowMs,
-                     int64_t* waitMs);
+                     int64_t* waitMs, int64_t seen[2]);
+  // Counts an attempt as a failure before its password is checked; `waitMs`
+  // is set when attempts sent at once took the places the check allowed.
+  Status ClaimLoginAttempt(const std::string& clientKey, const std::string& nameKey, bool named,
+                           int64_t nowMs, const int64_t seen[2], int64_t* waitMs);
 
   Store* content_;
   ConsoleState* console_;

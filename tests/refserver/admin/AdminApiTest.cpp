@@ -7,6 +7,8 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "reference/server/admin/AdminApi.h"
 #include "reference/server/admin/PasswordHasher.h"
@@ -229,6 +231,30 @@ TEST_F(AdminApiTest, SignInNeedsThePasswordAndGivesAStrictHttpOnlyCookie) {
   EXPECT_NE(cookie.find("; Path=/admin"), std::string::npos);
   // The session identifier and the change token are different secrets.
   EXPECT_EQ(cookie.find(good.body["csrf_token"].get<std::string>()), std::string::npos);
+}
+
+// Guesses sent all at once each read the failure count before any of them
+// was recorded; counted before their passwords are checked, no more of them
+// are checked than one after another would be.
+TEST_F(AdminApiTest, GuessesSentAtOnceGetNoMoreTriesThanOneAfterAnother) {
+  SetPassword();
+  peer_ = "203.0.113.50";
+  constexpr int kGuesses = 3 * AdminApi::kFreeFailuresPerClient;
+  std::atomic<int> refused{0}, held{0}, other{0};
+  std::vector<std::thread> guessers;
+  for (int i = 0; i < kGuesses; ++i) {
+    guessers.emplace_back([&, i] {
+      const int status = Call("POST", "login", {{"password", "guess " + std::to_string(i)}}).status;
+      (status == 401 ? refused : status == 429 ? held : other)++;
+    });
+  }
+  for (auto& t : guessers) t.join();
+  EXPECT_EQ(refused.load(), AdminApi::kFreeFailuresPerClient);
+  EXPECT_EQ(held.load(), kGuesses - AdminApi::kFreeFailuresPerClient);
+  EXPECT_EQ(other.load(), 0);
+  // The operator elsewhere signs in at once.
+  peer_ = "127.0.0.1";
+  EXPECT_EQ(Call("POST", "login", {{"password", kPassword}}).status, 200);
 }
 
 TEST_F(AdminApiTest, AStrangersFailuresMakeOnlyTheStrangerWaitLongerAndLonger) {
