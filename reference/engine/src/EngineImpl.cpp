@@ -231,8 +231,13 @@ bool ReferenceEngine::Impl::persist(const AssetFields& f) {
   // Checked and written while the asset maps cannot change, so that a late
   // write from a transfer or a caller never brings a deleted asset's row back.
   std::shared_lock l(assetsMutex_);
-  if (!assets_.count(f.uuid)) return false;
-  if (store.assets().update(f)) return true;
+  auto it = assets_.find(f.uuid);
+  if (it == assets_.end()) return false;
+  // The asset as it is when its row is held, not as the caller saw it: a
+  // caller slowed down between the two (a queueing whose download finished
+  // meanwhile) would otherwise write its older state over the finished one.
+  const std::shared_ptr<ReferenceAsset>& asset = it->second;
+  if (store.assets().update([&] { return asset->fields(); })) return true;
   if (logger_) log("Could not write asset " + f.uuid + ": " + store.db().lastError(), 0);
   return false;
 }

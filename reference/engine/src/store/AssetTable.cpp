@@ -150,8 +150,13 @@ bool AssetTable::insert(const AssetFields& f) {
 }
 
 bool AssetTable::update(const AssetFields& f) {
+  return update([&f] { return f; });
+}
+
+bool AssetTable::update(const std::function<AssetFields()>& current) {
   {
     auto l = commits_.holdRows();
+    const AssetFields f = current();
     auto it = known_.find(f.uuid);
     if (it == known_.end()) return false;  // no row to update
     Progress now = progressOf(f);

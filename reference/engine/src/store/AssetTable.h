@@ -17,6 +17,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -43,6 +44,10 @@ class AssetTable {
   // Holds the changing columns back when they differ from what the row will
   // hold; false for an asset without a row.
   bool update(const AssetFields& fields);
+  // The same with the fields `current` gives, read while the row is held:
+  // callers that read an asset's fields and then hold them could otherwise
+  // land in the other order, and an older state would win.
+  bool update(const std::function<AssetFields()>& current);
   // Holds back the removal of the row and of the asset's entries in every
   // feed record, which land at once; false for an asset without a row.
   bool remove(const std::string& uuid);
