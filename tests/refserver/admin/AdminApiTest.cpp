@@ -1,10 +1,12 @@
 // The admin API's gatekeeping (every route without a session, with a forged change
 // and with a good session) and what its changes do to the store and the audit log.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -442,6 +444,89 @@ TEST_F(AdminApiTest, OperatorsReplaceTheConsolePasswordAndEachRoleIsHeldToIt) {
             409);
   EXPECT_EQ(Call("POST", "operators/remove", {{"name", "alice"}}, admin.first, admin.second).status,
             409);
+}
+
+// Runs `sql` on one of the server's database files through a connection of
+// its own, as a fault planted from outside.
+void ExecOn(const fs::path& file, const std::string& sql) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+      << sqlite3_errmsg(db);
+  sqlite3_close(db);
+}
+
+// A write the store refuses answers with an error, changes nothing, records
+// no change and leaves the edit's version good, so the operator sends the
+// same edit again once the store takes writes; a sign-in whose attempt cannot
+// be counted is refused rather than let past the throttle.
+TEST_F(AdminApiTest, AFailedWriteChangesNothingAndTheSameEditGoesThroughAfterwards) {
+  std::string hash;
+  ASSERT_TRUE(PasswordHasher::Hash(kPassword, {1, 1024, 1}, &hash).ok());
+  ASSERT_TRUE(console_->AddOperator({"alice", OperatorRole::kAdministrator, hash, 1, 1}).ok());
+  ASSERT_TRUE(console_->AddOperator({"ed", OperatorRole::kEditor, hash, 1, 1}).ok());
+  const auto [cookie, csrf] = SignIn("alice");
+  const json account = Call("GET", "accounts", nullptr, cookie).body["accounts"][0];
+  const json operators = Call("GET", "operators", nullptr, cookie).body["operators"];
+  json ed;
+  for (const auto& op : operators)
+    if (op["name"] == "ed") ed = op;
+  struct Case {
+    const char* what;
+    fs::path file;
+    const char* table;
+    const char* route;
+    json body;
+    std::function<bool()> landed;
+  } cases[] = {
+      {"an account's new key",
+       dir_ / "server.sqlite",
+       "accounts",
+       "accounts/save",
+       {{"user", "demo"}, {"key", "key-2"}, {"version", account["version"]}},
+       [&] {
+         Account a;
+         return content_->FindAccount("demo", &a).ok() && a.publicKey == "key-2";
+       }},
+      {"an operator's new role",
+       dir_ / "console.sqlite",
+       "operators",
+       "operators/save",
+       {{"name", "ed"}, {"role", "viewer"}, {"version", ed["version"]}},
+       [&] {
+         Operator op;
+         return console_->FindOperator("ed", &op).ok() && op.role == OperatorRole::kViewer;
+       }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    AuditQuery changes;
+    changes.operatorName = "alice";
+    std::vector<AuditEntry> before, after;
+    ASSERT_TRUE(console_->ListAudit(changes, &before).ok());
+    ExecOn(c.file, std::string("CREATE TRIGGER fault BEFORE UPDATE ON ") + c.table +
+                       " BEGIN SELECT RAISE(ABORT, 'injected fault'); END");
+    const AdminReply refused = Call("POST", c.route, c.body, cookie, csrf);
+    EXPECT_GE(refused.status, 500) << refused.body.dump();
+    EXPECT_FALSE(c.landed());
+    ASSERT_TRUE(console_->ListAudit(changes, &after).ok());
+    EXPECT_EQ(after.size(), before.size()) << "a change that did not happen was recorded";
+    ExecOn(c.file, "DROP TRIGGER fault");
+    const AdminReply again = Call("POST", c.route, c.body, cookie, csrf);
+    EXPECT_EQ(again.status, 200) << again.body.dump();
+    EXPECT_TRUE(c.landed());
+  }
+
+  peer_ = "198.51.100.20";
+  ExecOn(dir_ / "console.sqlite",
+         "CREATE TRIGGER fault BEFORE INSERT ON login_failures "
+         "BEGIN SELECT RAISE(ABORT, 'injected fault'); END");
+  json right = {{"name", "alice"}, {"password", kPassword}};
+  const AdminReply uncounted = Call("POST", "login", right);
+  EXPECT_GE(uncounted.status, 500) << uncounted.body.dump();
+  EXPECT_TRUE(uncounted.setCookies.empty());
+  ExecOn(dir_ / "console.sqlite", "DROP TRIGGER fault");
+  EXPECT_EQ(Call("POST", "login", right).status, 200);
 }
 
 TEST_F(AdminApiTest, AnEditFromAStaleVersionIsRefusedWithWhatIsThereNow) {
